@@ -1,0 +1,84 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+
+#include "log/fault.h"
+
+namespace postiq {
+
+class Clock;
+class Desktop;
+
+// Whether the debug log is written: the configuration's debug mode once it is loaded, always
+// (with a banner) before.
+class DebugSwitch {
+public:
+    virtual ~DebugSwitch() = default;
+    virtual bool configLoaded() const = 0;
+    virtual bool debugMode() const = 0;
+};
+
+// Debug-log entry kinds: colour and leading glyph.
+enum DebugKind : int {
+    DbgPlain = 0,
+    DbgInbound = 1,
+    DbgArrow = 2,
+    DbgMailLog = 3,
+    DbgCache = 4,
+};
+
+// The text logs of the program folder and the fatal program-error report. Each write opens its
+// file in append mode, writes one line and closes it, so that a crash never loses a written line.
+class Logs {
+public:
+    Logs(QString folder, const DebugSwitch& debug, Desktop& desktop, const Clock& clock);
+
+    const QString& folder() const { return folder_; }
+    // The clock that log lines are stamped with (GMTDate), carried here so that every writer has it.
+    const Clock& clock() const { return clock_; }
+    Desktop& desktop() const { return desktop_; }
+
+    void MailLog(const QByteArray& line);
+    void ErrorLog(const QByteArray& line);
+    void UpdateLog(const QByteArray& line);
+
+    // Appends CR LF to the caller's message, as the entry is written with it.
+    void DbgAdd(QByteArray& message, int kind = DbgPlain);
+    void DbgAdd(const QByteArray& message, int kind = DbgPlain)
+    {
+        QByteArray copy = message;
+        DbgAdd(copy, kind);
+    }
+
+    // Writes the report to the debug log, tells the user and ends the program with status 1.
+    [[noreturn]] void ReportProgramError(const QString& site, int number,
+                                         const QString& description);
+
+    // Runs a procedure under its own error handler: any fault inside it becomes the fatal
+    // program-error report under the procedure's error-site label.
+    template <typename Procedure>
+    auto guarded(const char* site, Procedure&& procedure) -> decltype(procedure())
+    {
+        try {
+            return procedure();
+        } catch (const Fault& fault) {
+            ReportProgramError(QString::fromUtf8(site), fault.number(), fault.description());
+        } catch (const std::bad_alloc&) {
+            ReportProgramError(QString::fromUtf8(site), ErrOutOfMemory, "Out of memory");
+        } catch (const std::exception& error) {
+            ReportProgramError(QString::fromUtf8(site), ErrInvalidCall,
+                               QString::fromUtf8(error.what()));
+        }
+    }
+
+private:
+    void append(const QString& fileName, const QByteArray& bytes);
+
+    QString folder_;
+    const DebugSwitch& debug_;
+    Desktop& desktop_;
+    const Clock& clock_;
+};
+
+} // namespace postiq

@@ -1,0 +1,19 @@
+#pragma once
+
+#include <QByteArray>
+#include <QDateTime>
+
+namespace postiq {
+
+class Clock;
+
+// "Feb 05 2004 09:05:07": the local time at the head of log lines and in notices. No zone is
+// printed and nothing is converted to UTC, despite the name.
+QByteArray GMTDate(const QDateTime& localTime);
+QByteArray GMTDate(const Clock& clock);
+
+// "20040205090507": 14 digits that differ from second to second.
+QByteArray SerialDate(const QDateTime& localTime);
+QByteArray SerialDate(const Clock& clock);
+
+} // namespace postiq

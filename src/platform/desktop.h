@@ -1,0 +1,44 @@
+#pragma once
+
+#include <QString>
+
+namespace postiq {
+
+// The desktop services the program talks to the user through: modal message boxes and the end of
+// the program. Headless, messages go to stderr and questions are answered No.
+class Desktop {
+public:
+    enum class Icon { Information, Question, Warning, Critical };
+
+    virtual ~Desktop() = default;
+    virtual void messageBox(const QString& title, const QString& text, Icon icon) = 0;
+    virtual bool askYesNo(const QString& title, const QString& text) = 0;
+    // Details for whoever reads the terminal (where a fatal report came from); not a message box.
+    virtual void diagnostic(const QString& text) { (void)text; }
+    // Ends the process at once with the given status: no orderly shutdown, nothing saved.
+    [[noreturn]] virtual void endProgram(int status) = 0;
+};
+
+// Exit statuses of the program.
+enum ExitStatus : int {
+    ExitOk = 0,
+    ExitProgramError = 1, // the fatal program-error report
+    ExitRefused = 2,      // a start-up refusal: already running, read-only files, bad folder
+};
+
+class HeadlessDesktop : public Desktop {
+public:
+    void messageBox(const QString& title, const QString& text, Icon icon) override;
+    bool askYesNo(const QString& title, const QString& text) override;
+    void diagnostic(const QString& text) override;
+    [[noreturn]] void endProgram(int status) override;
+};
+
+class WidgetDesktop : public Desktop {
+public:
+    void messageBox(const QString& title, const QString& text, Icon icon) override;
+    bool askYesNo(const QString& title, const QString& text) override;
+    [[noreturn]] void endProgram(int status) override;
+};
+
+} // namespace postiq

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+
+namespace postiq {
+
+class CMessage;
+class Logs;
+
+// Whether a MAIL FROM or RCPT TO argument (lower-cased, trimmed, brackets kept) is acceptable.
+bool CheckEmail(const QByteArray& address);
+
+// The part between "@" and the closing ">", case kept. An address without "@" is a fault.
+QByteArray GetDomain(Logs& logs, const QByteArray& address);
+
+// Writes a message with several recipients into OutBox as one queue file per recipient domain,
+// in order of the domains' first appearance, named RandomFileGet + "-" + k.
+void ParseRcptTo(Logs& logs, const CMessage& message, const QString& outBoxFolder);
+
+} // namespace postiq

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <QByteArray>
+#include <QList>
+#include <QString>
+#include <cstdint>
+
+namespace postiq {
+
+class Logs;
+
+// One queued message and its queue file. Texts are bytes, stored exactly as received.
+class CMessage {
+public:
+    explicit CMessage(Logs& logs);
+
+    QByteArray ID;
+    QByteArray TxtEng;
+    QByteArray TxtFr;
+    uint8_t Essai = 0;
+    QByteArray LastError;
+    bool ForSender = false;
+    QByteArray From;
+    QByteArray Data;
+
+    // Recipient at an index (0 is always present and empty); an index beyond the list is a fault.
+    QByteArray RcptTo(int index) const;
+    void setRcptTo(int index, const QByteArray& address);
+    // Number of recipients (index 0 not counted); more than 255 is a fault.
+    uint8_t MRcptToCount() const;
+    void AddRcptTo(const QByteArray& address);
+    void OneRcptTo();
+    // Empties From, RcptTo, Data and LastError and zeroes Essai; ID, TxtEng, TxtFr and ForSender stay.
+    void MClear();
+
+    void MOpen(const QString& path);
+    void MWrite(const QString& path);
+
+private:
+    Logs* logs_;
+    QList<QByteArray> rcptTo_{QByteArray()};
+};
+
+// A new queue file name: two upper-case hexadecimal numbers below 983039, run together.
+QByteArray RandomFileGet(Logs& logs);
+
+} // namespace postiq

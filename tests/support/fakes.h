@@ -1,0 +1,74 @@
+#pragma once
+
+#include <QDateTime>
+#include <QString>
+#include <QStringList>
+#include <QTemporaryDir>
+#include <memory>
+
+#include "log/logs.h"
+#include "platform/clock.h"
+#include "platform/desktop.h"
+
+namespace postiq::test {
+
+// Thrown where the program would end, so that a test can see that it did and why.
+struct ProgramEnded {
+    int status;
+};
+
+// Records every message box; questions get the answer set in `answer`.
+class RecordingDesktop : public Desktop {
+public:
+    struct Box {
+        QString title;
+        QString text;
+        Icon icon;
+    };
+    QList<Box> boxes;
+    QStringList diagnostics;
+    bool answer = false;
+
+    void messageBox(const QString& title, const QString& text, Icon icon) override
+    {
+        boxes.append({title, text, icon});
+    }
+    bool askYesNo(const QString& title, const QString& text) override
+    {
+        boxes.append({title, text, Icon::Question});
+        return answer;
+    }
+    void diagnostic(const QString& text) override { diagnostics.append(text); }
+    [[noreturn]] void endProgram(int status) override { throw ProgramEnded{status}; }
+};
+
+class FixedClock : public Clock {
+public:
+    QDateTime time = QDateTime(QDate(2004, 2, 5), QTime(9, 5, 7));
+    QDateTime now() const override { return time; }
+};
+
+class FixedDebugSwitch : public DebugSwitch {
+public:
+    bool loaded = true;
+    bool debug = false;
+    bool configLoaded() const override { return loaded; }
+    bool debugMode() const override { return debug; }
+};
+
+// A temporary program folder with logs that write into it.
+struct LogBench {
+    QTemporaryDir dir;
+    RecordingDesktop desktop;
+    FixedClock clock;
+    FixedDebugSwitch debug;
+    Logs logs{dir.path(), debug, desktop, clock};
+
+    QString path(const QString& name) const { return dir.path() + '/' + name; }
+};
+
+// Whole contents of a file, or an empty array when it is missing.
+QByteArray readFile(const QString& path);
+void writeFile(const QString& path, const QByteArray& bytes);
+
+} // namespace postiq::test
