@@ -57,6 +57,8 @@ bool WidgetDesktop::askYesNo(const QString& title, const QString& text)
         == QMessageBox::Yes;
 }
 
+void WidgetDesktop::diagnostic(const QString& text) { writeToStderr(QString(), text); }
+
 void WidgetDesktop::endProgram(int status) { exitNow(status); }
 
 } // namespace postiq

@@ -38,6 +38,7 @@ class WidgetDesktop : public Desktop {
 public:
     void messageBox(const QString& title, const QString& text, Icon icon) override;
     bool askYesNo(const QString& title, const QString& text) override;
+    void diagnostic(const QString& text) override;
     [[noreturn]] void endProgram(int status) override;
 };
 

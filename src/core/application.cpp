@@ -1,0 +1,141 @@
+#include "core/application.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <QHostInfo>
+
+#include "config/config_file.h"
+#include "core/registry_housekeeping.h"
+#include "dns/mx_lookup.h"
+#include "log/version.h"
+#include "notify/dates.h"
+#include "platform/desktop.h"
+#include "platform/instance_lock.h"
+#include "platform/registry.h"
+#include "store/queue_folder.h"
+
+namespace postiq {
+
+namespace {
+const QString kCannotContinue = QStringLiteral("\r\n\r\nL'application ne peut continuer ...");
+const char kStartUpSite[] = "FRM:MAIN[Form_Load]";
+} // namespace
+
+Application::Application(const QString& programFolder, PlatformServices services)
+    : folder_(programFolder),
+      services_(services),
+      logs_(programFolder, settings_, services.desktop, services.clock),
+      configLoader_(settings_, logs_, services.network, services.registry,
+                    [this](const QString& name) { language_.LOADFile(logs_, name); })
+{
+}
+
+Application::~Application() = default;
+
+void Application::refuse(const QString& text)
+{
+    services_.desktop.messageBox(QStringLiteral("Postiq"), text, Desktop::Icon::Critical);
+    services_.desktop.endProgram(ExitRefused);
+    Q_UNREACHABLE(); // the compiler does not see through the virtual call
+}
+
+void Application::start()
+{
+    ensureSingleInstance();
+    settings_.ConfigLoaded = false; // the debug log runs in safe mode until the file is read
+    logs_.guarded(kStartUpSite, [this] {
+        titleText_ = QStringLiteral("Postiq - Version ") + AppVersion();
+        windowCaption_ = titleText_ + QStringLiteral(" [") + QHostInfo::localHostName() + ']';
+    });
+    checkLookupComponent();
+    logs_.guarded(kStartUpSite, [this] { createQueueFolders(); });
+    checkLogFilesWritable();
+    prepareConfigurationFile();
+    logs_.guarded(kStartUpSite, [this] {
+        configLoader_.ChargerConfig(true);
+        maintainInstallationRecord(services_.registry, services_.desktop);
+        logs_.DbgAdd("<P><HR><FONT face='Verdana' size='2'>Lancement de Postiq</FONT><BR>");
+        tables_ = std::make_unique<ConnectionTables>(logs_, settings_, dnsCache_, this);
+        service_ = std::make_unique<SmtpService>(settings_, logs_, dnsCache_, *tables_, this);
+        trayToolTip_ = QStringLiteral("Postiq ") + AppVersion() + QStringLiteral(" [Arrêté]");
+    });
+    if (settings_.ActiveSettings.LaunchStart)
+        service_->Demarrer();
+}
+
+void Application::ensureSingleInstance()
+{
+    instanceLock_ = std::make_unique<InstanceLock>(folder_);
+    if (!instanceLock_->tryLock())
+        refuse(QStringLiteral("Postiq est déjà lancé !"));
+}
+
+void Application::checkLookupComponent()
+{
+    if (DNSLookup::Version() != QLatin1String("3.0"))
+        refuse(QStringLiteral("Cette version Postiq nécessite DNSLookup 3.0 !") + kCannotContinue);
+    lookupVersionText_ = QStringLiteral("DNSLookup version detected: ") + DNSLookup::Version();
+}
+
+void Application::createQueueFolders()
+{
+    for (const char* name : {"OutBox", "Deferred", "Error", "language"}) {
+        const QString path = QueueFolder(folder_, QString::fromLatin1(name));
+        if (QFileInfo(path).isDir())
+            continue;
+        if (!QDir().mkpath(path))
+            throw Fault(ErrAccessDenied, QStringLiteral("Cannot create the folder ") + path);
+        logs_.MailLog(GMTDate(services_.clock) + " Postiq: '" + name + "' directory creation");
+    }
+}
+
+namespace {
+// The read-only attribute, not the current user's rights: the owner's write bit decides, so that
+// the check means the same for root.
+bool isReadOnlyFile(const QString& path)
+{
+    const QFileInfo info(path);
+    return info.exists() && info.isFile() && !(info.permissions() & QFileDevice::WriteOwner);
+}
+} // namespace
+
+void Application::checkLogFilesWritable()
+{
+    for (const char* name : {"maillog.txt", "error.txt", "update.txt"}) {
+        if (isReadOnlyFile(folder_ + '/' + QLatin1String(name)))
+            refuse(QStringLiteral("Fichier de log '%1' en lecture seule !").arg(QLatin1String(name))
+                   + kCannotContinue);
+    }
+}
+
+void Application::prepareConfigurationFile()
+{
+    const QString path = folder_ + QStringLiteral("/Postiq.ini");
+    if (!QFileInfo::exists(path)) {
+        logs_.guarded(kStartUpSite, [this] { WriteConf(settings_.DefaultSettings, logs_); });
+    } else if (isReadOnlyFile(path)) {
+        refuse(QStringLiteral("Fichier de configuration en lecture seule !") + kCannotContinue);
+    }
+}
+
+void Application::quit()
+{
+    if (quitting_)
+        return;
+    quitting_ = true;
+    if (service_)
+        service_->Arreter();
+    emit finished();
+}
+
+void Application::showServiceState(bool started)
+{
+    serviceStarted_ = started;
+    trayToolTip_ = QStringLiteral("Postiq ") + AppVersion()
+        + (started ? QStringLiteral(" [Démarré]") : QStringLiteral(" [Arrêté]"));
+    emit serviceStateChanged(started);
+}
+
+void Application::updateConnection(const QByteArray& cnxType, int n) { emit connectionChanged(cnxType, n); }
+
+} // namespace postiq

@@ -1,0 +1,99 @@
+#pragma once
+
+#include <QObject>
+#include <QString>
+#include <memory>
+
+#include "config/config_file.h"
+#include "config/settings.h"
+#include "dns/dns_cache.h"
+#include "language/language.h"
+#include "log/logs.h"
+#include "smtp_in/connexion.h"
+#include "smtp_in/smtp_service.h"
+
+namespace postiq {
+
+class Clock;
+class Desktop;
+class InstanceLock;
+class NetworkDiscovery;
+class Registry;
+
+// The operating-system services the program runs on; tests hand in fakes.
+struct PlatformServices {
+    Desktop& desktop;
+    Registry& registry;
+    NetworkDiscovery& network;
+    const Clock& clock;
+};
+
+// The running program: it owns every program-wide piece of state (settings, logs, language table,
+// MX cache, connection slots, SMTP service) for one program folder, runs the start-up sequence and
+// the shutdown path, and keeps the state that the tray and the main window show.
+class Application : public QObject, public ServiceView, public ConnectionsView {
+    Q_OBJECT
+public:
+    Application(const QString& programFolder, PlatformServices services);
+    ~Application() override;
+
+    // The start-up sequence. A refusal (already running, read-only files, wrong resolver) tells
+    // the user and ends the program with status 2; an unexpected fault is the fatal report.
+    void start();
+    // The quit path: stop the service, then let the event loop end (finished()).
+    void quit();
+
+    Settings& settings() { return settings_; }
+    Logs& logs() { return logs_; }
+    LanguageTable& language() { return language_; }
+    DnsCache& dnsCache() { return dnsCache_; }
+    ConnectionTables& tables() { return *tables_; }
+    SmtpService& service() { return *service_; }
+    ConfigLoader& configLoader() { return configLoader_; }
+
+    // What the main window and the tray show.
+    const QString& windowCaption() const { return windowCaption_; }
+    const QString& titleText() const { return titleText_; }
+    const QString& lookupVersionText() const { return lookupVersionText_; }
+    const QString& trayToolTip() const { return trayToolTip_; }
+    bool serviceStarted() const { return serviceStarted_; }
+
+    void showServiceState(bool started) override;
+    void updateConnection(const QByteArray& cnxType, int n) override;
+
+signals:
+    void finished();
+    void serviceStateChanged(bool started);
+    void connectionChanged(const QByteArray& cnxType, int n);
+
+private:
+    [[noreturn]] void refuse(const QString& text);
+    void ensureSingleInstance();
+    void checkLookupComponent();
+    void createQueueFolders();
+    void checkLogFilesWritable();
+    void prepareConfigurationFile();
+
+    QString folder_;
+    PlatformServices services_;
+    Settings settings_;
+    Logs logs_;
+    LanguageTable language_;
+    DnsCache dnsCache_;
+    ConfigLoader configLoader_;
+    std::unique_ptr<InstanceLock> instanceLock_;
+    std::unique_ptr<ConnectionTables> tables_;
+    std::unique_ptr<SmtpService> service_;
+
+    QString windowCaption_;
+    QString titleText_;
+    QString lookupVersionText_;
+    QString trayToolTip_;
+    bool serviceStarted_ = false;
+    bool quitting_ = false;
+};
+
+// The program's entry point: options, platform services, start-up, event loop.
+int runPostiq(int argc, char** argv);
+
+} // namespace postiq

@@ -1,0 +1,54 @@
+#include "core/command_line.h"
+
+namespace postiq {
+
+CommandLine parseCommandLine(const QStringList& arguments, bool displayAvailable)
+{
+    CommandLine line;
+    line.headless = !displayAvailable;
+    for (int i = 0; i < arguments.size(); ++i) {
+        const QString& argument = arguments[i];
+        if (argument == QLatin1String("--headless")) {
+            line.headless = true;
+        } else if (argument == QLatin1String("--version")) {
+            line.showVersion = true;
+        } else if (argument == QLatin1String("--help") || argument == QLatin1String("-h")) {
+            line.showHelp = true;
+        } else if (argument == QLatin1String("--folder")) {
+            if (i + 1 >= arguments.size() || arguments[i + 1].isEmpty()) {
+                line.error = QStringLiteral("--folder needs a folder");
+                return line;
+            }
+            line.folder = arguments[++i];
+        } else if (argument.startsWith(QLatin1String("--folder="))) {
+            line.folder = argument.mid(int(sizeof("--folder=") - 1));
+            if (line.folder.isEmpty()) {
+                line.error = QStringLiteral("--folder needs a folder");
+                return line;
+            }
+        } else {
+            line.error = QStringLiteral("unknown option: ") + argument;
+            return line;
+        }
+    }
+    return line;
+}
+
+QString usageText()
+{
+    return QStringLiteral(
+        "Usage: postiq [--folder DIR] [--headless]\n"
+        "A mail relay for this computer: mail programs send to it over SMTP, it queues and delivers.\n"
+        "\n"
+        "  --folder DIR  program folder holding Postiq.ini, the logs, OutBox, Deferred, Error,\n"
+        "                language and Hosts.dns (default: the folder of the executable;\n"
+        "                created when missing)\n"
+        "  --headless    no tray icon and no windows; messages go to stderr (implied when\n"
+        "                neither DISPLAY nor WAYLAND_DISPLAY is set)\n"
+        "  --version     print the version and exit\n"
+        "  --help        print this help and exit\n"
+        "\n"
+        "SIGINT and SIGTERM stop the relay cleanly.\n");
+}
+
+} // namespace postiq

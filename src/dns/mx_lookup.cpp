@@ -1,0 +1,268 @@
+#include "dns/mx_lookup.h"
+
+#include <QEventLoop>
+#include <QMetaObject>
+#include <QTimer>
+
+#include <ldns/ldns.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <thread>
+#include <vector>
+
+#include "dns/dns_server_address.h"
+
+namespace postiq {
+
+namespace {
+
+constexpr int kMaxLabel = 63;
+constexpr size_t kMaxServerAddresses = 3;
+constexpr int kMaxWireName = 255;
+constexpr char kFieldSeparator = '\xA4';
+constexpr char kRecordEnd = '|';
+
+struct ResolverFree {
+    void operator()(ldns_resolver* r) const { ldns_resolver_deep_free(r); }
+};
+struct PacketFree {
+    void operator()(ldns_pkt* p) const { ldns_pkt_free(p); }
+};
+struct RdfFree {
+    void operator()(ldns_rdf* r) const { ldns_rdf_deep_free(r); }
+};
+struct AddrInfoFree {
+    void operator()(addrinfo* a) const { freeaddrinfo(a); }
+};
+using Resolver = std::unique_ptr<ldns_resolver, ResolverFree>;
+using Packet = std::unique_ptr<ldns_pkt, PacketFree>;
+using Rdf = std::unique_ptr<ldns_rdf, RdfFree>;
+
+// The domain in wire form, label by label from its own bytes: nothing is unescaped and no search
+// domain is appended. One final dot is allowed; empty or oversized labels make no name.
+Rdf queryName(const QByteArray& domain)
+{
+    QByteArray name = domain;
+    if (name.endsWith('.'))
+        name.chop(1);
+    if (name.isEmpty())
+        return nullptr;
+    QByteArray wire;
+    for (const QByteArray& label : name.split('.')) {
+        if (label.isEmpty() || label.size() > kMaxLabel)
+            return nullptr;
+        wire += char(label.size());
+        wire += label;
+    }
+    wire += '\0';
+    if (wire.size() > kMaxWireName)
+        return nullptr;
+    return Rdf(ldns_rdf_new_frm_data(LDNS_RDF_TYPE_DNAME, size_t(wire.size()), wire.constData()));
+}
+
+// The server's addresses; a name goes through the system's resolver first. A name with several
+// addresses (say ::1 and 127.0.0.1 for "localhost") gets each of them asked in turn, up to a few.
+std::vector<Rdf> serverAddresses(const QString& host)
+{
+    std::vector<Rdf> addresses;
+    addrinfo hints{};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_DGRAM;
+    addrinfo* found = nullptr;
+    if (getaddrinfo(host.toUtf8().constData(), nullptr, &hints, &found) != 0 || !found)
+        return addresses;
+    const std::unique_ptr<addrinfo, AddrInfoFree> list(found);
+    for (const addrinfo* a = found; a && addresses.size() < kMaxServerAddresses; a = a->ai_next) {
+        Rdf address;
+        if (a->ai_family == AF_INET) {
+            const auto* in4 = reinterpret_cast<const sockaddr_in*>(a->ai_addr);
+            address.reset(ldns_rdf_new_frm_data(LDNS_RDF_TYPE_A, sizeof in4->sin_addr, &in4->sin_addr));
+        } else if (a->ai_family == AF_INET6) {
+            const auto* in6 = reinterpret_cast<const sockaddr_in6*>(a->ai_addr);
+            address.reset(ldns_rdf_new_frm_data(LDNS_RDF_TYPE_AAAA, sizeof in6->sin6_addr,
+                                                &in6->sin6_addr));
+        }
+        const bool seen = std::any_of(addresses.begin(), addresses.end(), [&](const Rdf& known) {
+            return address && ldns_rdf_compare(known.get(), address.get()) == 0;
+        });
+        if (address && !seen)
+            addresses.push_back(std::move(address));
+    }
+    return addresses;
+}
+
+// A byte that would break the record text or a host name: the separators, controls, a space,
+// and a dot inside a label.
+bool unsafeInHost(unsigned char c)
+{
+    return c < 0x20 || c == 0x7F || c == ' ' || c == '.' || c == kRecordEnd
+        || c == static_cast<unsigned char>(kFieldSeparator);
+}
+
+// The exchanger's name from the raw labels of the rdata, without its final dot. Nothing when a
+// label holds an unsafe byte or the name is the root (a "null MX": the domain takes no mail).
+std::optional<QByteArray> exchangerName(const ldns_rdf* rdf)
+{
+    if (!rdf || ldns_rdf_get_type(rdf) != LDNS_RDF_TYPE_DNAME)
+        return std::nullopt;
+    const uint8_t* data = ldns_rdf_data(rdf);
+    const size_t size = ldns_rdf_size(rdf);
+    QByteArray host;
+    size_t pos = 0;
+    while (pos < size) {
+        const size_t length = data[pos++];
+        if (length == 0)
+            break;
+        if (length > kMaxLabel || pos + length > size)
+            return std::nullopt;
+        for (size_t i = 0; i < length; ++i) {
+            if (unsafeInHost(data[pos + i]))
+                return std::nullopt;
+        }
+        if (!host.isEmpty())
+            host += '.';
+        host.append(reinterpret_cast<const char*>(data + pos), qsizetype(length));
+        pos += length;
+    }
+    if (host.isEmpty())
+        return std::nullopt;
+    return host;
+}
+
+QByteArray recordsText(const ldns_pkt* answer)
+{
+    QByteArray text;
+    const ldns_rr_list* rrs = ldns_pkt_answer(answer);
+    const size_t count = rrs ? ldns_rr_list_rr_count(rrs) : 0;
+    for (size_t i = 0; i < count; ++i) {
+        const ldns_rr* rr = ldns_rr_list_rr(rrs, i);
+        if (ldns_rr_get_type(rr) != LDNS_RR_TYPE_MX)
+            continue;
+        const ldns_rdf* preference = ldns_rr_mx_preference(rr);
+        if (!preference || ldns_rdf_size(preference) != 2)
+            continue;
+        const auto host = exchangerName(ldns_rr_mx_exchange(rr));
+        if (!host)
+            continue;
+        text += QByteArray::number(ldns_rdf2native_int16(preference)) + kFieldSeparator + *host
+            + kFieldSeparator + QByteArray::number(ldns_rr_ttl(rr)) + kRecordEnd;
+    }
+    return text;
+}
+
+timeval toTimeval(std::chrono::milliseconds ms)
+{
+    timeval tv{};
+    tv.tv_sec = static_cast<time_t>(ms.count() / 1000);
+    tv.tv_usec = static_cast<suseconds_t>((ms.count() % 1000) * 1000);
+    return tv;
+}
+
+// The longest a worker can take: its tries at each address of the server, a second round for a
+// truncated answer and one over TCP, plus time for the system to resolve the server's name. The
+// nested loop never waits longer, whatever happens to the worker.
+std::chrono::milliseconds safetyLimit(LookupTiming timing)
+{
+    return int(3 * kMaxServerAddresses) * timing.tries * timing.timeout + std::chrono::seconds(5);
+}
+
+// What the worker and the waiting loop share. The worker keeps it alive by its own reference; the
+// loop is reached only under the lock and only while the waiting call still runs.
+struct PendingLookup {
+    std::mutex lock;
+    bool done = false;
+    QByteArray result;
+    QEventLoop* waiting = nullptr;
+};
+
+} // namespace
+
+QString DNSLookup::Version() { return QStringLiteral("3.0"); }
+
+QByteArray DNSLookup::LookupMXBlocking(const QByteArray& domain, const QString& dnsServer,
+                                       LookupTiming timing)
+{
+    const QByteArray timedOut(kDnsTimeoutText);
+    const auto server = ParseDnsServer(dnsServer);
+    if (!server)
+        return timedOut;
+    const std::vector<Rdf> addresses = serverAddresses(server->host);
+    if (addresses.empty())
+        return timedOut;
+    const Rdf name = queryName(domain);
+    if (!name)
+        return {}; // not a name that can have mail exchangers
+
+    const Resolver resolver(ldns_resolver_new());
+    if (!resolver)
+        return timedOut;
+    ldns_resolver* r = resolver.get();
+    for (const Rdf& address : addresses) {
+        if (ldns_resolver_push_nameserver(r, address.get()) != LDNS_STATUS_OK)
+            return timedOut;
+    }
+    ldns_resolver_set_port(r, server->port);
+    ldns_resolver_set_timeout(r, toTimeval(timing.timeout));
+    ldns_resolver_set_retry(r, static_cast<uint8_t>(std::clamp(timing.tries, 1, 255)));
+    ldns_resolver_set_retrans(r, 0);
+    ldns_resolver_set_recursive(r, true);
+    ldns_resolver_set_fallback(r, true); // a truncated answer is asked again over TCP
+    ldns_resolver_set_defnames(r, false);
+    ldns_resolver_set_dnsrch(r, false);
+    ldns_resolver_set_dnssec(r, false);
+    ldns_resolver_set_random(r, false);
+
+    ldns_pkt* rawQuery = nullptr;
+    if (ldns_resolver_prepare_query_pkt(&rawQuery, r, name.get(), LDNS_RR_TYPE_MX, LDNS_RR_CLASS_IN,
+                                        LDNS_RD)
+        != LDNS_STATUS_OK) {
+        ldns_pkt_free(rawQuery);
+        return timedOut;
+    }
+    const Packet query(rawQuery);
+    ldns_pkt* rawAnswer = nullptr;
+    const ldns_status status = ldns_resolver_send_pkt(&rawAnswer, r, query.get());
+    const Packet answer(rawAnswer);
+    // A packet that is not the reply to this very query counts as no answer.
+    if (status != LDNS_STATUS_OK || !answer || !ldns_pkt_qr(answer.get())
+        || ldns_pkt_id(answer.get()) != ldns_pkt_id(query.get())) {
+        return timedOut;
+    }
+    if (ldns_pkt_get_rcode(answer.get()) != LDNS_RCODE_NOERROR)
+        return {};
+    return recordsText(answer.get());
+}
+
+QByteArray DNSLookup::LookupMX(const QByteArray& domain, const QString& dnsServer)
+{
+    auto pending = std::make_shared<PendingLookup>();
+    QEventLoop loop;
+    pending->waiting = &loop;
+
+    std::thread([pending, domain, dnsServer, timing = timing_] {
+        QByteArray result = LookupMXBlocking(domain, dnsServer, timing);
+        const std::lock_guard guard(pending->lock);
+        pending->result = std::move(result);
+        pending->done = true;
+        if (pending->waiting)
+            QMetaObject::invokeMethod(pending->waiting, "quit", Qt::QueuedConnection);
+    }).detach();
+
+    QTimer safety;
+    safety.setSingleShot(true);
+    QObject::connect(&safety, &QTimer::timeout, &loop, &QEventLoop::quit);
+    safety.start(safetyLimit(timing_));
+    loop.exec();
+
+    const std::lock_guard guard(pending->lock);
+    pending->waiting = nullptr; // the worker must not reach the loop once this call returns
+    return pending->done ? pending->result : QByteArray(kDnsTimeoutText);
+}
+
+} // namespace postiq

@@ -1,0 +1,95 @@
+#include "language/language.h"
+
+#include <QFile>
+
+#include "config/field_reader.h"
+#include "log/logs.h"
+#include "notify/dates.h"
+
+namespace postiq {
+
+namespace {
+
+void checkWordNumber(int number)
+{
+    if (number < 1 || number > LanguageTable::kSharedWordCount)
+        throw Fault(ErrOutOfRange, QStringLiteral("Subscript out of range: shared word %1").arg(number));
+}
+
+} // namespace
+
+LanguageTable::LanguageTable() { resetSharedWords(); }
+
+QString LanguageTable::builtInSharedWord(int number)
+{
+    checkWordNumber(number);
+    static const char* const kBuiltIn[kSharedWordCount] = {
+        "Outrepasser la valeur par défaut", "Défaut", "Oui", "Non"};
+    return QString::fromUtf8(kBuiltIn[number - 1]);
+}
+
+QString LanguageTable::sharedWord(int number) const
+{
+    checkWordNumber(number);
+    return sharedWords_[size_t(number - 1)];
+}
+
+void LanguageTable::setSharedWord(int number, const QString& text)
+{
+    checkWordNumber(number);
+    sharedWords_[size_t(number - 1)] = text;
+}
+
+void LanguageTable::resetSharedWords()
+{
+    for (int number = 1; number <= kSharedWordCount; ++number)
+        sharedWords_[size_t(number - 1)] = builtInSharedWord(number);
+}
+
+void LanguageTable::LOADFile(Logs& logs, const QString& name)
+{
+    logs.guarded("MOD:LANGUAGE[LOADFile]", [&] {
+        rows_.clear();
+        resetSharedWords();
+
+        QFile file(logs.folder() + QStringLiteral("/language/") + name + QStringLiteral(".ini"));
+        if (!file.exists())
+            return;
+        if (!file.open(QIODevice::ReadOnly))
+            throw Fault(ErrFileAccess,
+                        QStringLiteral("Cannot read %1: %2").arg(file.fileName(), file.errorString()));
+        const QByteArray bytes = file.readAll();
+        file.close();
+
+        readEntries(bytes);
+        logs.MailLog(GMTDate(logs.clock()) + " Postiq: Chargement du langage");
+    });
+}
+
+void LanguageTable::readEntries(const QByteArray& bytes)
+{
+    bool inSection = false;
+    QString section;
+
+    FieldReader reader(bytes);
+    while (!reader.atEnd()) {
+        QString item = reader.next();
+        if (item.isEmpty())
+            item = QStringLiteral("NOTHING");
+        item = item.trimmed().replace(u'\t', u' ');
+
+        if (item.startsWith(u'<') && item.endsWith(u'>') && !item.startsWith(QLatin1String("</"))) {
+            section = QString(item).remove(u'<').remove(u'>');
+            inSection = true;
+        } else if (item.startsWith(QLatin1String("</")) && item.endsWith(u'>')) {
+            inSection = false;
+            section.clear();
+        } else if (inSection && item.count(u'=') == 1) {
+            const qsizetype equals = item.indexOf(u'=');
+            rows_.append({section, item.left(equals).trimmed(),
+                          item.mid(equals + 1).remove(u'"').trimmed()});
+        }
+    }
+}
+
+} // namespace postiq

@@ -1,0 +1,38 @@
+#include "platform/program_folder.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFileInfo>
+#include <QTemporaryFile>
+
+namespace postiq {
+
+QString defaultProgramFolder()
+{
+    if (QCoreApplication::instance())
+        return QCoreApplication::applicationDirPath();
+    return QFileInfo(QStringLiteral("/proc/self/exe")).canonicalFilePath().section(u'/', 0, -2);
+}
+
+bool prepareProgramFolder(const QString& dir, QString* error)
+{
+    auto failWith = [error](const QString& message) {
+        if (error)
+            *error = message;
+        return false;
+    };
+    if (dir.isEmpty())
+        return failWith(QStringLiteral("no folder given"));
+    const QFileInfo info(dir);
+    if (info.exists() && !info.isDir())
+        return failWith(QStringLiteral("'%1' is not a folder").arg(dir));
+    if (!info.exists() && !QDir().mkpath(dir))
+        return failWith(QStringLiteral("cannot create the folder '%1'").arg(dir));
+    // Permission bits do not tell the whole story (read-only mounts, ACLs): try it.
+    QTemporaryFile probe(QDir(dir).filePath(QStringLiteral(".postiq-write-test-XXXXXX")));
+    if (!probe.open())
+        return failWith(QStringLiteral("the folder '%1' is not writable").arg(dir));
+    return true;
+}
+
+} // namespace postiq

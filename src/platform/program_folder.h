@@ -1,0 +1,14 @@
+#pragma once
+
+#include <QString>
+
+namespace postiq {
+
+// The folder that holds the running executable: the program folder when none is given.
+QString defaultProgramFolder();
+
+// Creates the folder when it is missing and checks that files can be created in it. On failure
+// returns False with a message for the user in *error.
+bool prepareProgramFolder(const QString& dir, QString* error);
+
+} // namespace postiq

@@ -1,0 +1,203 @@
+#include "smtp_in/connexion.h"
+
+#include <QHostAddress>
+#include <QTcpServer>
+#include <QTcpSocket>
+
+#include "log/logs.h"
+#include "notify/dates.h"
+
+namespace postiq {
+
+namespace {
+constexpr int kLastUsableInSlot = ConnectionTables::kUpperBound - 1; // 100 is never handed out
+
+QByteArray number(int n) { return QByteArray::number(n); }
+} // namespace
+
+CConnexion::CConnexion(Logs& logs, const Settings& settings, DnsCache& cache,
+                       ConnectionsView* const& view)
+    : Message(logs), DNS(logs, settings, cache), view_(view)
+{
+}
+
+void CConnexion::setStatus(int32_t value)
+{
+    status_ = value;
+    if (value != 0 && view_)
+        view_->updateConnection(CnxType, Connexion);
+}
+
+ConnectionTables::ConnectionTables(Logs& logs, const Settings& settings, DnsCache& cache,
+                                   ConnectionsView* view)
+    : logs_(logs), settings_(settings), cache_(cache), view_(view),
+      listener_(new QTcpServer(&socketOwner_))
+{
+}
+
+ConnectionTables::~ConnectionTables()
+{
+    // Nobody may hear from a socket while the tables go away; socketOwner_ then deletes them.
+    for (SocketArray* array : {&smtp_, &smtpDistant_}) {
+        for (QPointer<QTcpSocket>& socket : *array) {
+            if (socket)
+                socket->disconnect();
+        }
+    }
+    listener_->disconnect();
+}
+
+CConnexion& ConnectionTables::slot(SlotTable& table, int i, const char* name)
+{
+    if (i < 0 || i > kUpperBound)
+        throw Fault(ErrOutOfRange, QStringLiteral("%1(%2): no such connection slot")
+                                       .arg(QLatin1String(name))
+                                       .arg(i));
+    if (!table[i])
+        table[i] = std::make_unique<CConnexion>(logs_, settings_, cache_, view_);
+    return *table[i];
+}
+
+CConnexion& ConnectionTables::CnxIn(int i) { return slot(cnxIn_, i, "CnxIn"); }
+CConnexion& ConnectionTables::CnxOut(int i) { return slot(cnxOut_, i, "CnxOut"); }
+
+QTcpServer& ConnectionTables::SmtpListener() { return *listener_; }
+
+void ConnectionTables::checkInstance(int n, const char* arrayName)
+{
+    if (n < 1 || n > kUpperBound)
+        throw Fault(ErrOutOfRange, QStringLiteral("%1(%2): no such socket instance")
+                                       .arg(QLatin1String(arrayName))
+                                       .arg(n));
+}
+
+QTcpSocket* ConnectionTables::Smtp(int n) const
+{
+    return n >= 1 && n <= kUpperBound ? smtp_[n].data() : nullptr;
+}
+
+void ConnectionTables::LoadSmtp(int n, QTcpSocket* accepted)
+{
+    checkInstance(n, "Smtp");
+    if (smtp_[n])
+        throw Fault(ErrInvalidCall, QStringLiteral("Smtp(%1): socket instance already loaded").arg(n));
+    accepted->setParent(&socketOwner_);
+    smtp_[n] = accepted;
+}
+
+QTcpSocket* ConnectionTables::SmtpDistant(int n) const
+{
+    return n >= 1 && n <= kUpperBound ? smtpDistant_[n].data() : nullptr;
+}
+
+QTcpSocket& ConnectionTables::LoadSmtpDistant(int n)
+{
+    checkInstance(n, "SmtpDistant");
+    if (smtpDistant_[n])
+        throw Fault(ErrInvalidCall,
+                    QStringLiteral("SmtpDistant(%1): socket instance already loaded").arg(n));
+    smtpDistant_[n] = new QTcpSocket(&socketOwner_);
+    return *smtpDistant_[n];
+}
+
+void ConnectionTables::destroyInstance(QPointer<QTcpSocket>& socket)
+{
+    QTcpSocket* instance = socket.data();
+    socket.clear();
+    // The release may run inside one of the socket's own signals: cut it off now, delete later.
+    instance->disconnect();
+    instance->abort();
+    instance->deleteLater();
+}
+
+QByteArray ConnectionTables::stamp() const { return GMTDate(logs_.clock()); }
+
+std::optional<uint8_t> ConnectionTables::FindFreeCnxIn()
+{
+    logs_.DbgAdd(stamp() + ": IN demande de connexion demandée<BR>");
+    logs_.DbgAdd(stamp() + ": Recherche d'une connexion IN libre<BR>");
+    int i = LastCnxIn;
+    if (i < 1 || i > kLastUsableInSlot)
+        i = 1;
+    // One full round over 1..99; a full table is the caller's to refuse, never a stall.
+    for (int looked = 0; looked < kLastUsableInSlot; ++looked) {
+        if (CnxIn(i).Status() == 0) {
+            LastCnxIn = static_cast<uint8_t>(i);
+            logs_.DbgAdd(stamp() + ": Connexion IN trouvée: " + number(i) + "<BR>");
+            logs_.DbgAdd(stamp() + ": Chargement connexion IN[" + number(i) + "]<BR>");
+            return LastCnxIn;
+        }
+        i = i >= kLastUsableInSlot ? 1 : i + 1;
+    }
+    return std::nullopt;
+}
+
+CConnexion& ConnectionTables::LoadCnxIn(uint8_t i, QTcpSocket* accepted)
+{
+    LoadSmtp(i, accepted);
+    CConnexion& cnx = CnxIn(i);
+    cnx.Connexion = i;
+    cnx.CnxType = "IN";
+    const QString host = accepted->peerName();
+    cnx.SrvClient = host.isEmpty() ? PlainAddressText(accepted->peerAddress()) : host.toUtf8();
+    return cnx;
+}
+
+void ConnectionTables::ReleaseSmtpLocal(uint8_t n)
+{
+    logs_.guarded("MOD:MODConnexion[ReleaseSmtpLocal]", [&] {
+        CConnexion& cnx = CnxIn(n);
+        cnx.setStatus(0);
+        cnx.SmtpCommand.clear();
+        cnx.Message.MClear();
+        if (!Smtp(n))
+            throw Fault(ErrInvalidCall, QStringLiteral("Smtp(%1): socket instance not loaded").arg(n));
+        destroyInstance(smtp_[n]);
+        logs_.DbgAdd("<FONT face='Verdana' size='2'>Release connexion in: " + number(n)
+                     + "</FONT><BR>");
+        if (view_)
+            view_->updateConnection("IN", n);
+    });
+}
+
+void ConnectionTables::ReleaseSmtpDistant(uint8_t n)
+{
+    logs_.guarded("MOD:MODConnexion[ReleaseSmtpDistant]", [&] {
+        CConnexion& cnx = CnxOut(n);
+        cnx.setStatus(0);
+        cnx.SmtpCommand.clear();
+        cnx.Message.MClear();
+        cnx.DNS.MX.Clear();
+        if (!SmtpDistant(n))
+            throw Fault(ErrInvalidCall,
+                        QStringLiteral("SmtpDistant(%1): socket instance not loaded").arg(n));
+        destroyInstance(smtpDistant_[n]);
+        logs_.DbgAdd("<FONT face='Verdana' size='2'>Release connexion out: " + number(n)
+                     + "</FONT><BR>");
+        if (view_)
+            view_->updateConnection("OUT", n);
+        // A freed outbound slot means the queue can move again.
+        if (enableOutboxTimer)
+            enableOutboxTimer();
+    });
+}
+
+QByteArray GetResponse(const QByteArray& text)
+{
+    const qsizetype space = text.indexOf(' ');
+    QByteArray word = space < 0 ? text : text.left(space);
+    if (word.endsWith("\r\n"))
+        word.chop(2);
+    return word.toUpper();
+}
+
+QByteArray GetResponseCode(const QByteArray& text) { return text.left(3); }
+
+QByteArray PlainAddressText(const QHostAddress& address)
+{
+    bool isIPv4 = false;
+    const quint32 v4 = address.toIPv4Address(&isIPv4);
+    return (isIPv4 ? QHostAddress(v4).toString() : address.toString()).toLatin1();
+}
+
+} // namespace postiq

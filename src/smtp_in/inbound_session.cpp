@@ -1,0 +1,432 @@
+#include "smtp_in/inbound_session.h"
+
+#include <QCoreApplication>
+#include <QTcpServer>
+#include <QTcpSocket>
+#include <algorithm>
+
+#include "config/settings.h"
+#include "log/html.h"
+#include "log/logs.h"
+#include "log/version.h"
+#include "notify/dates.h"
+#include "store/address.h"
+#include "store/message.h"
+#include "store/queue_folder.h"
+
+namespace postiq {
+
+namespace {
+const QByteArray kCrLf = "\r\n";
+// Recipient indexes are 8-bit throughout the queue, so a message holds at most this many.
+constexpr int kMostRecipients = 255;
+
+template <int32_t S>
+bool is(int32_t status) { return status == S; }
+template <int32_t S>
+bool isNot(int32_t status) { return status != S; }
+constexpr const char* kAnyVerb = nullptr;
+
+QByteArray number(int n) { return QByteArray::number(n); }
+
+// The text before the first CR LF.
+QByteArray firstLine(const QByteArray& text)
+{
+    const qsizetype end = text.indexOf(kCrLf);
+    return end < 0 ? text : text.left(end);
+}
+
+// The piece that follows the first `separator`, up to the next one, as a split would give it;
+// empty when the separator is missing.
+QByteArray pieceAfter(const QByteArray& text, const QByteArray& separator)
+{
+    const qsizetype start = text.indexOf(separator);
+    if (start < 0)
+        return {};
+    const QByteArray rest = text.mid(start + separator.size());
+    const qsizetype next = rest.indexOf(separator);
+    return next < 0 ? rest : rest.left(next);
+}
+
+// Trims spaces only: other blanks belong to the text.
+QByteArray trimSpaces(const QByteArray& text)
+{
+    qsizetype begin = 0;
+    qsizetype end = text.size();
+    while (begin < end && text[begin] == ' ')
+        ++begin;
+    while (end > begin && text[end - 1] == ' ')
+        --end;
+    return text.mid(begin, end - begin);
+}
+
+// The last complete line of a unit that ends with CR LF.
+QByteArray lastCompleteLine(const QByteArray& unit)
+{
+    const QByteArray body = unit.chopped(2);
+    const qsizetype start = body.lastIndexOf(kCrLf);
+    return start < 0 ? body : body.mid(start + 2);
+}
+
+// One pass of the event loop: other connections' handlers may run before the caller goes on.
+void yieldToEventLoop() { QCoreApplication::processEvents(); }
+} // namespace
+
+// The command rules, tried in order; the first whose state and verb match is applied.
+const InboundSession::Rule InboundSession::kRules[] = {
+    // Status          verb      action
+    {is<Greeted>,      "HELO",   &InboundSession::helo},
+    {is<HeloDone>,     "MAIL",   &InboundSession::firstMail},
+    {is<Queued>,       "MAIL",   &InboundSession::nextMail},
+    {is<SenderOk>,     "RCPT",   &InboundSession::recipient},
+    {is<SenderOk>,     "DATA",   &InboundSession::startData},
+    {isNot<InData>,    "RSET",   &InboundSession::reset},
+    {isNot<InData>,    "NOOP",   &InboundSession::noop},
+    {isNot<InData>,    "QUIT",   &InboundSession::quit},
+    {isNot<InData>,    kAnyVerb, &InboundSession::unrecognized},
+    {is<InData>,       kAnyVerb, &InboundSession::content},
+};
+
+InboundSession::InboundSession(Logs& logs, const Settings& settings, ConnectionTables& tables,
+                               QObject* parent)
+    : QObject(parent), logs_(logs), settings_(settings), tables_(tables)
+{
+    connect(&tables_.SmtpListener(), &QTcpServer::newConnection, this,
+            &InboundSession::Smtp_ConnectionRequest);
+}
+
+// ---- connection requests ----
+
+void InboundSession::Smtp_ConnectionRequest()
+{
+    logs_.guarded("FRM:MAIN[Smtp_ConnectionRequest]", [this] {
+        while (QTcpSocket* socket = tables_.SmtpListener().nextPendingConnection())
+            acceptRequest(socket);
+    });
+}
+
+void InboundSession::acceptRequest(QTcpSocket* socket)
+{
+    const QByteArray host = socket->peerName().toUtf8();
+    const QByteArray ip = PlainAddressText(socket->peerAddress());
+    const std::optional<uint8_t> free = tables_.FindFreeCnxIn();
+    if (!free) {
+        refuseBusy(socket, host, ip);
+        return;
+    }
+    const uint8_t n = *free;
+    CConnexion& cnx = tables_.LoadCnxIn(n, socket);
+    Peer& peer = peers_[n];
+    peer = Peer{};
+    peer.socket = socket;
+    peer.host = host;
+    peer.ip = ip;
+    peer.localIp = PlainAddressText(socket->localAddress());
+
+    if (!mayRelay(peer)) {
+        mailLog(slotTag(n) + " REJECT Host " + ip + " relay: deny");
+        logs_.DbgAdd("<FONT COLOR='#FF0000'><B>" + ip + ": DENY RELAY</B></FONT><BR>");
+        socket->close();
+        tables_.ReleaseSmtpLocal(n);
+        return;
+    }
+
+    watch(n, socket);
+    const QByteArray greeting = "220 Server Postiq " + AppVersion().toUtf8() + " on " + peer.localIp
+        + " Ready (" + kProductWeb.host + ")" + kCrLf;
+    mailLog(slotTag(n) + ": connect from " + host + " [" + ip + "]");
+    logs_.DbgAdd("<FONT COLOR='#FF0000'><B>Demande de connexion Smtp local ...</B></FONT><BR>");
+    logs_.DbgAdd("<FONT COLOR='#0000FF'>Send to Smtp local: " + greeting + "</FONT><BR>");
+    cnx.setStatus(Greeted);
+    socket->write(greeting);
+    yieldToEventLoop();
+}
+
+// A full table never stalls the program: the newcomer is told to come back and closed.
+void InboundSession::refuseBusy(QTcpSocket* socket, const QByteArray& host, const QByteArray& ip)
+{
+    mailLog(" Postiq/smtplocal: 421 busy, reject from " + host + " [" + ip + "]");
+    connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
+    connect(socket, &QTcpSocket::errorOccurred, socket, &QObject::deleteLater);
+    socket->write("421 Postiq busy, try again later" + kCrLf);
+    socket->disconnectFromHost();
+    if (socket->state() == QAbstractSocket::UnconnectedState)
+        socket->deleteLater();
+}
+
+// This machine, through the loop-back or its own address, and the local network when relaying
+// is switched on.
+bool InboundSession::mayRelay(const Peer& peer) const
+{
+    const bool loopBack = peer.ip == "127.0.0.1";
+    const bool localNetwork = settings_.ActiveSettings.Relay && peer.ip.left(8) == "192.168.";
+    const bool sameMachine = peer.ip == peer.localIp;
+    return loopBack || localNetwork || sameMachine;
+}
+
+void InboundSession::watch(uint8_t n, QTcpSocket* socket)
+{
+    const QPointer<QTcpSocket> guard(socket);
+    connect(socket, &QTcpSocket::readyRead, this, [this, n, guard] { Smtp_DataArrival(n, guard); });
+    connect(socket, &QTcpSocket::bytesWritten, this,
+            [this, n, guard] { Smtp_SendComplete(n, guard); });
+    connect(socket, &QTcpSocket::disconnected, this,
+            [this, n, guard] { connectionLost("FRM:MAIN[Smtp_Close]", n, guard); });
+    connect(socket, &QTcpSocket::errorOccurred, this,
+            [this, n, guard] { connectionLost("FRM:MAIN[Smtp_Error]", n, guard); });
+}
+
+bool InboundSession::owns(uint8_t n, QTcpSocket* socket) const
+{
+    return socket && tables_.Smtp(n) == socket;
+}
+
+// ---- socket events of a slot ----
+
+void InboundSession::Smtp_DataArrival(uint8_t n, QTcpSocket* socket)
+{
+    logs_.guarded("FRM:MAIN[Smtp_DataArrival]", [&] {
+        if (!owns(n, socket) || peers_[n].handling)
+            return; // a running handler of this slot reads the new data itself
+        peers_[n].handling = true;
+        readUnits(n, socket);
+        if (!owns(n, socket))
+            return;
+        peers_[n].handling = false;
+        if (peers_[n].lostWhileHandling)
+            endLostConnection(n, socket);
+    });
+}
+
+// Reads until nothing is pending, so that data that came in during a yield is not left behind.
+void InboundSession::readUnits(uint8_t n, QTcpSocket* socket)
+{
+    while (owns(n, socket)) {
+        const QByteArray bytes = socket->readAll();
+        if (bytes.isEmpty())
+            return;
+        CConnexion& cnx = tables_.CnxIn(n);
+        cnx.SmtpCommand += bytes;
+        if (cnx.SmtpCommand.size() < 2 || !cnx.SmtpCommand.endsWith(kCrLf))
+            continue;
+        const QByteArray line = cnx.SmtpCommand;
+        cnx.SmtpCommand.clear();
+        handleUnit(n, line);
+    }
+}
+
+void InboundSession::handleUnit(uint8_t n, const QByteArray& line)
+{
+    const QByteArray tag = "Receive from Smtp local[" + number(n) + "]: ";
+    logs_.DbgAdd(tag + "<I> ********** Message Corps du mail **********</I><BR>", DbgInbound);
+    logs_.DbgAdd(tag + HtmlEscape(line), DbgInbound);
+
+    CConnexion& cnx = tables_.CnxIn(n);
+    const QByteArray verb = GetResponse(line);
+    Unit unit{n, cnx, line};
+    for (const Rule& rule : kRules) {
+        if (rule.state(cnx.Status()) && (rule.verb == kAnyVerb || verb == rule.verb)) {
+            (this->*rule.action)(unit);
+            return;
+        }
+    }
+}
+
+void InboundSession::Smtp_SendComplete(uint8_t n, QTcpSocket* socket)
+{
+    logs_.guarded("FRM:MAIN[Smtp_SendComplete]", [&] {
+        if (!owns(n, socket) || socket->bytesToWrite() > 0)
+            return;
+        if (tables_.CnxIn(n).Status() == Quitting)
+            closeAndRelease(n, socket);
+    });
+}
+
+void InboundSession::closeAndRelease(uint8_t n, QTcpSocket* socket)
+{
+    // Our own close is not a lost connection.
+    disconnect(socket, nullptr, this, nullptr);
+    socket->close();
+    logs_.DbgAdd("<FONT COLOR='#FF0000'><B>TCP local fermé</B></FONT><BR>");
+    tables_.ReleaseSmtpLocal(n);
+}
+
+// A client that closes or whose socket fails frees its slot at once; an unfinished message is
+// dropped. While the slot's data handler runs, it finishes first and ends the connection itself.
+void InboundSession::connectionLost(const char* site, uint8_t n, QTcpSocket* socket)
+{
+    logs_.guarded(site, [&] {
+        if (!owns(n, socket))
+            return;
+        if (peers_[n].handling) {
+            peers_[n].lostWhileHandling = true;
+            return;
+        }
+        endLostConnection(n, socket);
+    });
+}
+
+void InboundSession::endLostConnection(uint8_t n, QTcpSocket* socket)
+{
+    // What the client sent before it went away is still its request (a QUIT, the end of data).
+    peers_[n].handling = true;
+    readUnits(n, socket);
+    if (!owns(n, socket))
+        return;
+    peers_[n].handling = false;
+    if (tables_.CnxIn(n).Status() == Quitting) {
+        closeAndRelease(n, socket); // the goodbye went out as far as it could
+        return;
+    }
+    const Peer& peer = peers_[n];
+    mailLog(slotTag(n) + ": lost connection from " + peer.host + " [" + peer.ip + "]");
+    disconnect(socket, nullptr, this, nullptr);
+    tables_.ReleaseSmtpLocal(n);
+}
+
+// ---- the command rules ----
+
+void InboundSession::helo(Unit& unit)
+{
+    // The line without "HELO " in front and CR LF behind.
+    const QByteArray name = unit.line.mid(5, std::max<qsizetype>(0, unit.line.size() - 7));
+    unit.cnx.setStatus(HeloDone);
+    reply(unit.n, "250 Hello " + name + kCrLf);
+}
+
+void InboundSession::firstMail(Unit& unit)
+{
+    const Peer& peer = peers_[unit.n];
+    mailLog(slotTag(unit.n) + ": client=" + peer.host + " [" + peer.ip + "]");
+    sender(unit);
+}
+
+void InboundSession::nextMail(Unit& unit)
+{
+    unit.cnx.Message.MClear();
+    sender(unit);
+}
+
+void InboundSession::sender(Unit& unit)
+{
+    const QByteArray raw = pieceAfter(firstLine(unit.line.toLower()), "mail from:");
+    unit.cnx.Message.From = trimSpaces(raw);
+    if (CheckEmail(unit.cnx.Message.From)) {
+        unit.cnx.setStatus(SenderOk);
+        reply(unit.n, "250 sender is " + raw + " sender ok" + kCrLf);
+    } else {
+        reply(unit.n, "504 sender is " + raw + " sender is not a valid email" + kCrLf);
+    }
+}
+
+void InboundSession::recipient(Unit& unit)
+{
+    const QByteArray address = trimSpaces(pieceAfter(firstLine(unit.line.toLower()), "rcpt to:"));
+    if (!CheckEmail(address)) {
+        reply(unit.n, "504 recipient is " + address + " recipient is not a valid email" + kCrLf);
+        return;
+    }
+    CMessage& message = unit.cnx.Message;
+    if (message.MRcptToCount() >= kMostRecipients) {
+        reply(unit.n, "452 Too many recipients" + kCrLf);
+        return;
+    }
+    message.AddRcptTo(address);
+    unit.cnx.setStatus(SenderOk);
+    reply(unit.n, "250 recipient is " + address + " recipient ok" + kCrLf);
+}
+
+void InboundSession::startData(Unit& unit)
+{
+    unit.cnx.Message.Data.clear();
+    unit.cnx.setStatus(InData);
+    reply(unit.n, "354 OK End with <CRLF>.<CRLF>" + kCrLf);
+}
+
+void InboundSession::reset(Unit& unit)
+{
+    unit.cnx.Message.MClear();
+    unit.cnx.setStatus(HeloDone);
+    reply(unit.n, "250 Reset Ok." + kCrLf, true);
+}
+
+void InboundSession::noop(Unit& unit) { reply(unit.n, "250 Noop Ok." + kCrLf, true); }
+
+void InboundSession::quit(Unit& unit)
+{
+    const Peer& peer = peers_[unit.n];
+    mailLog(slotTag(unit.n) + ": disconnect from " + peer.host + " [" + peer.ip + "]");
+    unit.cnx.setStatus(Quitting);
+    reply(unit.n, "221 Postiq Goodbye" + kCrLf);
+}
+
+void InboundSession::unrecognized(Unit& unit)
+{
+    mailLog(slotTag(unit.n) + ": 500 Unrecognized command");
+    reply(unit.n, "500 Unrecognized command." + kCrLf);
+}
+
+// Contents are kept byte for byte; only a unit whose last line is a lone dot ends the message.
+void InboundSession::content(Unit& unit)
+{
+    if (lastCompleteLine(unit.line) != ".") {
+        unit.cnx.Message.Data += unit.line;
+        return;
+    }
+    endOfData(unit);
+}
+
+void InboundSession::endOfData(Unit& unit)
+{
+    CMessage& message = unit.cnx.Message;
+    unit.cnx.setStatus(Queued);
+    message.Data += unit.line.chopped(3); // without the dot line
+    const QByteArray firstRecipient = message.MRcptToCount() >= 1 ? message.RcptTo(1) : QByteArray();
+    mailLog(slotTag(unit.n) + ": " + " to=" + firstRecipient + " status=outbox");
+    const QByteArray accepted = "250 Message accepted for delivery" + kCrLf;
+    logReply(unit.n, accepted);
+
+    message.TxtEng = kCrLf + "==> DO NOT ALTER THIS FILE !" + kCrLf;
+    message.TxtFr = kCrLf + "==> NE PAS MODIFIER CE FICHIER !" + kCrLf;
+    message.Essai = 0;
+    const QString outBox = QueueFolder(logs_.folder(), QStringLiteral("OutBox"));
+    if (message.MRcptToCount() > 1) {
+        ParseRcptTo(logs_, message, outBox);
+    } else {
+        message.ID = RandomFileGet(logs_);
+        message.MWrite(outBox + '/' + QString::fromLatin1(message.ID));
+    }
+    send(unit.n, accepted);
+    yieldToEventLoop();
+}
+
+// ---- replies and logs ----
+
+void InboundSession::logReply(uint8_t n, const QByteArray& reply, bool bold)
+{
+    const QByteArray text = "Send to Smtp local[" + number(n) + "]: " + reply;
+    logs_.DbgAdd(bold ? "<FONT COLOR='#0000FF'><B>" + text + "</B></FONT><BR>"
+                      : "<FONT COLOR='#0000FF'>" + text + "</FONT><BR>");
+}
+
+void InboundSession::send(uint8_t n, const QByteArray& reply)
+{
+    if (QTcpSocket* socket = peers_[n].socket; owns(n, socket))
+        socket->write(reply);
+}
+
+void InboundSession::reply(uint8_t n, const QByteArray& reply, bool bold)
+{
+    logReply(n, reply, bold);
+    send(n, reply);
+    yieldToEventLoop();
+}
+
+void InboundSession::mailLog(const QByteArray& text) { logs_.MailLog(GMTDate(logs_.clock()) + text); }
+
+QByteArray InboundSession::slotTag(uint8_t n) const
+{
+    return " Postiq/smtplocal[" + number(n) + "]";
+}
+
+} // namespace postiq

@@ -1,0 +1,106 @@
+#pragma once
+
+#include <QByteArray>
+#include <QObject>
+#include <QPointer>
+#include <array>
+#include <cstdint>
+
+#include "smtp_in/connexion.h"
+
+class QTcpSocket;
+
+namespace postiq {
+
+class Logs;
+class Settings;
+
+// Protocol states of an inbound slot (0 is a free slot).
+enum InboundState : int32_t {
+    Greeted = 4,  // greeting sent, waiting for HELO
+    HeloDone = 5, // HELO done (or reset), waiting for MAIL
+    SenderOk = 6, // sender accepted; recipients may follow; DATA allowed
+    InData = 8,   // everything received is message content
+    Queued = 10,  // message stored; another MAIL may follow
+    Quitting = 12 // QUIT answered; close once the reply is out
+};
+
+// The SMTP server side for local mail programs: takes connection requests from the listener,
+// decides who may relay, runs the dialogue on each IN slot and stores every accepted message in
+// OutBox. Each reply is followed by one pass of the event loop, so handlers of other connections
+// (or of this one) may run in between; every use of a slot after such a pass checks that the
+// slot still belongs to the same connection.
+class InboundSession : public QObject {
+    Q_OBJECT
+public:
+    InboundSession(Logs& logs, const Settings& settings, ConnectionTables& tables,
+                   QObject* parent = nullptr);
+
+    // Takes every pending connection request of the listener.
+    void Smtp_ConnectionRequest();
+
+private:
+    // What the session knows of the connection in a slot, kept from the moment it was accepted
+    // (a socket forgets its peer once it is closed).
+    struct Peer {
+        QPointer<QTcpSocket> socket;
+        QByteArray host;
+        QByteArray ip;
+        QByteArray localIp;
+        bool handling = false;          // the data handler of this slot is running
+        bool lostWhileHandling = false; // the client went away meanwhile
+    };
+    // One received unit (one or more complete lines) of slot n.
+    struct Unit {
+        uint8_t n;
+        CConnexion& cnx;
+        QByteArray line;
+    };
+    using Action = void (InboundSession::*)(Unit&);
+    struct Rule {
+        bool (*state)(int32_t status);
+        const char* verb; // nullptr: any verb
+        Action action;
+    };
+    static const Rule kRules[];
+
+    void acceptRequest(QTcpSocket* socket);
+    void refuseBusy(QTcpSocket* socket, const QByteArray& host, const QByteArray& ip);
+    bool mayRelay(const Peer& peer) const;
+    void watch(uint8_t n, QTcpSocket* socket);
+
+    void Smtp_DataArrival(uint8_t n, QTcpSocket* socket);
+    void Smtp_SendComplete(uint8_t n, QTcpSocket* socket);
+    void connectionLost(const char* site, uint8_t n, QTcpSocket* socket);
+    void endLostConnection(uint8_t n, QTcpSocket* socket);
+    void readUnits(uint8_t n, QTcpSocket* socket);
+    void handleUnit(uint8_t n, const QByteArray& line);
+    bool owns(uint8_t n, QTcpSocket* socket) const;
+    void closeAndRelease(uint8_t n, QTcpSocket* socket);
+
+    void helo(Unit& unit);
+    void firstMail(Unit& unit);
+    void nextMail(Unit& unit);
+    void sender(Unit& unit);
+    void recipient(Unit& unit);
+    void startData(Unit& unit);
+    void reset(Unit& unit);
+    void noop(Unit& unit);
+    void quit(Unit& unit);
+    void unrecognized(Unit& unit);
+    void content(Unit& unit);
+    void endOfData(Unit& unit);
+
+    void logReply(uint8_t n, const QByteArray& reply, bool bold = false);
+    void send(uint8_t n, const QByteArray& reply);
+    void reply(uint8_t n, const QByteArray& reply, bool bold = false);
+    void mailLog(const QByteArray& text);
+    QByteArray slotTag(uint8_t n) const;
+
+    Logs& logs_;
+    const Settings& settings_;
+    ConnectionTables& tables_;
+    std::array<Peer, ConnectionTables::kUpperBound + 1> peers_;
+};
+
+} // namespace postiq

@@ -1,0 +1,117 @@
+#include "store/message.h"
+
+#include <QFile>
+#include <QFileInfo>
+
+#include "log/logs.h"
+#include "notify/dates.h"
+#include "store/durable_file.h"
+#include "store/queue_file_format.h"
+
+namespace postiq {
+
+namespace {
+// Both file operations report under the writer's label, the reader included.
+constexpr const char* kFileSite = "CLS:CMessage[MWrite]";
+constexpr int kMaxRecipients = 255;
+
+QByteArray fileNote(Logs& logs, const char* action, const QString& path)
+{
+    return "<FONT face='Verdana' size='2'>" + GMTDate(logs.clock()) + action + path.toUtf8()
+        + "</FONT><BR>";
+}
+} // namespace
+
+CMessage::CMessage(Logs& logs) : logs_(&logs) {}
+
+QByteArray CMessage::RcptTo(int index) const
+{
+    if (index < 0 || index >= rcptTo_.size())
+        throw Fault(ErrOutOfRange, QStringLiteral("Recipient index %1 is beyond the list (0 to %2)")
+                                       .arg(index)
+                                       .arg(rcptTo_.size() - 1));
+    return rcptTo_[index];
+}
+
+void CMessage::setRcptTo(int index, const QByteArray& address)
+{
+    if (index < 0 || index >= rcptTo_.size())
+        throw Fault(ErrOutOfRange, QStringLiteral("Recipient index %1 is beyond the list (0 to %2)")
+                                       .arg(index)
+                                       .arg(rcptTo_.size() - 1));
+    rcptTo_[index] = address;
+}
+
+uint8_t CMessage::MRcptToCount() const
+{
+    const qsizetype count = rcptTo_.size() - 1;
+    if (count > kMaxRecipients)
+        throw Fault(ErrOverflow, QStringLiteral("%1 recipients are more than a message can have (%2)")
+                                     .arg(count)
+                                     .arg(kMaxRecipients));
+    return uint8_t(count);
+}
+
+void CMessage::AddRcptTo(const QByteArray& address)
+{
+    // Refused here rather than counted later, so that a record never holds a list it cannot write.
+    if (rcptTo_.size() - 1 >= kMaxRecipients)
+        throw Fault(ErrOverflow, QStringLiteral("A message cannot have more than %1 recipients")
+                                     .arg(kMaxRecipients));
+    rcptTo_.append(address);
+}
+
+void CMessage::OneRcptTo() { rcptTo_ = {QByteArray(), QByteArray()}; }
+
+void CMessage::MClear()
+{
+    From.clear();
+    rcptTo_ = {QByteArray()};
+    Data.clear();
+    LastError.clear();
+    Essai = 0;
+}
+
+void CMessage::MOpen(const QString& path)
+{
+    logs_->guarded(kFileSite, [&] {
+        logs_->DbgAdd(fileNote(*logs_, ": Ouverture de ", path));
+        if (!QFileInfo(path).isFile())
+            return; // a missing file is not a fault: the record stays as it was
+        QFile file(path);
+        if (!file.open(QIODevice::ReadOnly))
+            throw Fault(ErrFileAccess,
+                        QStringLiteral("Cannot open '%1': %2").arg(path, file.errorString()));
+        // Read into a fresh record so that a fault never leaves this one half loaded.
+        CMessage loaded(*logs_);
+        ReadQueueRecord(file, loaded);
+        *this = std::move(loaded);
+    });
+}
+
+void CMessage::MWrite(const QString& path)
+{
+    logs_->guarded(kFileSite, [&] {
+        logs_->DbgAdd(fileNote(*logs_, ": Ecriture de ", path));
+        // Replaced in place: an existing file of that name is deleted first, whatever it held.
+        if (QFileInfo::exists(path) && !QFile::remove(path))
+            throw Fault(ErrAccessDenied, QStringLiteral("Cannot delete the existing '%1'").arg(path));
+        QFile file(path);
+        if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+            throw Fault(ErrAccessDenied,
+                        QStringLiteral("Cannot create '%1': %2").arg(path, file.errorString()));
+        try {
+            WriteQueueRecord(file, *this);
+            SyncFile(file);
+        } catch (const Fault&) {
+            // A partial record would stop every later scan of its folder; the sender has not
+            // been told the message was accepted, so nothing is lost by removing it.
+            file.remove();
+            throw;
+        }
+        file.close();
+        SyncFolderOf(path);
+    });
+}
+
+} // namespace postiq

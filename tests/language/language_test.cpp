@@ -1,0 +1,93 @@
+#include <gtest/gtest.h>
+
+#include <QDir>
+
+#include "language/language.h"
+#include "support/fakes.h"
+
+using namespace postiq;
+using namespace postiq::test;
+
+namespace {
+
+using Row = LanguageTable::Row;
+
+struct LanguageBench : LogBench {
+    LanguageTable table;
+    void writeLanguage(const QString& name, const QByteArray& bytes)
+    {
+        QDir(dir.path()).mkpath("language");
+        writeFile(path("language/" + name + ".ini"), bytes);
+    }
+};
+
+TEST(LOADFile, ReadsEntriesOfSectionsInFileOrder)
+{
+    LanguageBench bench;
+    bench.writeLanguage("en",
+                        "CPT_before=ignored, no section yet\r\n"
+                        "<MAIN>\r\n"
+                        "CPT_lblTitle = Title \r\n"
+                        "\tTIP_btnStart\t=\t\"Start the service\"\r\n"
+                        "CPT_a=b=c\r\n"            // several "=": not an entry
+                        "no equals sign\r\n"
+                        "\r\n"
+                        "CPT_cut=Write, then read\r\n" // the comma ends the item
+                        "\"CPT_whole=Write, then read\"\r\n"
+                        "</MAIN>\r\n"
+                        "CPT_between=ignored\r\n"
+                        "<CONFIGURATION>\r\n"
+                        "NOD_relay_6=Relay\n"
+                        "<CONSTANTS>\n"             // a new head replaces the section
+                        "CST_03=Yes\n"
+                        "</CONSTANTS>");
+    bench.table.LOADFile(bench.logs, "en");
+    const QList<Row> expected{
+        {"MAIN", "CPT_lblTitle", "Title"},
+        {"MAIN", "TIP_btnStart", "Start the service"},
+        {"MAIN", "CPT_cut", "Write"},
+        {"MAIN", "CPT_whole", "Write, then read"},
+        {"CONFIGURATION", "NOD_relay_6", "Relay"},
+        {"CONSTANTS", "CST_03", "Yes"},
+    };
+    EXPECT_EQ(bench.table.rows(), expected);
+    EXPECT_EQ(readFile(bench.path("maillog.txt")), QByteArray("Feb 05 2004 09:05:07 Postiq: Chargement du langage\r\n"));
+}
+
+TEST(LOADFile, MissingFileEmptiesTheTableSilently)
+{
+    LanguageBench bench;
+    bench.writeLanguage("en", "<MAIN>\r\nCPT_x=y\r\n");
+    bench.table.LOADFile(bench.logs, "en");
+    ASSERT_EQ(bench.table.rows().size(), 1);
+    bench.table.setSharedWord(3, "Yes");
+    QFile::remove(bench.path("maillog.txt"));
+
+    bench.table.LOADFile(bench.logs, "fr");
+    EXPECT_TRUE(bench.table.rows().isEmpty());
+    EXPECT_EQ(bench.table.sharedWord(3), QString("Oui"));
+    EXPECT_FALSE(QFile::exists(bench.path("maillog.txt")));
+    EXPECT_TRUE(bench.desktop.boxes.isEmpty());
+}
+
+TEST(LanguageTable, SharedWordsStartInFrenchAndAreNumberedOneToFour)
+{
+    LanguageTable table;
+    EXPECT_EQ(table.sharedWord(1), QString("Outrepasser la valeur par défaut"));
+    EXPECT_EQ(table.sharedWord(2), QString("Défaut"));
+    EXPECT_EQ(table.sharedWord(3), QString("Oui"));
+    EXPECT_EQ(table.sharedWord(4), QString("Non"));
+    EXPECT_THROW(table.sharedWord(0), Fault);
+    EXPECT_THROW(table.setSharedWord(5, "x"), Fault);
+}
+
+TEST(LOADFile, UnreadableFileIsTheFatalReport)
+{
+    LanguageBench bench;
+    QDir(bench.dir.path()).mkpath("language/en.ini"); // a folder where the file should be
+    EXPECT_THROW(bench.table.LOADFile(bench.logs, "en"), ProgramEnded);
+    ASSERT_EQ(bench.desktop.diagnostics.size(), 1);
+    EXPECT_TRUE(bench.desktop.diagnostics[0].startsWith("Where: MOD:LANGUAGE[LOADFile], number 75: "));
+}
+
+} // namespace
