@@ -22,7 +22,7 @@ if [ ${#missing[@]} -gt 0 ]; then
   fi
   export DEBIAN_FRONTEND=noninteractive
   "${apt_get[@]}" update -qq
-  "${apt_get[@]}" install -y -qq --no-install-recommends "${missing[@]}" || {
+  "${apt_get[@]}" install -y -qq "${missing[@]}" || {
     echo "error: could not install: ${missing[*]}" >&2
     exit 1
   }

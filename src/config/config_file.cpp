@@ -19,8 +19,6 @@ namespace postiq {
 
 namespace {
 
-const QString kNothing = QStringLiteral("NOTHING");
-
 QString configPath(const Logs& logs) { return logs.folder() + '/' + QLatin1String(kConfigFileName); }
 
 template <auto Value>
@@ -114,14 +112,11 @@ void ConfigLoader::readFile()
 
 void ConfigLoader::handleItem(const QString& rawItem)
 {
-    QString item = rawItem;
-    if (item.isEmpty() || item.trimmed().startsWith(u'#'))
-        item = kNothing;
-    item = item.replace(u'\t', u' ').trimmed();
+    const QString item = QString(rawItem).replace(u'\t', u' ').trimmed();
+    if (item.isEmpty() || item.startsWith(u'#'))
+        return;
 
     const QString key = item.section(u' ', 0, 0);
-    if (key.isEmpty())
-        return;
     // Every occurrence of the key goes, not only the leading one: "SmtpServer mail.SmtpServer.net"
     // reads as "mail..net". Files in the wild rely on this reading, so it stays.
     const QString value = QString(item).remove(key).trimmed();

@@ -30,6 +30,8 @@ struct CConfiguration {
     bool AttemptDelayDefined = false;
     bool Relay = false;
     bool RelayDefined = false;
+
+    bool operator==(const CConfiguration&) const = default;
 };
 
 // "On" or "Off". Reading goes the other way: only the exact text "Off" is False.

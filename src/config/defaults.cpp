@@ -51,34 +51,22 @@ void LoadDefault(Settings& settings, NetworkDiscovery& discovery)
     settings.DnsServerList = QStringList{QString::number(network.dnsServers.size())};
     settings.DnsServerList += network.dnsServers;
 
-    const QString dnsServer = settings.DnsServerList[0].toInt() > 0
-        ? withoutNuls(settings.DnsServerList[1])
-        : QString::fromLatin1(kFallbackDnsServer);
-
     CConfiguration& d = settings.DefaultSettings;
-    CConfiguration& u = settings.UserSettings;
     d.LaunchStart = true;
-    u.LaunchStartDefined = false;
     d.DebugMode = false;
-    u.DebugModeDefined = false;
     d.ComputerStart = false;
-    u.ComputerStartDefined = false;
-    d.DNSServer = dnsServer;
-    u.DNSServerDefined = false;
+    d.DNSServer = network.dnsServers.isEmpty() ? QString::fromLatin1(kFallbackDnsServer)
+                                               : withoutNuls(network.dnsServers.first());
     d.Language = QString::fromLatin1(kDefaultLanguage);
-    u.LanguageDefined = false;
     d.KeepLocal = false;
-    u.KeepLocalDefined = false;
     d.ListenPort = 25;
-    u.ListenPortDefined = false;
     d.SmtpServer = QString::fromLatin1(kDefaultSmtpServer);
-    u.SmtpServerDefined = false;
     d.MaxNbrAttempt = 3;
-    u.MaxNbrAttemptDefined = false;
     d.AttemptDelay = 60;
-    u.AttemptDelayDefined = false;
     d.Relay = true;
-    u.RelayDefined = false;
+
+    for (const SettingRow& row : kSettingRows)
+        settings.UserSettings.*row.defined = false;
 }
 
 void ResetActiveToDefaults(Settings& settings)

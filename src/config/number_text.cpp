@@ -8,13 +8,15 @@ namespace postiq {
 
 int64_t NumberFromText(const QString& text, int64_t min, int64_t max, const QString& what)
 {
+    const auto notANumber = [&] {
+        return Fault(ErrTypeMismatch, QStringLiteral("Type mismatch: %1 '%2' is not a number").arg(what, text));
+    };
     qsizetype pos = 0;
     bool negative = false;
     if (pos < text.size() && (text[pos] == u'+' || text[pos] == u'-'))
         negative = text[pos++] == u'-';
     if (pos == text.size())
-        throw Fault(ErrTypeMismatch,
-                    QStringLiteral("Type mismatch: %1 '%2' is not a number").arg(what, text));
+        throw notANumber();
 
     // Accumulate with a ceiling so that any number of digits neither wraps nor overflows.
     constexpr int64_t kCeiling = int64_t(1) << 40;
@@ -22,8 +24,7 @@ int64_t NumberFromText(const QString& text, int64_t min, int64_t max, const QStr
     for (; pos < text.size(); ++pos) {
         const QChar c = text[pos];
         if (c < u'0' || c > u'9')
-            throw Fault(ErrTypeMismatch,
-                        QStringLiteral("Type mismatch: %1 '%2' is not a number").arg(what, text));
+            throw notANumber();
         magnitude = std::min(magnitude * 10 + (c.unicode() - u'0'), kCeiling);
     }
     const int64_t value = negative ? -magnitude : magnitude;

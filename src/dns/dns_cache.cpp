@@ -3,6 +3,7 @@
 #include <QFile>
 #include <QtEndian>
 
+#include <bit>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
@@ -52,14 +53,7 @@ public:
     {
         return qFromLittleEndian<T>(bytes(sizeof(T)).constData());
     }
-    double real()
-    {
-        const QByteArray data = bytes(8);
-        double value;
-        const quint64 bits = qFromLittleEndian<quint64>(data.constData());
-        std::memcpy(&value, &bits, sizeof value);
-        return value;
-    }
+    double real() { return std::bit_cast<double>(number<quint64>()); }
     QByteArray text()
     {
         const quint16 length = number<quint16>();
@@ -127,12 +121,7 @@ public:
         qToLittleEndian(value, bytes);
         data.append(bytes, sizeof(T));
     }
-    void real(double value)
-    {
-        quint64 bits;
-        std::memcpy(&bits, &value, sizeof bits);
-        number<quint64>(bits);
-    }
+    void real(double value) { number(std::bit_cast<quint64>(value)); }
     void text(const QByteArray& value)
     {
         if (value.size() > kMaxText)
@@ -169,10 +158,10 @@ QByteArray encode(const QList<DNSCacheEntry>& table)
     return out.data;
 }
 
-[[noreturn]] void fileFault(const QString& what)
+[[noreturn]] void fileFault(const QString& what, int error = errno)
 {
     throw Fault(ErrAccessDenied, QStringLiteral("%1 %2: %3").arg(what, kCacheFile,
-                                                            QString::fromLocal8Bit(std::strerror(errno))));
+                                                            QString::fromLocal8Bit(std::strerror(error))));
 }
 
 // Writes beside the file and renames over it, syncing the file and then the folder, so that a
@@ -184,38 +173,36 @@ void writeDurably(const QString& folder, const QByteArray& data)
     const int fd = ::open(temporary.constData(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (fd < 0)
         fileFault(QStringLiteral("Cannot create"));
-    qsizetype written = 0;
-    while (written < data.size()) {
+    // A failure before the rename leaves no partial file behind; the report keeps the first error.
+    const auto abandon = [&](const QString& what, bool stillOpen) {
+        const int error = errno;
+        if (stillOpen)
+            ::close(fd);
+        ::unlink(temporary.constData());
+        fileFault(what, error);
+    };
+    for (qsizetype written = 0; written < data.size();) {
         const ssize_t n = ::write(fd, data.constData() + written, size_t(data.size() - written));
         if (n < 0 && errno == EINTR)
             continue;
-        if (n <= 0) {
-            ::close(fd);
-            ::unlink(temporary.constData());
-            fileFault(QStringLiteral("Cannot write"));
-        }
+        if (n <= 0)
+            abandon(QStringLiteral("Cannot write"), true);
         written += n;
     }
-    if (::fsync(fd) != 0) {
-        ::close(fd);
-        ::unlink(temporary.constData());
-        fileFault(QStringLiteral("Cannot sync"));
-    }
-    if (::close(fd) != 0) {
-        ::unlink(temporary.constData());
-        fileFault(QStringLiteral("Cannot close"));
-    }
-    if (::rename(temporary.constData(), path.constData()) != 0) {
-        ::unlink(temporary.constData());
-        fileFault(QStringLiteral("Cannot replace"));
-    }
+    if (::fsync(fd) != 0)
+        abandon(QStringLiteral("Cannot sync"), true);
+    if (::close(fd) != 0)
+        abandon(QStringLiteral("Cannot close"), false);
+    if (::rename(temporary.constData(), path.constData()) != 0)
+        abandon(QStringLiteral("Cannot replace"), false);
     const int dir = ::open(QFile::encodeName(folder).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (dir < 0)
         fileFault(QStringLiteral("Cannot open the folder of"));
     const int synced = ::fsync(dir);
+    const int error = errno;
     ::close(dir);
     if (synced != 0)
-        fileFault(QStringLiteral("Cannot sync the folder of"));
+        fileFault(QStringLiteral("Cannot sync the folder of"), error);
 }
 
 } // namespace

@@ -25,8 +25,6 @@ namespace {
 constexpr int kMaxLabel = 63;
 constexpr size_t kMaxServerAddresses = 3;
 constexpr int kMaxWireName = 255;
-constexpr char kFieldSeparator = '\xA4';
-constexpr char kRecordEnd = '|';
 
 struct ResolverFree {
     void operator()(ldns_resolver* r) const { ldns_resolver_deep_free(r); }
@@ -101,8 +99,8 @@ std::vector<Rdf> serverAddresses(const QString& host)
 // and a dot inside a label.
 bool unsafeInHost(unsigned char c)
 {
-    return c < 0x20 || c == 0x7F || c == ' ' || c == '.' || c == kRecordEnd
-        || c == static_cast<unsigned char>(kFieldSeparator);
+    return c < 0x20 || c == 0x7F || c == ' ' || c == '.' || c == kMxRecordEnd
+        || c == static_cast<unsigned char>(kMxFieldSeparator);
 }
 
 // The exchanger's name from the raw labels of the rdata, without its final dot. Nothing when a
@@ -150,8 +148,8 @@ QByteArray recordsText(const ldns_pkt* answer)
         const auto host = exchangerName(ldns_rr_mx_exchange(rr));
         if (!host)
             continue;
-        text += QByteArray::number(ldns_rdf2native_int16(preference)) + kFieldSeparator + *host
-            + kFieldSeparator + QByteArray::number(ldns_rr_ttl(rr)) + kRecordEnd;
+        text += QByteArray::number(ldns_rdf2native_int16(preference)) + kMxFieldSeparator + *host
+            + kMxFieldSeparator + QByteArray::number(ldns_rr_ttl(rr)) + kMxRecordEnd;
     }
     return text;
 }

@@ -39,5 +39,8 @@ private:
 };
 
 inline constexpr char kDnsTimeoutText[] = "ERROR_DNS_TIMEOUT";
+// The separators of the records text.
+inline constexpr char kMxFieldSeparator = '\xA4';
+inline constexpr char kMxRecordEnd = '|';
 
 } // namespace postiq

@@ -13,8 +13,6 @@ namespace postiq {
 namespace {
 
 const QByteArray kNoHost = "NONE";
-constexpr char kFieldSeparator = '\xA4';
-constexpr char kRecordEnd = '|';
 
 // The preference of a record. DNS preferences run to 65535 while a list holds 16-bit signed
 // orders: a preference above 32767 is kept as 32767, so that it still sorts after every lower one
@@ -92,10 +90,10 @@ void CDns::resolveThroughDns(const QByteArray& domain)
 
 int CDns::AddLookupRecords(CMXServer& list, const QByteArray& result)
 {
-    const QList<QByteArray> pieces = result.split(kRecordEnd);
+    const QList<QByteArray> pieces = result.split(kMxRecordEnd);
     const int records = int(pieces.size() - 1);
     for (int i = 0; i < records; ++i) {
-        const QList<QByteArray> fields = pieces[i].split(kFieldSeparator);
+        const QList<QByteArray> fields = pieces[i].split(kMxFieldSeparator);
         if (fields.size() < 3) {
             throw Fault(ErrTypeMismatch,
                         "Malformed MX record in lookup result: " + QString::fromLatin1(pieces[i]));
@@ -121,8 +119,7 @@ void CDns::SortMx(int n, CMXServer& list, bool ascending)
 void CDns::DNSAddCache(const QByteArray& domain, const CMXServer& mx)
 {
     logs_.guarded("CLS:DNS[DNSAddCache]", [&] {
-        cache_.DNSCache.append(DNSCacheEntry{});
-        const int index = int(cache_.DNSCache.size() - 1);
+        const int index = int(cache_.DNSCache.size());
         DNSCacheEntry entry;
         entry.Domain = domain;
         for (int i = 1; i <= mx.Count(); ++i) {
@@ -130,7 +127,7 @@ void CDns::DNSAddCache(const QByteArray& domain, const CMXServer& mx)
             logs_.DbgAdd("<FONT COLOR='#FF8000'>Add in DNS cache #" + QByteArray::number(index) + ": "
                          + domain + " MX=" + mx.Host(i) + "</FONT><BR>");
         }
-        cache_.DNSCache[index] = std::move(entry);
+        cache_.DNSCache.append(std::move(entry));
         cache_.DNSCacheIndex.insert(domain, index);
     });
 }

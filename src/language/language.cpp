@@ -73,17 +73,14 @@ void LanguageTable::readEntries(const QByteArray& bytes)
 
     FieldReader reader(bytes);
     while (!reader.atEnd()) {
-        QString item = reader.next();
-        if (item.isEmpty())
-            item = QStringLiteral("NOTHING");
-        item = item.trimmed().replace(u'\t', u' ');
+        const QString item = reader.next().trimmed().replace(u'\t', u' ');
 
-        if (item.startsWith(u'<') && item.endsWith(u'>') && !item.startsWith(QLatin1String("</"))) {
-            section = QString(item).remove(u'<').remove(u'>');
-            inSection = true;
-        } else if (item.startsWith(QLatin1String("</")) && item.endsWith(u'>')) {
+        if (item.startsWith(QLatin1String("</")) && item.endsWith(u'>')) {
             inSection = false;
             section.clear();
+        } else if (item.startsWith(u'<') && item.endsWith(u'>')) {
+            section = QString(item).remove(u'<').remove(u'>');
+            inSection = true;
         } else if (inSection && item.count(u'=') == 1) {
             const qsizetype equals = item.indexOf(u'=');
             rows_.append({section, item.left(equals).trimmed(),

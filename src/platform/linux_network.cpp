@@ -15,10 +15,6 @@ NetworkParams LinuxNetworkDiscovery::query()
 {
     NetworkParams params;
     params.hostName = QHostInfo::localHostName();
-    // Notices name this server, so it must have some name.
-    if (params.hostName.isEmpty())
-        params.hostName = QStringLiteral("localhost");
-
     QFile file(resolvConfPath_);
     if (file.open(QIODevice::ReadOnly))
         params.dnsServers = NameServersOf(file.readAll());

@@ -7,12 +7,7 @@
 
 namespace postiq {
 
-QString defaultProgramFolder()
-{
-    if (QCoreApplication::instance())
-        return QCoreApplication::applicationDirPath();
-    return QFileInfo(QStringLiteral("/proc/self/exe")).canonicalFilePath().section(u'/', 0, -2);
-}
+QString defaultProgramFolder() { return QCoreApplication::applicationDirPath(); }
 
 bool prepareProgramFolder(const QString& dir, QString* error)
 {

@@ -4,7 +4,8 @@
 
 namespace postiq {
 
-// The folder that holds the running executable: the program folder when none is given.
+// The folder that holds the running executable: the program folder when none is given. Needs the
+// application object.
 QString defaultProgramFolder();
 
 // Creates the folder when it is missing and checks that files can be created in it. On failure

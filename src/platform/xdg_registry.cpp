@@ -57,23 +57,37 @@ QStringList linesOf(const QString& text)
     return lines;
 }
 
-// Names and values of registry.ini: a backslash escapes itself, line breaks and, in names, "=".
-QString escapeIniText(const QString& text, bool isName)
+// A backslash escapes itself, line breaks and every character of `extra`; after it a tab is
+// written "t" and any other character stands for itself.
+QString backslashEscaped(const QString& text, QStringView extra)
 {
     QString out;
     for (const QChar c : text) {
-        if (c == u'\\')
-            out += QLatin1String("\\\\");
-        else if (c == u'\n')
-            out += QLatin1String("\\n");
-        else if (c == u'\r')
-            out += QLatin1String("\\r");
-        else if (c == u'=' && isName)
-            out += QLatin1String("\\=");
-        else
+        if (c == u'\\' || c == u'\n' || c == u'\r' || extra.contains(c)) {
+            out += u'\\';
+            out += c == u'\n' ? QChar(u'n') : c == u'\r' ? QChar(u'r') : c == u'\t' ? QChar(u't') : c;
+        } else {
             out += c;
+        }
     }
     return out;
+}
+
+using NamedValues = QList<QPair<QString, QString>>;
+
+QPair<QString, QString>* findValue(NamedValues& values, const QString& name)
+{
+    const auto it = std::find_if(values.begin(), values.end(),
+                                 [&](const auto& v) { return sameKey(v.first, name); });
+    return it == values.end() ? nullptr : &*it;
+}
+
+void setValue(NamedValues& values, const QString& name, const QString& value)
+{
+    if (auto* existing = findValue(values, name))
+        existing->second = value;
+    else
+        values.append({name, value});
 }
 
 // Splits "Name=Value" at the first unescaped "=" and undoes the escapes of both sides.
@@ -100,23 +114,7 @@ bool splitIniEntry(const QString& line, QString* name, QString* value)
 }
 
 // Desktop-entry string values escape backslashes and control characters.
-QString escapeDesktopString(const QString& text)
-{
-    QString out;
-    for (const QChar c : text) {
-        if (c == u'\\')
-            out += QLatin1String("\\\\");
-        else if (c == u'\n')
-            out += QLatin1String("\\n");
-        else if (c == u'\t')
-            out += QLatin1String("\\t");
-        else if (c == u'\r')
-            out += QLatin1String("\\r");
-        else
-            out += c;
-    }
-    return out;
-}
+QString escapeDesktopString(const QString& text) { return backslashEscaped(text, u"\t"); }
 
 QString unescapeDesktopString(const QString& text)
 {
@@ -208,7 +206,7 @@ QString ExecCommand(const QString& execLine)
 XdgRegistry::XdgRegistry(const QString& configHome) : configHome_(configHome)
 {
     if (configHome_.isEmpty()) {
-        // Relative values are to be ignored, as the base-directory rules say.
+        // A relative XDG_CONFIG_HOME is not a valid setting and is ignored.
         const QString fromEnvironment = qEnvironmentVariable("XDG_CONFIG_HOME");
         configHome_ = QDir::isAbsolutePath(fromEnvironment) ? fromEnvironment
                                                             : QDir::homePath() + QStringLiteral("/.config");
@@ -227,15 +225,8 @@ QList<XdgRegistry::Key> XdgRegistry::load() const
             continue;
         }
         QString name, value;
-        if (!current.isEmpty() && splitIniEntry(line, &name, &value)) {
-            auto& values = find(keys, current)->values;
-            auto existing = std::find_if(values.begin(), values.end(),
-                                         [&](const auto& v) { return sameKey(v.first, name); });
-            if (existing != values.end())
-                existing->second = value;
-            else
-                values.append({name, value});
-        }
+        if (!current.isEmpty() && splitIniEntry(line, &name, &value))
+            setValue(find(keys, current)->values, name, value);
     }
     return keys;
 }
@@ -247,8 +238,9 @@ void XdgRegistry::save(const QList<Key>& keys) const
         if (!text.isEmpty())
             text += u'\n';
         text += u'[' + key.path + QLatin1String("]\n");
+        // "=" is escaped in names so that the first unescaped one separates name and value.
         for (const auto& [name, value] : key.values)
-            text += escapeIniText(name, true) + u'=' + escapeIniText(value, false) + u'\n';
+            text += backslashEscaped(name, u"=") + u'=' + backslashEscaped(value, {}) + u'\n';
     }
     writeText(registryFile(), text);
 }
@@ -262,18 +254,25 @@ XdgRegistry::Key* XdgRegistry::find(QList<Key>& keys, const QString& path)
     return nullptr;
 }
 
+XdgRegistry::Key& XdgRegistry::findOrAdd(QList<Key>& keys, const QString& path)
+{
+    // A line break would split the group header in the file.
+    if (path.contains(u'\n') || path.contains(u'\r') || path.isEmpty())
+        fail(QStringLiteral("Invalid registry key '%1'").arg(path));
+    if (Key* found = find(keys, path))
+        return *found;
+    keys.append({path, {}});
+    return keys.last();
+}
+
 QString XdgRegistry::readValue(const QString& key, const QString& name)
 {
     if (isRunEntry(key, name))
         return ExecCommand(execValue(readText(autostartFile())));
     QList<Key> keys = load();
-    if (const Key* found = find(keys, key)) {
-        for (const auto& [valueName, value] : found->values) {
-            if (sameKey(valueName, name))
-                return value;
-        }
-    }
-    return {};
+    Key* found = find(keys, key);
+    const auto* value = found ? findValue(found->values, name) : nullptr;
+    return value ? value->second : QString();
 }
 
 void XdgRegistry::writeValue(const QString& key, const QString& name, const QString& value)
@@ -284,27 +283,18 @@ void XdgRegistry::writeValue(const QString& key, const QString& name, const QStr
                                        .arg(ExecLine(value)));
         return;
     }
-    createKey(key);
     QList<Key> keys = load();
-    auto& values = find(keys, key)->values;
-    auto existing = std::find_if(values.begin(), values.end(),
-                                 [&](const auto& v) { return sameKey(v.first, name); });
-    if (existing != values.end())
-        existing->second = value;
-    else
-        values.append({name, value});
+    setValue(findOrAdd(keys, key).values, name, value);
     save(keys);
 }
 
 void XdgRegistry::createKey(const QString& key)
 {
-    if (key.contains(u'\n') || key.contains(u'\r') || key.isEmpty())
-        fail(QStringLiteral("Invalid registry key '%1'").arg(key));
     QList<Key> keys = load();
-    if (find(keys, key))
-        return;
-    keys.append({key, {}});
-    save(keys);
+    const qsizetype before = keys.size();
+    findOrAdd(keys, key);
+    if (keys.size() != before)
+        save(keys);
 }
 
 void XdgRegistry::deleteValue(const QString& key, const QString& name)
@@ -340,13 +330,8 @@ bool XdgRegistry::valueExists(const QString& key, const QString& name)
     if (isRunEntry(key, name))
         return QFile::exists(autostartFile());
     QList<Key> keys = load();
-    if (const Key* found = find(keys, key)) {
-        for (const auto& value : found->values) {
-            if (sameKey(value.first, name))
-                return true;
-        }
-    }
-    return false;
+    Key* found = find(keys, key);
+    return found && findValue(found->values, name);
 }
 
 } // namespace postiq

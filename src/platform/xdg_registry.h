@@ -39,6 +39,8 @@ private:
     QList<Key> load() const;
     void save(const QList<Key>& keys) const;
     static Key* find(QList<Key>& keys, const QString& path);
+    // Throws for a path that cannot be a key.
+    static Key& findOrAdd(QList<Key>& keys, const QString& path);
 
     QString configHome_;
 };

@@ -13,6 +13,15 @@ namespace {
 constexpr int kLastUsableInSlot = ConnectionTables::kUpperBound - 1; // 100 is never handed out
 
 QByteArray number(int n) { return QByteArray::number(n); }
+
+// A fault about entry n of a table or socket array, such as "Smtp(7): socket instance not loaded".
+Fault entryFault(ErrorNumber error, const char* array, int n, const char* what)
+{
+    return Fault(error, QStringLiteral("%1(%2): %3")
+                            .arg(QLatin1String(array))
+                            .arg(n)
+                            .arg(QLatin1String(what)));
+}
 } // namespace
 
 CConnexion::CConnexion(Logs& logs, const Settings& settings, DnsCache& cache,
@@ -50,9 +59,7 @@ ConnectionTables::~ConnectionTables()
 CConnexion& ConnectionTables::slot(SlotTable& table, int i, const char* name)
 {
     if (i < 0 || i > kUpperBound)
-        throw Fault(ErrOutOfRange, QStringLiteral("%1(%2): no such connection slot")
-                                       .arg(QLatin1String(name))
-                                       .arg(i));
+        throw entryFault(ErrOutOfRange, name, i, "no such connection slot");
     if (!table[i])
         table[i] = std::make_unique<CConnexion>(logs_, settings_, cache_, view_);
     return *table[i];
@@ -63,12 +70,14 @@ CConnexion& ConnectionTables::CnxOut(int i) { return slot(cnxOut_, i, "CnxOut");
 
 QTcpServer& ConnectionTables::SmtpListener() { return *listener_; }
 
-void ConnectionTables::checkInstance(int n, const char* arrayName)
+QPointer<QTcpSocket>& ConnectionTables::unloadedInstance(SocketArray& sockets, int n,
+                                                        const char* arrayName)
 {
     if (n < 1 || n > kUpperBound)
-        throw Fault(ErrOutOfRange, QStringLiteral("%1(%2): no such socket instance")
-                                       .arg(QLatin1String(arrayName))
-                                       .arg(n));
+        throw entryFault(ErrOutOfRange, arrayName, n, "no such socket instance");
+    if (sockets[n])
+        throw entryFault(ErrInvalidCall, arrayName, n, "socket instance already loaded");
+    return sockets[n];
 }
 
 QTcpSocket* ConnectionTables::Smtp(int n) const
@@ -78,11 +87,8 @@ QTcpSocket* ConnectionTables::Smtp(int n) const
 
 void ConnectionTables::LoadSmtp(int n, QTcpSocket* accepted)
 {
-    checkInstance(n, "Smtp");
-    if (smtp_[n])
-        throw Fault(ErrInvalidCall, QStringLiteral("Smtp(%1): socket instance already loaded").arg(n));
+    unloadedInstance(smtp_, n, "Smtp") = accepted;
     accepted->setParent(&socketOwner_);
-    smtp_[n] = accepted;
 }
 
 QTcpSocket* ConnectionTables::SmtpDistant(int n) const
@@ -92,12 +98,9 @@ QTcpSocket* ConnectionTables::SmtpDistant(int n) const
 
 QTcpSocket& ConnectionTables::LoadSmtpDistant(int n)
 {
-    checkInstance(n, "SmtpDistant");
-    if (smtpDistant_[n])
-        throw Fault(ErrInvalidCall,
-                    QStringLiteral("SmtpDistant(%1): socket instance already loaded").arg(n));
-    smtpDistant_[n] = new QTcpSocket(&socketOwner_);
-    return *smtpDistant_[n];
+    QPointer<QTcpSocket>& instance = unloadedInstance(smtpDistant_, n, "SmtpDistant");
+    instance = new QTcpSocket(&socketOwner_);
+    return *instance;
 }
 
 void ConnectionTables::destroyInstance(QPointer<QTcpSocket>& socket)
@@ -143,39 +146,33 @@ CConnexion& ConnectionTables::LoadCnxIn(uint8_t i, QTcpSocket* accepted)
     return cnx;
 }
 
+void ConnectionTables::releaseSlot(CConnexion& cnx, SocketArray& sockets, const char* arrayName,
+                                   const QByteArray& cnxType, uint8_t n)
+{
+    cnx.setStatus(0);
+    cnx.SmtpCommand.clear();
+    cnx.Message.MClear();
+    if (!sockets[n])
+        throw entryFault(ErrInvalidCall, arrayName, n, "socket instance not loaded");
+    destroyInstance(sockets[n]);
+    logs_.DbgAdd("<FONT face='Verdana' size='2'>Release connexion " + cnxType.toLower() + ": "
+                 + number(n) + "</FONT><BR>");
+    if (view_)
+        view_->updateConnection(cnxType, n);
+}
+
 void ConnectionTables::ReleaseSmtpLocal(uint8_t n)
 {
-    logs_.guarded("MOD:MODConnexion[ReleaseSmtpLocal]", [&] {
-        CConnexion& cnx = CnxIn(n);
-        cnx.setStatus(0);
-        cnx.SmtpCommand.clear();
-        cnx.Message.MClear();
-        if (!Smtp(n))
-            throw Fault(ErrInvalidCall, QStringLiteral("Smtp(%1): socket instance not loaded").arg(n));
-        destroyInstance(smtp_[n]);
-        logs_.DbgAdd("<FONT face='Verdana' size='2'>Release connexion in: " + number(n)
-                     + "</FONT><BR>");
-        if (view_)
-            view_->updateConnection("IN", n);
-    });
+    logs_.guarded("MOD:MODConnexion[ReleaseSmtpLocal]",
+                  [&] { releaseSlot(CnxIn(n), smtp_, "Smtp", "IN", n); });
 }
 
 void ConnectionTables::ReleaseSmtpDistant(uint8_t n)
 {
     logs_.guarded("MOD:MODConnexion[ReleaseSmtpDistant]", [&] {
         CConnexion& cnx = CnxOut(n);
-        cnx.setStatus(0);
-        cnx.SmtpCommand.clear();
-        cnx.Message.MClear();
         cnx.DNS.MX.Clear();
-        if (!SmtpDistant(n))
-            throw Fault(ErrInvalidCall,
-                        QStringLiteral("SmtpDistant(%1): socket instance not loaded").arg(n));
-        destroyInstance(smtpDistant_[n]);
-        logs_.DbgAdd("<FONT face='Verdana' size='2'>Release connexion out: " + number(n)
-                     + "</FONT><BR>");
-        if (view_)
-            view_->updateConnection("OUT", n);
+        releaseSlot(cnx, smtpDistant_, "SmtpDistant", "OUT", n);
         // A freed outbound slot means the queue can move again.
         if (enableOutboxTimer)
             enableOutboxTimer();

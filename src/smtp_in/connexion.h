@@ -109,8 +109,13 @@ private:
     using SocketArray = std::array<QPointer<QTcpSocket>, kUpperBound + 1>;
 
     CConnexion& slot(SlotTable& table, int i, const char* name);
-    static void checkInstance(int n, const char* arrayName);
+    // Instance n of a socket array, which must exist and be free; a fault otherwise.
+    static QPointer<QTcpSocket>& unloadedInstance(SocketArray& sockets, int n, const char* arrayName);
     static void destroyInstance(QPointer<QTcpSocket>& socket);
+    // What both releases share; a missing socket is a fault raised after the resets. The caller
+    // looks the slot up first, which bounds n.
+    void releaseSlot(CConnexion& cnx, SocketArray& sockets, const char* arrayName,
+                     const QByteArray& cnxType, uint8_t n);
     QByteArray stamp() const;
 
     Logs& logs_;

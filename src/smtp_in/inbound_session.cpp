@@ -188,14 +188,19 @@ void InboundSession::Smtp_DataArrival(uint8_t n, QTcpSocket* socket)
     logs_.guarded("FRM:MAIN[Smtp_DataArrival]", [&] {
         if (!owns(n, socket) || peers_[n].handling)
             return; // a running handler of this slot reads the new data itself
-        peers_[n].handling = true;
-        readUnits(n, socket);
-        if (!owns(n, socket))
-            return;
-        peers_[n].handling = false;
-        if (peers_[n].lostWhileHandling)
+        if (handleData(n, socket) && peers_[n].lostWhileHandling)
             endLostConnection(n, socket);
     });
+}
+
+bool InboundSession::handleData(uint8_t n, QTcpSocket* socket)
+{
+    peers_[n].handling = true;
+    readUnits(n, socket);
+    if (!owns(n, socket))
+        return false;
+    peers_[n].handling = false;
+    return true;
 }
 
 // Reads until nothing is pending, so that data that came in during a yield is not left behind.
@@ -269,11 +274,8 @@ void InboundSession::connectionLost(const char* site, uint8_t n, QTcpSocket* soc
 void InboundSession::endLostConnection(uint8_t n, QTcpSocket* socket)
 {
     // What the client sent before it went away is still its request (a QUIT, the end of data).
-    peers_[n].handling = true;
-    readUnits(n, socket);
-    if (!owns(n, socket))
+    if (!handleData(n, socket))
         return;
-    peers_[n].handling = false;
     if (tables_.CnxIn(n).Status() == Quitting) {
         closeAndRelease(n, socket); // the goodbye went out as far as it could
         return;
@@ -382,7 +384,8 @@ void InboundSession::endOfData(Unit& unit)
     unit.cnx.setStatus(Queued);
     message.Data += unit.line.chopped(3); // without the dot line
     const QByteArray firstRecipient = message.MRcptToCount() >= 1 ? message.RcptTo(1) : QByteArray();
-    mailLog(slotTag(unit.n) + ": " + " to=" + firstRecipient + " status=outbox");
+    // Two spaces before "to=": the established layout of this mail-log line.
+    mailLog(slotTag(unit.n) + ":  to=" + firstRecipient + " status=outbox");
     const QByteArray accepted = "250 Message accepted for delivery" + kCrLf;
     logReply(unit.n, accepted);
 

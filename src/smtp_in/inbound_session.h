@@ -73,6 +73,8 @@ private:
     void Smtp_SendComplete(uint8_t n, QTcpSocket* socket);
     void connectionLost(const char* site, uint8_t n, QTcpSocket* socket);
     void endLostConnection(uint8_t n, QTcpSocket* socket);
+    // Runs as the slot's data handler over what is pending; false once the slot was released.
+    bool handleData(uint8_t n, QTcpSocket* socket);
     void readUnits(uint8_t n, QTcpSocket* socket);
     void handleUnit(uint8_t n, const QByteArray& line);
     bool owns(uint8_t n, QTcpSocket* socket) const;

@@ -20,25 +20,26 @@ QByteArray fileNote(Logs& logs, const char* action, const QString& path)
     return "<FONT face='Verdana' size='2'>" + GMTDate(logs.clock()) + action + path.toUtf8()
         + "</FONT><BR>";
 }
+
+void requireIndex(int index, qsizetype size)
+{
+    if (index < 0 || index >= size)
+        throw Fault(ErrOutOfRange,
+                    QStringLiteral("Recipient index %1 is beyond the list (0 to %2)").arg(index).arg(size - 1));
+}
 } // namespace
 
 CMessage::CMessage(Logs& logs) : logs_(&logs) {}
 
 QByteArray CMessage::RcptTo(int index) const
 {
-    if (index < 0 || index >= rcptTo_.size())
-        throw Fault(ErrOutOfRange, QStringLiteral("Recipient index %1 is beyond the list (0 to %2)")
-                                       .arg(index)
-                                       .arg(rcptTo_.size() - 1));
+    requireIndex(index, rcptTo_.size());
     return rcptTo_[index];
 }
 
 void CMessage::setRcptTo(int index, const QByteArray& address)
 {
-    if (index < 0 || index >= rcptTo_.size())
-        throw Fault(ErrOutOfRange, QStringLiteral("Recipient index %1 is beyond the list (0 to %2)")
-                                       .arg(index)
-                                       .arg(rcptTo_.size() - 1));
+    requireIndex(index, rcptTo_.size());
     rcptTo_[index] = address;
 }
 

@@ -11,9 +11,8 @@ class CMessage;
 void WriteQueueRecord(QIODevice& device, const CMessage& message);
 
 // Reads a record from the device's current position into `message`, replacing all its members.
-// Throws Fault (ErrPastEndOfFile or
-// ErrBadFileFormat) when the bytes do not hold a whole, well-formed record. Never reads past the
-// device's end and never allocates more than the bytes that remain.
+// Throws Fault (ErrPastEndOfFile or ErrBadFileFormat) when the bytes do not hold a whole,
+// well-formed record. Never reads past the device's end nor allocates more than the bytes left.
 void ReadQueueRecord(QIODevice& device, CMessage& message);
 
 } // namespace postiq

@@ -1,0 +1,45 @@
+#include <gtest/gtest.h>
+
+#include <QDir>
+#include <QRegularExpression>
+#include <QSet>
+
+#include "store/message.h"
+#include "store/queue_folder.h"
+#include "support/fakes.h"
+
+using namespace postiq;
+using namespace postiq::test;
+
+TEST(QueueFolder, FindsTheFolderWhateverItsCase)
+{
+    const struct { const char* name; QStringList folders; QString expected; } cases[] = {
+        {"no folder, only a file: the name as given", {}, "OutBox"},
+        {"the exact name", {"OutBox"}, "OutBox"},
+        {"another case", {"outbox"}, "outbox"},
+        {"the exact name wins over another case", {"OUTBOX", "OutBox"}, "OutBox"},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.name);
+        LogBench bench;
+        for (const QString& folder : test.folders)
+            QDir(bench.dir.path()).mkdir(folder);
+        writeFile(bench.path("oUTbOX"), "a file, never taken for the folder");
+        EXPECT_EQ(QueueFolder(bench.dir.path(), QStringLiteral("OutBox")), bench.path(test.expected));
+    }
+}
+
+TEST(RandomFileGet, NamesAreTwoHexNumbersBelow983039AndMostlyDistinctInATightLoop)
+{
+    // Two numbers run together, each "0" or up to five upper-case digits without leading zero,
+    // five digits only up to EFFFF.
+    const QRegularExpression shape(QStringLiteral("^(?:0|[1-9A-F][0-9A-F]{0,3}|[1-9A-E][0-9A-F]{4}){2}$"));
+    LogBench bench;
+    QSet<QByteArray> names;
+    for (int draw = 0; draw < 2000; ++draw) {
+        const QByteArray name = RandomFileGet(bench.logs);
+        ASSERT_TRUE(shape.match(QString::fromLatin1(name)).hasMatch()) << name.constData();
+        names.insert(name);
+    }
+    EXPECT_GE(names.size(), 1995);
+}
