@@ -1,35 +1,20 @@
 #include "core/postiq_process.h"
 
-#include <QCoreApplication>
-#include <QElapsedTimer>
 #include <QRandomGenerator>
 #include <QTcpServer>
-#include <QThread>
-#include <csignal>
 
 namespace postiq::test {
 
-bool waitFor(const std::function<bool()>& condition, int milliseconds)
-{
-    QElapsedTimer timer;
-    timer.start();
-    while (!condition()) {
-        if (timer.elapsed() > milliseconds)
-            return false;
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
-        QThread::msleep(5);
-    }
-    return true;
-}
-
-PostiqProcess::PostiqProcess(const QString& folder, const QString& configHome)
-    : folder_(folder), configHome_(configHome)
+PostiqProcess::PostiqProcess(const QString& folder, const QString& configHome, const QStringList& arguments)
 {
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QStringLiteral("XDG_CONFIG_HOME"), configHome_);
+    environment.insert(QStringLiteral("XDG_CONFIG_HOME"), configHome);
     environment.remove(QStringLiteral("DISPLAY"));
     environment.remove(QStringLiteral("WAYLAND_DISPLAY"));
     process_.setProcessEnvironment(environment);
+    process_.start(QStringLiteral(POSTIQ_BINARY),
+                   QStringList{QStringLiteral("--headless"), QStringLiteral("--folder"), folder} + arguments);
+    process_.waitForStarted(5000);
 }
 
 PostiqProcess::~PostiqProcess()
@@ -40,38 +25,17 @@ PostiqProcess::~PostiqProcess()
     }
 }
 
-void PostiqProcess::start(const QStringList& extraArguments)
+int PostiqProcess::waitForExit()
 {
-    process_.start(QStringLiteral(POSTIQ_BINARY),
-                   QStringList{QStringLiteral("--headless"), QStringLiteral("--folder"), folder_} + extraArguments);
-    process_.waitForStarted(5000);
-}
-
-int PostiqProcess::waitForExit(int milliseconds)
-{
-    if (!process_.waitForFinished(milliseconds))
+    if (!process_.waitForFinished(10000))
         return -1;
     return process_.exitStatus() == QProcess::NormalExit ? process_.exitCode() : -1;
 }
 
-void PostiqProcess::terminate() { process_.terminate(); }
-
-QByteArray PostiqProcess::standardError() { return process_.readAllStandardError(); }
-
-Finished runToEnd(const QString& folder, const QString& configHome, const QStringList& arguments)
+quint16 freeListenPort()
 {
-    PostiqProcess process(folder, configHome);
-    process.start(arguments);
-    const int status = process.waitForExit();
-    return {status, process.standardError()};
-}
-
-quint16 freeLoopbackPort()
-{
-    // The listening port is a 16-bit signed setting, so the kernel's ephemeral ports (above 32767)
-    // are out of reach: probe the range below instead.
     for (int tries = 0; tries < 1000; ++tries) {
-        const quint16 port = quint16(QRandomGenerator::global()->bounded(20000, 32000));
+        const auto port = quint16(QRandomGenerator::global()->bounded(20000, 32000));
         QTcpServer probe;
         if (probe.listen(QHostAddress::AnyIPv4, port))
             return port;

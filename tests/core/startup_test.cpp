@@ -6,6 +6,7 @@
 
 #include "core/postiq_process.h"
 #include "support/fakes.h"
+#include "support/mail_client.h"
 
 using namespace postiq::test;
 
@@ -59,13 +60,12 @@ struct StartUpFixture : ::testing::Test {
 TEST_F(StartUpFixture, FirstStartInAnEmptyFolderLeavesTheFoldersLogsIniAndRegistryRecord)
 {
     PostiqProcess postiq(folder, configHome);
-    postiq.start();
-    ASSERT_TRUE(waitFor([&] { return configurationLoaded(); }));
+    ASSERT_TRUE(spinUntil([&] { return configurationLoaded(); }, 10000));
     // The service starts on port 25 by default; without the right to bind it the port is reported.
-    ASSERT_TRUE(waitFor([&] {
+    ASSERT_TRUE(spinUntil([&] {
         return readFile(path(QStringLiteral("maillog.txt"))).contains("Start of SMTP service")
             || readFile(path(QStringLiteral("error.txt"))).contains(" Port 25 utilis");
-    }));
+    }, 10000));
     postiq.terminate();
     ASSERT_EQ(postiq.waitForExit(), 0);
 
@@ -104,13 +104,12 @@ TEST_F(StartUpFixture, ASecondInstanceIsRefusedAndLeavesTheFirstRunning)
 {
     writeIni("LaunchStart\tOff\r\n");
     PostiqProcess first(folder, configHome);
-    first.start();
-    ASSERT_TRUE(waitFor([&] { return configurationLoaded(); }));
+    ASSERT_TRUE(spinUntil([&] { return configurationLoaded(); }, 10000));
     const QByteArray logBefore = readFile(path(QStringLiteral("maillog.txt")));
 
-    const Finished second = runToEnd(folder, configHome);
-    EXPECT_EQ(second.status, 2);
-    EXPECT_TRUE(second.standardError.contains("Postiq est déjà lancé !")) << second.standardError.constData();
+    PostiqProcess second(folder, configHome);
+    EXPECT_EQ(second.waitForExit(), 2);
+    EXPECT_TRUE(second.standardError().contains("Postiq est déjà lancé !"));
     EXPECT_EQ(readFile(path(QStringLiteral("maillog.txt"))), logBefore);
 
     EXPECT_TRUE(first.running());
@@ -137,9 +136,9 @@ TEST_F(StartUpFixture, ReadOnlyFilesStopTheStartUp)
         writeFile(file, "");
         QFile::setPermissions(file, QFileDevice::ReadOwner | QFileDevice::ReadGroup | QFileDevice::ReadOther);
 
-        const Finished run = runToEnd(folder, configHome);
-        EXPECT_EQ(run.status, 2) << c.file;
-        EXPECT_TRUE(run.standardError.contains(c.message)) << c.file << ": " << run.standardError.constData();
+        PostiqProcess run(folder, configHome);
+        EXPECT_EQ(run.waitForExit(), 2) << c.file;
+        EXPECT_TRUE(run.standardError().contains(c.message)) << c.file;
         EXPECT_FALSE(readFile(path(QStringLiteral("maillog.txt"))).contains("Chargement de la configuration"));
     }
 }
@@ -158,16 +157,17 @@ TEST_F(StartUpFixture, CommandLineVersionHelpAndBadFolder)
     EXPECT_TRUE(process.readAllStandardOutput().contains("--folder DIR"));
 
     writeFile(root.path() + QStringLiteral("/plain-file"), "x");
-    const Finished run = runToEnd(root.path() + QStringLiteral("/plain-file/relay"), configHome);
-    EXPECT_EQ(run.status, 2);
-    EXPECT_FALSE(run.standardError.isEmpty());
+    PostiqProcess run(root.path() + QStringLiteral("/plain-file/relay"), configHome);
+    EXPECT_EQ(run.waitForExit(), 2);
+    EXPECT_FALSE(run.standardError().isEmpty());
 }
 
 TEST_F(StartUpFixture, AnInvalidSettingIsTheFatalReport)
 {
     writeIni("MaxNbrAttempt 256\r\n");
-    const Finished run = runToEnd(folder, configHome);
-    EXPECT_EQ(run.status, 1);
-    EXPECT_TRUE(run.standardError.contains("Une erreur est survenue dans Postiq Version 3.0"));
-    EXPECT_TRUE(run.standardError.contains("MOD:CONFIGURATION[ChargerConfig]"));
+    PostiqProcess run(folder, configHome);
+    EXPECT_EQ(run.waitForExit(), 1);
+    const QByteArray standardError = run.standardError();
+    EXPECT_TRUE(standardError.contains("Une erreur est survenue dans Postiq Version 3.0"));
+    EXPECT_TRUE(standardError.contains("MOD:CONFIGURATION[ChargerConfig]"));
 }

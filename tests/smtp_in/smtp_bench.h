@@ -13,22 +13,9 @@
 #include "dns/dns_cache.h"
 #include "smtp_in/smtp_service.h"
 #include "support/fakes.h"
-
-// Byte arrays in failure messages as text rather than byte by byte.
-inline void PrintTo(const QByteArray& bytes, std::ostream* out) { *out << '"' << bytes.toStdString() << '"'; }
+#include "support/mail_client.h"
 
 namespace postiq::test {
-
-// Runs the event loop until `done` holds or the time is up; returns `done`.
-inline bool spinUntil(const std::function<bool()>& done, int milliseconds = 5000)
-{
-    const QDeadlineTimer deadline(milliseconds);
-    QTimer tick; // wakes the wait below when nothing else happens
-    tick.start(5);
-    while (!done() && !deadline.hasExpired())
-        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
-    return done();
-}
 
 // Records what the connection and service views are told.
 struct RecordingViews : ConnectionsView, ServiceView {
@@ -80,51 +67,6 @@ struct SmtpBench {
     bool slotFreed(int n) { return spinUntil([this, n] { return tables.Smtp(n) == nullptr; }); }
 };
 
-// A mail program on a loop-back socket, served by the test's own event loop.
-struct Client {
-    QTcpSocket socket;
-
-    // Connects from `fromIp` (any 127.x.y.z address) to the service.
-    explicit Client(quint16 port, const char* fromIp = "127.0.0.1")
-    {
-        socket.bind(QHostAddress(QString::fromLatin1(fromIp)));
-        socket.connectToHost(QHostAddress::LocalHost, port);
-    }
-    // Sends `bytes`, then returns the next line without its CR LF; empty when none came in time.
-    QByteArray answer(const QByteArray& bytes = {}, int milliseconds = 5000)
-    {
-        socket.write(bytes);
-        socket.flush();
-        if (!spinUntil([this] { return socket.canReadLine(); }, milliseconds))
-            return {};
-        return socket.readLine().chopped(2);
-    }
-    // True once the connection is closed or refused, with nothing left unread.
-    bool closed()
-    {
-        return spinUntil([this] { return socket.state() == QAbstractSocket::UnconnectedState; })
-            && socket.bytesAvailable() == 0;
-    }
-};
-
 inline const QByteArray kStamp = "Feb 05 2004 09:05:07";
-inline const QByteArray kGreeting = "220 Server Postiq 3.0 on 127.0.0.1 Ready (www.postiq.example)";
-inline const QByteArray kGoAhead = "354 OK End with <CRLF>.<CRLF>";
-inline const QByteArray kAccepted = "250 Message accepted for delivery";
-
-// Rows of bytes sent and the reply expected; an empty reply means none may come.
-using Dialogue = QList<QPair<QByteArray, QByteArray>>;
-
-inline const Dialogue kEnvelope = {{"", kGreeting},
-                                   {"HELO box\r\n", "250 Hello box"},
-                                   {"MAIL FROM:<a@x.com>\r\n", "250 sender is <a@x.com> sender ok"},
-                                   {"RCPT TO:<b@y.org>\r\n", "250 recipient is <b@y.org> recipient ok"},
-                                   {"DATA\r\n", kGoAhead}};
-
-inline void play(Client& client, const Dialogue& rows)
-{
-    for (const auto& [bytes, reply] : rows) // a row that expects no reply waits a moment for none
-        EXPECT_EQ(client.answer(bytes, reply.isEmpty() ? 60 : 5000), reply) << bytes.constData();
-}
 
 } // namespace postiq::test
