@@ -112,14 +112,14 @@ void ConfigLoader::readFile()
 
 void ConfigLoader::handleItem(const QString& rawItem)
 {
-    const QString item = QString(rawItem).replace(u'\t', u' ').trimmed();
+    const QString item = TrimSpaces(QString(rawItem).replace(u'\t', u' '));
     if (item.isEmpty() || item.startsWith(u'#'))
         return;
 
     const QString key = item.section(u' ', 0, 0);
     // Every occurrence of the key goes, not only the leading one: "SmtpServer mail.SmtpServer.net"
     // reads as "mail..net". Files in the wild rely on this reading, so it stays.
-    const QString value = QString(item).remove(key).trimmed();
+    const QString value = TrimSpaces(QString(item).remove(key));
 
     for (const KeyRow& row : kKeyRows) {
         if (key == QLatin1String(row.key)) {

@@ -34,4 +34,7 @@ private:
 // Every item of the bytes, in order.
 QStringList ReadFields(const QByteArray& utf8Bytes);
 
+// The text without the spaces at both ends; other blanks (a form feed, a no-break space) stay.
+QString TrimSpaces(const QString& text);
+
 } // namespace postiq

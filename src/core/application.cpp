@@ -12,7 +12,7 @@
 #include "platform/desktop.h"
 #include "platform/instance_lock.h"
 #include "platform/registry.h"
-#include "store/queue_folder.h"
+#include "platform/program_folder.h"
 
 namespace postiq {
 
@@ -80,7 +80,7 @@ void Application::checkLookupComponent()
 void Application::createQueueFolders()
 {
     for (const char* name : {"OutBox", "Deferred", "Error", "language"}) {
-        const QString path = QueueFolder(folder_, QString::fromLatin1(name));
+        const QString path = SubfolderPath(folder_, QString::fromLatin1(name));
         if (QFileInfo(path).isDir())
             continue;
         if (!QDir().mkpath(path))

@@ -102,12 +102,14 @@ DNSCacheEntry readEntry(CacheReader& in)
     return entry;
 }
 
-// The number of domains the header entry announces: a whole number that the file can hold.
+// The number of domains the header entry announces, rounded to the nearest whole number (half to
+// even). More than the file's table holds is damage, and would size the table without bound.
 qsizetype domainCount(double count, qint64 elements)
 {
-    if (!std::isfinite(count) || count < 0 || count != std::floor(count) || count > double(elements - 1))
+    const double rounded = std::nearbyint(count);
+    if (!std::isfinite(rounded) || rounded < 0 || rounded > double(elements - 1))
         throw Fault(ErrBadFileFormat, kCacheFile + QStringLiteral(": bad domain count"));
-    return qsizetype(count);
+    return qsizetype(rounded);
 }
 
 class CacheWriter {

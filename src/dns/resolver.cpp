@@ -118,7 +118,8 @@ void CDns::SortMx(int n, CMXServer& list, bool ascending)
 
 void CDns::DNSAddCache(const QByteArray& domain, const CMXServer& mx)
 {
-    logs_.guarded("CLS:DNS[DNSAddCache]", [&] {
+    // Reported under the resolver's label: a cache entry is only ever added while resolving.
+    logs_.guarded("CLS:DNS[ResolveMx]", [&] {
         const int index = int(cache_.DNSCache.size());
         DNSCacheEntry entry;
         entry.Domain = domain;

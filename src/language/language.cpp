@@ -5,6 +5,7 @@
 #include "config/field_reader.h"
 #include "log/logs.h"
 #include "notify/dates.h"
+#include "platform/program_folder.h"
 
 namespace postiq {
 
@@ -52,7 +53,9 @@ void LanguageTable::LOADFile(Logs& logs, const QString& name)
         rows_.clear();
         resetSharedWords();
 
-        QFile file(logs.folder() + QStringLiteral("/language/") + name + QStringLiteral(".ini"));
+        // The folder is found whatever its letter case, as start-up accepts it.
+        QFile file(SubfolderPath(logs.folder(), QStringLiteral("language")) + u'/' + name
+                   + QStringLiteral(".ini"));
         if (!file.exists())
             return;
         if (!file.open(QIODevice::ReadOnly))

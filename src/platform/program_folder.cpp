@@ -30,4 +30,18 @@ bool prepareProgramFolder(const QString& dir, QString* error)
     return true;
 }
 
+QString SubfolderPath(const QString& programFolder, const QString& name)
+{
+    const QDir program(programFolder);
+    if (QFileInfo(program.filePath(name)).isDir())
+        return program.filePath(name);
+    const QStringList folders = program.entryList(QDir::Dirs | QDir::NoDotAndDotDot | QDir::Hidden,
+                                                  QDir::Name);
+    for (const QString& folder : folders) {
+        if (folder.compare(name, Qt::CaseInsensitive) == 0)
+            return program.filePath(folder);
+    }
+    return program.filePath(name);
+}
+
 } // namespace postiq

@@ -12,4 +12,9 @@ QString defaultProgramFolder();
 // returns False with a message for the user in *error.
 bool prepareProgramFolder(const QString& dir, QString* error);
 
+// The path of the program folder's subfolder `name`, found without regard to letter case (an
+// existing "Language" serves as "language"); an exact match wins. When there is none, the path
+// is built with the name as given.
+QString SubfolderPath(const QString& programFolder, const QString& name);
+
 } // namespace postiq

@@ -12,7 +12,7 @@
 #include "notify/dates.h"
 #include "store/address.h"
 #include "store/message.h"
-#include "store/queue_folder.h"
+#include "platform/program_folder.h"
 
 namespace postiq {
 
@@ -392,7 +392,7 @@ void InboundSession::endOfData(Unit& unit)
     message.TxtEng = kCrLf + "==> DO NOT ALTER THIS FILE !" + kCrLf;
     message.TxtFr = kCrLf + "==> NE PAS MODIFIER CE FICHIER !" + kCrLf;
     message.Essai = 0;
-    const QString outBox = QueueFolder(logs_.folder(), QStringLiteral("OutBox"));
+    const QString outBox = SubfolderPath(logs_.folder(), QStringLiteral("OutBox"));
     if (message.MRcptToCount() > 1) {
         ParseRcptTo(logs_, message, outBox);
     } else {

@@ -29,9 +29,8 @@ void SmtpService::Demarrer()
 {
     logs_.guarded("MOD:MODULE[Demarrer]", [this] {
         // The setting is a 16-bit number; ports above 32767 read back as their unsigned value.
+        // 0 is passed on as it is: the system then picks a free port, as for any listener.
         const quint16 port = static_cast<quint16>(settings_.ActiveSettings.ListenPort);
-        if (port == 0)
-            throw Fault(ErrInvalidCall, QStringLiteral("ListenPort 0 is not a port to listen on"));
         QTcpServer& listener = tables_.SmtpListener();
         if (listener.isListening())
             throw Fault(ErrNetwork, QStringLiteral("The SMTP service is already listening on port %1")

@@ -133,7 +133,7 @@ TEST(ChargerConfig, ReaderRules)
                    "\tLaunchStart\tOff\r\n"                 // tabs separate like spaces
                    "SmtpServer mail.SmtpServer.net\r\n"     // every occurrence of the key goes
                    "DNSServer\r\n"                          // an empty value is a value
-                   "Language de,KeepLocal Off\r\n"          // a comma starts a new item
+                   "Language de\xC2\xA0,KeepLocal Off\r\n"  // a comma starts a new item; only spaces are trimmed
                    "\"ListenPort 2525\"\r\n"                // quotes are removed
                    "listenport 1\r\n"                       // keys are case-sensitive
                    "MaxNbrAttempt 7\r\nMaxNbrAttempt 0\n"   // the last occurrence wins
@@ -143,8 +143,8 @@ TEST(ChargerConfig, ReaderRules)
                    "<Registry>\r\n\tComputerStart\tOff\r\n</Registry>");
     bench.loader.ChargerConfig(true);
     EXPECT_EQ(bench.settings.UserSettings,
-              withEveryFlag({.DebugMode = true, .DNSServer = "", .Language = "de", .ListenPort = 2525,
-                             .SmtpServer = "mail..net", .AttemptDelay = 30, .Relay = true}));
+              withEveryFlag({.DebugMode = true, .DNSServer = "", .Language = QString::fromUtf8("de\xC2\xA0"),
+                             .ListenPort = 2525, .SmtpServer = "mail..net", .AttemptDelay = 30, .Relay = true}));
 }
 
 TEST(ChargerConfig, FileValuesTakeEffectOnlyWhenAppliedAndLeaveWithTheFile)

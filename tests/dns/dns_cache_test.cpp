@@ -111,7 +111,7 @@ TEST(DnsCacheFile, DamagedFilesAreFatal)
         {"string past the end", sound.left(46) + hex("fefe") + sound.mid(48)},
         {"count NaN", fileStart(1, std::numeric_limits<double>::quiet_NaN())},
         {"count negative", fileStart(1, -1)},
-        {"count not whole", fileStart(1, 0.5)},
+        {"count rounding past the entries", fileStart(1, 0.6)},
         {"count past the entries", fileStart(1, 1)},
     };
     for (const auto& [what, bytes] : files) {
@@ -121,6 +121,11 @@ TEST(DnsCacheFile, DamagedFilesAreFatal)
         ASSERT_EQ(c.bench.desktop.diagnostics.size(), 1) << what;
         EXPECT_TRUE(c.bench.desktop.diagnostics[0].startsWith("Where: MOD:DNS[DNSOpenCache]")) << what;
     }
+
+    CacheBench rounded; // a count that is not whole is rounded, half to even, not refused
+    writeFile(rounded.file(), fileStart(1, 0.5));
+    DNSOpenCache(rounded.cache, rounded.bench.logs);
+    EXPECT_EQ(rounded.mailLog(), "Feb 05 2004 09:05:07 Postiq Loading DNS cache (0) [OK]\r\n");
 }
 
 } // namespace

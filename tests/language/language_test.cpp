@@ -14,10 +14,10 @@ using Row = LanguageTable::Row;
 
 struct LanguageBench : LogBench {
     LanguageTable table;
-    void writeLanguage(const QString& name, const QByteArray& bytes)
+    void writeLanguage(const QString& name, const QByteArray& bytes, const QString& folder = "language")
     {
-        QDir(dir.path()).mkpath("language");
-        writeFile(path("language/" + name + ".ini"), bytes);
+        QDir(dir.path()).mkpath(folder);
+        writeFile(path(folder + '/' + name + ".ini"), bytes);
     }
 };
 
@@ -57,8 +57,9 @@ TEST(LOADFile, ReadsEntriesOfSectionsInFileOrder)
 TEST(LOADFile, MissingFileLeavesTheBuiltInFrenchSilentlyAndUnreadableIsFatal)
 {
     LanguageBench bench;
-    bench.writeLanguage("en", "<MAIN>\r\nCPT_x=y\r\n");
+    bench.writeLanguage("en", "<MAIN>\r\nCPT_x=y\r\n", "Language"); // the folder's case does not matter
     bench.table.LOADFile(bench.logs, "en");
+    EXPECT_EQ(bench.table.rows(), QList<Row>({{"MAIN", "CPT_x", "y"}}));
     bench.table.setSharedWord(3, "Yes");
 
     bench.table.LOADFile(bench.logs, "fr");

@@ -74,3 +74,21 @@ TEST(ProgramFolder, MissingFolderIsCreatedAndProbedForWriting)
 }
 
 } // namespace
+
+TEST(SubfolderPath, FindsTheFolderWhateverItsCase)
+{
+    const struct { const char* name; QStringList folders; QString expected; } cases[] = {
+        {"no folder, only a file: the name as given", {}, "OutBox"},
+        {"the exact name", {"OutBox"}, "OutBox"},
+        {"another case", {"outbox"}, "outbox"},
+        {"the exact name wins over another case", {"OUTBOX", "OutBox"}, "OutBox"},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.name);
+        LogBench bench;
+        for (const QString& folder : test.folders)
+            QDir(bench.dir.path()).mkdir(folder);
+        writeFile(bench.path("oUTbOX"), "a file, never taken for the folder");
+        EXPECT_EQ(SubfolderPath(bench.dir.path(), QStringLiteral("OutBox")), bench.path(test.expected));
+    }
+}
