@@ -4,14 +4,11 @@
 #include <QtEndian>
 
 #include <bit>
-#include <cerrno>
 #include <cmath>
-#include <cstring>
-#include <fcntl.h>
-#include <unistd.h>
 
 #include "log/logs.h"
 #include "notify/dates.h"
+#include "platform/durable_file.h"
 
 namespace postiq {
 
@@ -160,53 +157,6 @@ QByteArray encode(const QList<DNSCacheEntry>& table)
     return out.data;
 }
 
-[[noreturn]] void fileFault(const QString& what, int error = errno)
-{
-    throw Fault(ErrAccessDenied, QStringLiteral("%1 %2: %3").arg(what, kCacheFile,
-                                                            QString::fromLocal8Bit(std::strerror(error))));
-}
-
-// Writes beside the file and renames over it, syncing the file and then the folder, so that a
-// crash or power cut leaves either the old cache or the new one, never a torn file.
-void writeDurably(const QString& folder, const QByteArray& data)
-{
-    const QByteArray path = QFile::encodeName(folder + '/' + kCacheFile);
-    const QByteArray temporary = path + ".new";
-    const int fd = ::open(temporary.constData(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0)
-        fileFault(QStringLiteral("Cannot create"));
-    // A failure before the rename leaves no partial file behind; the report keeps the first error.
-    const auto abandon = [&](const QString& what, bool stillOpen) {
-        const int error = errno;
-        if (stillOpen)
-            ::close(fd);
-        ::unlink(temporary.constData());
-        fileFault(what, error);
-    };
-    for (qsizetype written = 0; written < data.size();) {
-        const ssize_t n = ::write(fd, data.constData() + written, size_t(data.size() - written));
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            abandon(QStringLiteral("Cannot write"), true);
-        written += n;
-    }
-    if (::fsync(fd) != 0)
-        abandon(QStringLiteral("Cannot sync"), true);
-    if (::close(fd) != 0)
-        abandon(QStringLiteral("Cannot close"), false);
-    if (::rename(temporary.constData(), path.constData()) != 0)
-        abandon(QStringLiteral("Cannot replace"), false);
-    const int dir = ::open(QFile::encodeName(folder).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (dir < 0)
-        fileFault(QStringLiteral("Cannot open the folder of"));
-    const int synced = ::fsync(dir);
-    const int error = errno;
-    ::close(dir);
-    if (synced != 0)
-        fileFault(QStringLiteral("Cannot sync the folder of"), error);
-}
-
 } // namespace
 
 void DNSOpenCache(DnsCache& cache, Logs& logs)
@@ -245,7 +195,9 @@ void DNSWriteCache(DnsCache& cache, Logs& logs)
             cache.DNSCache.append(DNSCacheEntry{});
         const double count = double(cache.DNSCache.size() - 1);
         cache.DNSCache[0].Count = count;
-        writeDurably(logs.folder(), encode(cache.DNSCache));
+        QString error;
+        if (!ReplaceDurably(cachePath(logs), encode(cache.DNSCache), &error))
+            throw Fault(ErrAccessDenied, error);
 
         logs.DbgAdd("Writing DNS cache: " + countText(count) + "<BR>", DbgCache);
         logs.MailLog(GMTDate(logs.clock()) + " Postiq Writing DNS cache (" + countText(count) + ") [OK]");

@@ -5,7 +5,7 @@
 
 #include "log/logs.h"
 #include "notify/dates.h"
-#include "store/durable_file.h"
+#include "platform/durable_file.h"
 #include "store/queue_file_format.h"
 
 namespace postiq {
@@ -103,7 +103,9 @@ void CMessage::MWrite(const QString& path)
                         QStringLiteral("Cannot create '%1': %2").arg(path, file.errorString()));
         try {
             WriteQueueRecord(file, *this);
-            SyncFile(file);
+            QString error;
+            if (!SyncFile(file, &error))
+                throw Fault(ErrFileAccess, error);
         } catch (const Fault&) {
             // A partial record would stop every later scan of its folder; the sender has not
             // been told the message was accepted, so nothing is lost by removing it.
@@ -111,7 +113,9 @@ void CMessage::MWrite(const QString& path)
             throw;
         }
         file.close();
-        SyncFolderOf(path);
+        QString error;
+        if (!SyncFolderOf(path, &error))
+            throw Fault(ErrFileAccess, error);
     });
 }
 
