@@ -128,6 +128,28 @@ void Application::quit()
     emit finished();
 }
 
+void Application::startService()
+{
+    if (service_)
+        service_->Demarrer();
+}
+
+void Application::stopService()
+{
+    if (service_)
+        service_->Arreter();
+}
+
+void Application::reloadConfiguration()
+{
+    logs_.guarded("MOD:CONFIGURATION[ChargerConfig]", [this] { configLoader_.ChargerConfig(true); });
+}
+
+void Application::flushDeferred()
+{
+    // Filled in with the delivery side.
+}
+
 void Application::showServiceState(bool started)
 {
     serviceStarted_ = started;

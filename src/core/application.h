@@ -43,6 +43,12 @@ public:
     // The quit path: stop the service, then let the event loop end (finished()).
     void quit();
 
+    // The commands of the tray menu, also taken from the control channel of a running relay.
+    void startService();        // "Démarrer"
+    void stopService();         // "Arrêter"
+    void reloadConfiguration(); // "Recharger": the file read again, overrides applied
+    void flushDeferred();       // "Forcer (deferred)": every deferred file back, then a dispatch
+
     Settings& settings() { return settings_; }
     Logs& logs() { return logs_; }
     LanguageTable& language() { return language_; }
