@@ -142,7 +142,7 @@ void Application::stopService()
 
 void Application::reloadConfiguration()
 {
-    logs_.guarded("MOD:CONFIGURATION[ChargerConfig]", [this] { configLoader_.ChargerConfig(true); });
+    configLoader_.ChargerConfig(true);
 }
 
 void Application::flushDeferred()
