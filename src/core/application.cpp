@@ -57,6 +57,7 @@ void Application::start()
         logs_.DbgAdd("<P><HR><FONT face='Verdana' size='2'>Lancement de Postiq</FONT><BR>");
         tables_ = std::make_unique<ConnectionTables>(logs_, settings_, dnsCache_, this);
         service_ = std::make_unique<SmtpService>(settings_, logs_, dnsCache_, *tables_, this);
+        logs_.setBeforeFatalReport([this] { silenceEverything(); });
         trayToolTip_ = QStringLiteral("Postiq ") + AppVersion() + QStringLiteral(" [Arrêté]");
     });
     if (settings_.ActiveSettings.LaunchStart)
@@ -126,6 +127,12 @@ void Application::quit()
     if (service_)
         service_->Arreter();
     emit finished();
+}
+
+void Application::silenceEverything()
+{
+    if (tables_)
+        tables_->silenceAll();
 }
 
 void Application::startService()

@@ -79,6 +79,8 @@ private:
     void createQueueFolders();
     void checkLogFilesWritable();
     void prepareConfigurationFile();
+    // Before the fatal report's box: nothing of the relay may run while it waits for the user.
+    void silenceEverything();
 
     QString folder_;
     PlatformServices services_;

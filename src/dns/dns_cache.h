@@ -4,6 +4,7 @@
 #include <QHash>
 #include <QList>
 
+#include "dns/mx_lookup.h"
 #include "dns/mx_server.h"
 
 namespace postiq {
@@ -19,10 +20,12 @@ struct DNSCacheEntry {
 };
 
 // The program-wide MX cache, shared by every resolver. Entry 0 is the header; domains follow in
-// the order they were first resolved. Keys compare exactly (case-sensitive).
+// the order they were first resolved. Keys compare exactly (case-sensitive). The workers that
+// ask the DNS server for the domains the cache lacks live with it.
 struct DnsCache {
     QList<DNSCacheEntry> DNSCache{DNSCacheEntry{}};
     QHash<QByteArray, int> DNSCacheIndex;
+    MxLookupPool lookups;
 };
 
 // Loads Hosts.dns from the program folder (at most 256 entries are read).

@@ -1,8 +1,6 @@
 #include "dns/mx_lookup.h"
 
-#include <QEventLoop>
 #include <QMetaObject>
-#include <QTimer>
 
 #include <ldns/ldns.h>
 #include <netdb.h>
@@ -11,9 +9,7 @@
 
 #include <algorithm>
 #include <memory>
-#include <mutex>
 #include <optional>
-#include <thread>
 #include <vector>
 
 #include "dns/dns_server_address.h"
@@ -162,23 +158,6 @@ timeval toTimeval(std::chrono::milliseconds ms)
     return tv;
 }
 
-// The longest a worker can take: its tries at each address of the server, a second round for a
-// truncated answer and one over TCP, plus time for the system to resolve the server's name. The
-// nested loop never waits longer, whatever happens to the worker.
-std::chrono::milliseconds safetyLimit(LookupTiming timing)
-{
-    return int(3 * kMaxServerAddresses) * timing.tries * timing.timeout + std::chrono::seconds(5);
-}
-
-// What the worker and the waiting loop share. The worker keeps it alive by its own reference; the
-// loop is reached only under the lock and only while the waiting call still runs.
-struct PendingLookup {
-    std::mutex lock;
-    bool done = false;
-    QByteArray result;
-    QEventLoop* waiting = nullptr;
-};
-
 } // namespace
 
 QString DNSLookup::Version() { return QStringLiteral("3.0"); }
@@ -237,30 +216,23 @@ QByteArray DNSLookup::LookupMXBlocking(const QByteArray& domain, const QString& 
     return recordsText(answer.get());
 }
 
-QByteArray DNSLookup::LookupMX(const QByteArray& domain, const QString& dnsServer)
+MxLookupPool::MxLookupPool(int workers) { pool_.setMaxThreadCount(workers); }
+
+MxLookupPool::~MxLookupPool()
 {
-    auto pending = std::make_shared<PendingLookup>();
-    QEventLoop loop;
-    pending->waiting = &loop;
+    pool_.clear();
+    pool_.waitForDone();
+}
 
-    std::thread([pending, domain, dnsServer, timing = timing_] {
-        QByteArray result = LookupMXBlocking(domain, dnsServer, timing);
-        const std::lock_guard guard(pending->lock);
-        pending->result = std::move(result);
-        pending->done = true;
-        if (pending->waiting)
-            QMetaObject::invokeMethod(pending->waiting, "quit", Qt::QueuedConnection);
-    }).detach();
-
-    QTimer safety;
-    safety.setSingleShot(true);
-    QObject::connect(&safety, &QTimer::timeout, &loop, &QEventLoop::quit);
-    safety.start(safetyLimit(timing_));
-    loop.exec();
-
-    const std::lock_guard guard(pending->lock);
-    pending->waiting = nullptr; // the worker must not reach the loop once this call returns
-    return pending->done ? pending->result : QByteArray(kDnsTimeoutText);
+void MxLookupPool::LookupMX(const QByteArray& domain, const QString& dnsServer, LookupTiming timing,
+                            Done done)
+{
+    pool_.start([this, domain, dnsServer, timing, done = std::move(done)] {
+        QByteArray result = DNSLookup::LookupMXBlocking(domain, dnsServer, timing);
+        // Posted to the receiver: runs on its thread, after the events already pending there.
+        QMetaObject::invokeMethod(
+            &receiver_, [done, result = std::move(result)] { done(result); }, Qt::QueuedConnection);
+    });
 }
 
 } // namespace postiq

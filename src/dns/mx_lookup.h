@@ -2,7 +2,10 @@
 
 #include <QByteArray>
 #include <QString>
+#include <QObject>
+#include <QThreadPool>
 #include <chrono>
+#include <functional>
 
 namespace postiq {
 
@@ -14,28 +17,40 @@ struct LookupTiming {
     int tries = 2;
 };
 
-// The MX query component. LookupMX answers with one of:
+// The MX query component. A query answers with one of:
 //   "ERROR_DNS_TIMEOUT"   no answer at all, or a server that cannot be reached or named;
 //   empty text            no such domain, no MX record, or a server failure;
 //   records               "Order" 0xA4 "Host" 0xA4 "TTL" "|" per MX record, in the answer's order.
-// The query runs in a worker thread while a nested event loop keeps the program responsive.
 class DNSLookup {
 public:
-    DNSLookup() = default;
-    explicit DNSLookup(LookupTiming timing) : timing_(timing) {}
-
     static QString Version(); // "3.0"
 
     // dnsServer: an IPv4 or IPv6 address or a host name, optionally with ":port"
     // ("[addr]:port" for IPv6). The domain is queried exactly as given, as an absolute name.
-    QByteArray LookupMX(const QByteArray& domain, const QString& dnsServer);
-
-    // The same query, blocking the calling thread. This is what the worker runs.
+    // Blocks the calling thread: only the workers of MxLookupPool run it.
     static QByteArray LookupMXBlocking(const QByteArray& domain, const QString& dnsServer,
                                        LookupTiming timing);
+};
+
+// A few worker threads that run MX queries, so that a slow DNS server never holds up the event
+// loop. Each answer comes back to the thread that owns the pool as a queued call: never inside
+// LookupMX itself, and never once the pool is gone. The workers touch nothing of the program's:
+// they get the query's text and give back the answer's text.
+class MxLookupPool {
+public:
+    using Done = std::function<void(const QByteArray& result)>;
+
+    explicit MxLookupPool(int workers = 4);
+    // Waits for the queries under way, each bounded by its timing; queued ones are dropped.
+    ~MxLookupPool();
+    MxLookupPool(const MxLookupPool&) = delete;
+    MxLookupPool& operator=(const MxLookupPool&) = delete;
+
+    void LookupMX(const QByteArray& domain, const QString& dnsServer, LookupTiming timing, Done done);
 
 private:
-    LookupTiming timing_;
+    QObject receiver_; // lives on the owning thread; the answers are posted to it
+    QThreadPool pool_; // after receiver_, so that it is gone (and its workers done) first
 };
 
 inline constexpr char kDnsTimeoutText[] = "ERROR_DNS_TIMEOUT";

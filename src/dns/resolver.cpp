@@ -42,20 +42,20 @@ CDns::CDns(Logs& logs, const Settings& settings, DnsCache& cache)
 {
 }
 
-void CDns::ResolveMx(const QByteArray& domain)
+void CDns::ResolveMx(const QByteArray& domain, std::function<void()> done)
 {
-    logs_.guarded("CLS:DNS[ResolveMx]", [&] {
+    const bool answered = logs_.guarded("CLS:DNS[ResolveMx]", [&] {
         if (settings_.UserSettings.SmtpServerDefined) {
             const QByteArray server = settings_.ActiveSettings.SmtpServer.toUtf8();
             logs_.DbgAdd("<FONT COLOR='#FF8000'>Send using SMTP server: " + server + "</FONT><BR>");
             MX.Add(0, server, QByteArray(), 0);
-            return;
+            return true;
         }
 
         const int index = cache_.DNSCacheIndex.value(domain);
         if (index == 0) {
-            resolveThroughDns(domain);
-            return;
+            askDns(domain, done);
+            return false;
         }
         logs_.DbgAdd("<FONT COLOR='#FF8000'>DNS: " + domain + " found in cache</FONT><BR>");
         if (index >= cache_.DNSCache.size())
@@ -63,29 +63,45 @@ void CDns::ResolveMx(const QByteArray& domain)
         const QList<MXRecord>& hosts = cache_.DNSCache[index].MX;
         for (qsizetype i = 1; i < hosts.size(); ++i)
             MX.Add(hosts[i].Order, hosts[i].Host, hosts[i].IP, hosts[i].TTL);
+        return true;
     });
+    if (answered)
+        done();
 }
 
-void CDns::resolveThroughDns(const QByteArray& domain)
+void CDns::askDns(const QByteArray& domain, std::function<void()> done)
 {
     logs_.DbgAdd("<FONT COLOR='#FF8000'>DNS: " + domain + " not in cache</FONT><BR>");
     // Read once: the settings may be reloaded while the query is under way.
     const QString dnsServer = settings_.ActiveSettings.DNSServer;
-    QByteArray result = DNSLookup(lookupTiming).LookupMX(domain, dnsServer);
+    const std::weak_ptr<CDns*> resolver = self_;
+    cache_.lookups.LookupMX(domain, dnsServer, lookupTiming,
+                            [resolver, domain, dnsServer, done](const QByteArray& result) {
+                                const std::shared_ptr<CDns*> alive = resolver.lock();
+                                if (!alive)
+                                    return;
+                                (*alive)->takeDnsAnswer(domain, dnsServer, result);
+                                done();
+                            });
+}
 
-    if (result == kDnsTimeoutText) {
-        logs_.MailLog(GMTDate(logs_.clock()) + " Postiq/smtpdistant: 421 No MX DNS available for "
-                      + domain + " using NS " + dnsServer.toUtf8() + " (time out) status=error");
-        result.clear();
-    }
-    if (result.isEmpty()) {
-        MX.setHost(0, kNoHost); // nothing cached: the next request asks again
-        return;
-    }
-    MX.setHost(0, QByteArray());
-    const int records = AddLookupRecords(MX, result);
-    SortMx(records, MX, true);
-    DNSAddCache(domain, MX);
+void CDns::takeDnsAnswer(const QByteArray& domain, const QString& dnsServer, QByteArray result)
+{
+    logs_.guarded("CLS:DNS[ResolveMx]", [&] {
+        if (result == kDnsTimeoutText) {
+            logs_.MailLog(GMTDate(logs_.clock()) + " Postiq/smtpdistant: 421 No MX DNS available for "
+                          + domain + " using NS " + dnsServer.toUtf8() + " (time out) status=error");
+            result.clear();
+        }
+        if (result.isEmpty()) {
+            MX.setHost(0, kNoHost); // nothing cached: the next request asks again
+            return;
+        }
+        MX.setHost(0, QByteArray());
+        const int records = AddLookupRecords(MX, result);
+        SortMx(records, MX, true);
+        DNSAddCache(domain, MX);
+    });
 }
 
 int CDns::AddLookupRecords(CMXServer& list, const QByteArray& result)

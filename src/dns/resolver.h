@@ -1,6 +1,8 @@
 #pragma once
 
 #include <QByteArray>
+#include <functional>
+#include <memory>
 
 #include "dns/dns_cache.h"
 #include "dns/mx_lookup.h"
@@ -17,13 +19,17 @@ class Settings;
 class CDns {
 public:
     CDns(Logs& logs, const Settings& settings, DnsCache& cache);
+    CDns(const CDns&) = delete;
+    CDns& operator=(const CDns&) = delete;
 
     CMXServer MX;
     int CurrentMX = 0; // the host the delivery is trying, kept here for the slot
 
-    // Appends the hosts of the domain to MX. While the DNS server is asked, the event loop keeps
-    // running (other handlers may run); Host(0) becomes "NONE" when nothing was found.
-    void ResolveMx(const QByteArray& domain);
+    // Appends the hosts of the domain to MX, then calls `done`: at once for the fixed server and
+    // a cached domain, from the event loop once the DNS server has answered otherwise (Host(0) is
+    // then "NONE" when nothing was found). A resolver that is destroyed meanwhile is never called
+    // back.
+    void ResolveMx(const QByteArray& domain, std::function<void()> done);
 
     // Stable bubble sort of entries 1..n by Order.
     static void SortMx(int n, CMXServer& list, bool ascending);
@@ -39,11 +45,14 @@ public:
     LookupTiming lookupTiming; // how long a query may wait (tests shorten it)
 
 private:
-    void resolveThroughDns(const QByteArray& domain);
+    void askDns(const QByteArray& domain, std::function<void()> done);
+    void takeDnsAnswer(const QByteArray& domain, const QString& dnsServer, QByteArray result);
 
     Logs& logs_;
     const Settings& settings_;
     DnsCache& cache_;
+    // Answers hold it weakly: they reach this resolver only while it lives.
+    std::shared_ptr<CDns*> self_ = std::make_shared<CDns*>(this);
 };
 
 } // namespace postiq

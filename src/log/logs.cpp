@@ -75,8 +75,22 @@ void Logs::DbgAdd(QByteArray& message, int kind)
                                             "L'application ne peut continuer ...")
                                  .arg(fault.number())
                                  .arg(fault.description());
+        silenceBeforeFatalBox();
         desktop_.messageBox(QString(), text, Desktop::Icon::Critical);
         desktop_.endProgram(ExitProgramError);
+    }
+}
+
+void Logs::silenceBeforeFatalBox()
+{
+    if (!beforeFatalReport_)
+        return;
+    // Once only: a fault while silencing must still reach the user's box.
+    const std::function<void()> hook = std::move(beforeFatalReport_);
+    beforeFatalReport_ = nullptr;
+    try {
+        hook();
+    } catch (...) {
     }
 }
 
@@ -91,6 +105,7 @@ void Logs::ReportProgramError(const QString& site, int number, const QString& de
           "\r\nCe fichier contient les erreurs survenues\r\n\r\n"
           "Nous sommes désolé mais l'application ne peut continuer ...\r\n\r\n";
     desktop_.diagnostic(QStringLiteral("Where: %1, number %2: %3").arg(site).arg(number).arg(description));
+    silenceBeforeFatalBox();
     desktop_.messageBox(QStringLiteral("Erreur fatale"), text, Desktop::Icon::Critical);
     desktop_.endProgram(ExitProgramError);
     Q_UNREACHABLE(); // the compiler does not see through the virtual call

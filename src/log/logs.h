@@ -2,6 +2,7 @@
 
 #include <QByteArray>
 #include <QString>
+#include <functional>
 
 #include "log/fault.h"
 
@@ -51,6 +52,10 @@ public:
         DbgAdd(copy, kind);
     }
 
+    // Run before a fatal report shows its box: it stops whatever could still run while the box
+    // waits for the user (listener, timers, socket handlers).
+    void setBeforeFatalReport(std::function<void()> hook) { beforeFatalReport_ = std::move(hook); }
+
     // Writes the report to the debug log, tells the user and ends the program with status 1.
     [[noreturn]] void ReportProgramError(const QString& site, int number,
                                          const QString& description);
@@ -74,11 +79,13 @@ public:
 
 private:
     void append(const QString& fileName, const QByteArray& bytes);
+    void silenceBeforeFatalBox();
 
     QString folder_;
     const DebugSwitch& debug_;
     Desktop& desktop_;
     const Clock& clock_;
+    std::function<void()> beforeFatalReport_;
 };
 
 } // namespace postiq

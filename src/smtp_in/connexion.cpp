@@ -47,6 +47,11 @@ ConnectionTables::ConnectionTables(Logs& logs, const Settings& settings, DnsCach
 ConnectionTables::~ConnectionTables()
 {
     // Nobody may hear from a socket while the tables go away; socketOwner_ then deletes them.
+    silenceAll();
+}
+
+void ConnectionTables::silenceAll()
+{
     for (SocketArray* array : {&smtp_, &smtpDistant_}) {
         for (QPointer<QTcpSocket>& socket : *array) {
             if (socket)
@@ -54,6 +59,7 @@ ConnectionTables::~ConnectionTables()
         }
     }
     listener_->disconnect();
+    listener_->close();
 }
 
 CConnexion& ConnectionTables::slot(SlotTable& table, int i, const char* name)

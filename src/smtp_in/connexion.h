@@ -101,6 +101,10 @@ public:
     void ReleaseSmtpLocal(uint8_t n);
     void ReleaseSmtpDistant(uint8_t n);
 
+    // Cuts every socket and the listener off from their handlers (the objects stay): nothing of a
+    // connection runs any more, as when the program ends.
+    void silenceAll();
+
     // Set by the delivery side: re-enables the outbox scan when an OUT slot frees up.
     std::function<void()> enableOutboxTimer;
 

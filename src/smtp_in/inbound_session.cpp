@@ -1,6 +1,5 @@
 #include "smtp_in/inbound_session.h"
 
-#include <QCoreApplication>
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <algorithm>
@@ -67,9 +66,6 @@ QByteArray lastCompleteLine(const QByteArray& unit)
     const qsizetype start = body.lastIndexOf(kCrLf);
     return start < 0 ? body : body.mid(start + 2);
 }
-
-// One pass of the event loop: other connections' handlers may run before the caller goes on.
-void yieldToEventLoop() { QCoreApplication::processEvents(); }
 } // namespace
 
 // The command rules, tried in order; the first whose state and verb match is applied.
@@ -139,7 +135,6 @@ void InboundSession::acceptRequest(QTcpSocket* socket)
     logs_.DbgAdd("<FONT COLOR='#0000FF'>Send to Smtp local: " + greeting + "</FONT><BR>");
     cnx.setStatus(Greeted);
     socket->write(greeting);
-    yieldToEventLoop();
 }
 
 // A full table never stalls the program: the newcomer is told to come back and closed.
@@ -164,6 +159,9 @@ bool InboundSession::mayRelay(const Peer& peer) const
     return loopBack || localNetwork || sameMachine;
 }
 
+// Every handler runs to completion and returns to the event loop. The end of a connection is
+// queued, because a socket may report it from inside a call made by another handler; it then runs
+// after that handler, and finds the slot as the handler left it.
 void InboundSession::watch(uint8_t n, QTcpSocket* socket)
 {
     const QPointer<QTcpSocket> guard(socket);
@@ -171,9 +169,9 @@ void InboundSession::watch(uint8_t n, QTcpSocket* socket)
     connect(socket, &QTcpSocket::bytesWritten, this,
             [this, n, guard] { Smtp_SendComplete(n, guard); });
     connect(socket, &QTcpSocket::disconnected, this,
-            [this, n, guard] { connectionLost("FRM:MAIN[Smtp_Close]", n, guard); });
+            [this, n, guard] { connectionLost("FRM:MAIN[Smtp_Close]", n, guard); }, Qt::QueuedConnection);
     connect(socket, &QTcpSocket::errorOccurred, this,
-            [this, n, guard] { connectionLost("FRM:MAIN[Smtp_Error]", n, guard); });
+            [this, n, guard] { connectionLost("FRM:MAIN[Smtp_Error]", n, guard); }, Qt::QueuedConnection);
 }
 
 bool InboundSession::owns(uint8_t n, QTcpSocket* socket) const
@@ -186,38 +184,24 @@ bool InboundSession::owns(uint8_t n, QTcpSocket* socket) const
 void InboundSession::Smtp_DataArrival(uint8_t n, QTcpSocket* socket)
 {
     logs_.guarded("FRM:MAIN[Smtp_DataArrival]", [&] {
-        if (!owns(n, socket) || peers_[n].handling)
-            return; // a running handler of this slot reads the new data itself
-        if (handleData(n, socket) && peers_[n].lostWhileHandling)
-            endLostConnection(n, socket);
+        if (owns(n, socket))
+            readUnits(n, socket);
     });
 }
 
-bool InboundSession::handleData(uint8_t n, QTcpSocket* socket)
-{
-    peers_[n].handling = true;
-    readUnits(n, socket);
-    if (!owns(n, socket))
-        return false;
-    peers_[n].handling = false;
-    return true;
-}
-
-// Reads until nothing is pending, so that data that came in during a yield is not left behind.
+// Everything pending is one arrival: a unit is what has come in up to a CR LF at its end.
 void InboundSession::readUnits(uint8_t n, QTcpSocket* socket)
 {
-    while (owns(n, socket)) {
-        const QByteArray bytes = socket->readAll();
-        if (bytes.isEmpty())
-            return;
-        CConnexion& cnx = tables_.CnxIn(n);
-        cnx.SmtpCommand += bytes;
-        if (cnx.SmtpCommand.size() < 2 || !cnx.SmtpCommand.endsWith(kCrLf))
-            continue;
-        const QByteArray line = cnx.SmtpCommand;
-        cnx.SmtpCommand.clear();
-        handleUnit(n, line);
-    }
+    const QByteArray bytes = socket->readAll();
+    if (bytes.isEmpty())
+        return;
+    CConnexion& cnx = tables_.CnxIn(n);
+    cnx.SmtpCommand += bytes;
+    if (cnx.SmtpCommand.size() < 2 || !cnx.SmtpCommand.endsWith(kCrLf))
+        return;
+    const QByteArray line = cnx.SmtpCommand;
+    cnx.SmtpCommand.clear();
+    handleUnit(n, line);
 }
 
 void InboundSession::handleUnit(uint8_t n, const QByteArray& line)
@@ -257,25 +241,20 @@ void InboundSession::closeAndRelease(uint8_t n, QTcpSocket* socket)
 }
 
 // A client that closes or whose socket fails frees its slot at once; an unfinished message is
-// dropped. While the slot's data handler runs, it finishes first and ends the connection itself.
+// dropped.
 void InboundSession::connectionLost(const char* site, uint8_t n, QTcpSocket* socket)
 {
     logs_.guarded(site, [&] {
         if (!owns(n, socket))
             return;
-        if (peers_[n].handling) {
-            peers_[n].lostWhileHandling = true;
-            return;
-        }
+        // What the client sent before it went away is still its request (a QUIT, the end of data).
+        readUnits(n, socket);
         endLostConnection(n, socket);
     });
 }
 
 void InboundSession::endLostConnection(uint8_t n, QTcpSocket* socket)
 {
-    // What the client sent before it went away is still its request (a QUIT, the end of data).
-    if (!handleData(n, socket))
-        return;
     if (tables_.CnxIn(n).Status() == Quitting) {
         closeAndRelease(n, socket); // the goodbye went out as far as it could
         return;
@@ -400,7 +379,6 @@ void InboundSession::endOfData(Unit& unit)
         message.MWrite(outBox + '/' + QString::fromLatin1(message.ID));
     }
     send(unit.n, accepted);
-    yieldToEventLoop();
 }
 
 // ---- replies and logs ----
@@ -422,7 +400,6 @@ void InboundSession::reply(uint8_t n, const QByteArray& reply, bool bold)
 {
     logReply(n, reply, bold);
     send(n, reply);
-    yieldToEventLoop();
 }
 
 void InboundSession::mailLog(const QByteArray& text) { logs_.MailLog(GMTDate(logs_.clock()) + text); }

@@ -27,9 +27,9 @@ enum InboundState : int32_t {
 
 // The SMTP server side for local mail programs: takes connection requests from the listener,
 // decides who may relay, runs the dialogue on each IN slot and stores every accepted message in
-// OutBox. Each reply is followed by one pass of the event loop, so handlers of other connections
-// (or of this one) may run in between; every use of a slot after such a pass checks that the
-// slot still belongs to the same connection.
+// OutBox. Every handler runs to completion and returns to the event loop; what a handler needs
+// from one event to the next lives in the slot, and each event first checks that its socket still
+// owns the slot it names.
 class InboundSession : public QObject {
     Q_OBJECT
 public:
@@ -47,8 +47,6 @@ private:
         QByteArray host;
         QByteArray ip;
         QByteArray localIp;
-        bool handling = false;          // the data handler of this slot is running
-        bool lostWhileHandling = false; // the client went away meanwhile
     };
     // One received unit (one or more complete lines) of slot n.
     struct Unit {
@@ -73,8 +71,6 @@ private:
     void Smtp_SendComplete(uint8_t n, QTcpSocket* socket);
     void connectionLost(const char* site, uint8_t n, QTcpSocket* socket);
     void endLostConnection(uint8_t n, QTcpSocket* socket);
-    // Runs as the slot's data handler over what is pending; false once the slot was released.
-    bool handleData(uint8_t n, QTcpSocket* socket);
     void readUnits(uint8_t n, QTcpSocket* socket);
     void handleUnit(uint8_t n, const QByteArray& line);
     bool owns(uint8_t n, QTcpSocket* socket) const;

@@ -5,6 +5,7 @@
 #include "dns/fake_dns_server.h"
 #include "dns/resolver.h"
 #include "support/fakes.h"
+#include "support/mail_client.h"
 
 using namespace postiq;
 using namespace postiq::test;
@@ -38,7 +39,9 @@ struct ResolverBench {
         CDns dns(bench.logs, settings, cache);
         dns.lookupTiming = LookupTiming{300ms, 1};
         dns.MX.setHost(0, status);
-        dns.ResolveMx(domain);
+        bool done = false;
+        dns.ResolveMx(domain, [&] { done = true; });
+        EXPECT_TRUE(spinUntil([&] { return done; })) << domain.constData();
         return dns.MX;
     }
     QByteArray mailLog() const { return readFile(bench.path("maillog.txt")); }
