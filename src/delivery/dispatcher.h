@@ -1,0 +1,75 @@
+#pragma once
+
+#include <QByteArray>
+#include <QObject>
+#include <QString>
+#include <QTimer>
+#include <cstdint>
+#include <optional>
+
+#include "delivery/outbound_session.h"
+
+namespace postiq {
+
+class ConnectionTables;
+class Logs;
+class Settings;
+
+// Moves due files from Deferred back to OutBox, and hands each OutBox file that no busy OUT slot
+// holds to a free slot: message loaded, attempt counted, route resolved, connection started. The
+// outbox timer runs only while the queue has nothing new; the sessions call VerifOutBox at their
+// milestones, which chains the dispatch of the whole queue.
+class Dispatcher : public QObject {
+    Q_OBJECT
+public:
+    static constexpr int kTimerInterval = 10'000; // ms, for both timers
+
+    Dispatcher(Logs& logs, Settings& settings, ConnectionTables& tables, QObject* parent = nullptr);
+
+    // Starts both timers; the program does so at start-up, whatever the service's state.
+    void startTimers();
+    // Stops both timers (the fatal report, the end of the program).
+    void stopTimers();
+
+    // Dispatches at most one OutBox file.
+    void VerifOutBox();
+    // Moves back to OutBox every deferred file older than AttemptDelay minutes.
+    void VerifDeferred();
+    // Takes a free OUT slot for the OutBox file and starts its delivery.
+    void SendOutSmtp(const QString& file);
+    // Moves every deferred file back to OutBox at once.
+    void Flush();
+    // The menu's "Forcer (deferred)": Flush, then a dispatch at once.
+    void ForceDeferred();
+
+    // Re-enables the outbox timer unless it already runs.
+    void enableOutboxTimer();
+    // VerifOutBox after the events already pending.
+    void postVerifOutBox();
+    // What follows a finished session, after the events already pending: a dispatch, the outbox
+    // timer enabled, another dispatch.
+    void postAfterSession();
+
+    OutboundSession& session() { return session_; }
+
+    QTimer tmrVerifOutBox;
+    QTimer tmrVerifDeferred;
+
+private:
+    void outboxTick();
+    // Whether a busy OUT slot is delivering this file.
+    bool claimed(const QString& file) const;
+    std::optional<uint8_t> freeCnxOut() const;
+    // Steps that follow the route lookup of a dispatch on slot i.
+    void routeResolved(uint8_t i, const QString& file, const QByteArray& domain);
+    void noRoute(uint8_t i, const QString& file, const QByteArray& domain);
+    // Copies every (or every due) deferred file back to OutBox; false stops at the first fault.
+    void moveDeferredBack(bool onlyDue);
+
+    Logs& logs_;
+    Settings& settings_;
+    ConnectionTables& tables_;
+    OutboundSession session_;
+};
+
+} // namespace postiq
