@@ -26,7 +26,8 @@ void CGenerateReturnMail::GenerateError(const QString& file)
         // The recipient counter is one byte and steps once past the last recipient: with as many
         // recipients as a record holds it overflows, and the failed file is left as it is.
         if (count == 255)
-            throw Fault(ErrOverflow, QStringLiteral("Too many recipients (%1) to return '%2'").arg(count).arg(path));
+            throw Fault(ErrOverflow,
+                        QStringLiteral("Too many recipients (%1) to return '%2'").arg(count).arg(path));
 
         NoticeText text(NoticeHostName(settings_.LocalHostName), logs_.clock());
         text.opening("Undelivered Mail Returned to Sender", message.From);

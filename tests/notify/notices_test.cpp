@@ -156,7 +156,8 @@ TEST(DelayNotice, QueuesANewNoticeToTheSenderAndRemovesTheOutBoxCopy)
 
     const QStringList queued = n.queued();
     ASSERT_EQ(queued.size(), 1);
-    EXPECT_TRUE(QRegularExpression(QStringLiteral("^[0-9A-F]{2,10}$")).match(queued[0]).hasMatch()) << queued[0].toStdString();
+    const QRegularExpression freshName(QStringLiteral("^[0-9A-F]{2,10}$"));
+    EXPECT_TRUE(freshName.match(queued[0]).hasMatch()) << queued[0].toStdString();
     CMessage notice(n.bench.logs);
     notice.MOpen(n.outBox + '/' + queued[0]);
     EXPECT_EQ(notice.ID, queued[0].toLatin1());
@@ -228,12 +229,14 @@ TEST(Notices, FaultsAreFatalUnderTheirOwnLabelAndLeaveTheQueueAsItWas)
     {
         NoticeBench n;
         EXPECT_THROW(CGenerateReturnMail(n.bench.logs, n.settings).GenerateError("A1B2C"), ProgramEnded);
-        EXPECT_TRUE(n.bench.desktop.diagnostics.value(0).startsWith("Where: CLS:CLASS[GenerateError], number 53:"));
+        EXPECT_TRUE(
+            n.bench.desktop.diagnostics.value(0).startsWith("Where: CLS:CLASS[GenerateError], number 53:"));
         EXPECT_TRUE(n.queued().isEmpty());
     }
     {
         NoticeBench n;
-        EXPECT_THROW(CGenerateDeferredMail(n.bench.logs, n.settings).GenerateDeferred("A1B2C"), ProgramEnded);
+        CGenerateDeferredMail generator(n.bench.logs, n.settings);
+        EXPECT_THROW(generator.GenerateDeferred("A1B2C"), ProgramEnded);
         EXPECT_TRUE(n.bench.desktop.diagnostics.value(0).startsWith(
             "Where: CLS:GENERATEDEFERREDMAIL[GenerateDeferred], number 53:"));
         EXPECT_TRUE(n.queued().isEmpty());
@@ -247,7 +250,8 @@ TEST(Notices, FaultsAreFatalUnderTheirOwnLabelAndLeaveTheQueueAsItWas)
         full.MWrite(n.outBox + "/A1B2C");
         const QByteArray before = readFile(n.outBox + "/A1B2C");
         EXPECT_THROW(CGenerateReturnMail(n.bench.logs, n.settings).GenerateError("A1B2C"), ProgramEnded);
-        EXPECT_TRUE(n.bench.desktop.diagnostics.value(0).startsWith("Where: CLS:CLASS[GenerateError], number 6:"));
+        EXPECT_TRUE(
+            n.bench.desktop.diagnostics.value(0).startsWith("Where: CLS:CLASS[GenerateError], number 6:"));
         EXPECT_EQ(n.queued(), QStringList{"A1B2C"});
         EXPECT_EQ(readFile(n.outBox + "/A1B2C"), before);
     }
