@@ -1,5 +1,6 @@
 #include "platform/durable_file.h"
 
+#include <QDir>
 #include <QFileInfo>
 
 #include <cerrno>
@@ -45,7 +46,10 @@ bool SyncFolderOf(const QString& path, QString* error)
 
 bool ReplaceDurably(const QString& path, const QByteArray& data, QString* error)
 {
-    const QString temporary = path + QStringLiteral(".new");
+    // Hidden beside the final name, so that a folder listing never takes a half-written copy
+    // (or one left by a crash) for a file of its own.
+    const QFileInfo target(path);
+    const QString temporary = target.dir().filePath('.' + target.fileName() + QStringLiteral(".new"));
     QFile file(temporary);
     if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
         *error = QStringLiteral("Cannot create '%1': %2").arg(temporary, file.errorString());

@@ -15,8 +15,9 @@ bool SyncFile(QFile& file, QString* error);
 // renamed file survives by name as well as by content.
 bool SyncFolderOf(const QString& path, QString* error);
 
-// Replaces the file at `path` with `data`: written beside it, synced, renamed over it, and the
-// folder synced, so that a crash leaves either the old file or the new one, never a torn one.
+// Replaces the file at `path` with `data`: written to the hidden "." + name + ".new" beside it,
+// synced, renamed over it, and the folder synced, so that a crash leaves either the old file or
+// the new one, never a torn one. A new file appears whole or not at all.
 bool ReplaceDurably(const QString& path, const QByteArray& data, QString* error);
 
 } // namespace postiq

@@ -3,6 +3,7 @@
 #include <QList>
 
 #include "log/logs.h"
+#include "store/fresh_queue_name.h"
 #include "store/message.h"
 
 namespace postiq {
@@ -12,6 +13,11 @@ bool CheckEmail(const QByteArray& address)
     // Too short to lose a first and a last character: not an address at all.
     if (address.size() < 2)
         return false;
+    // A line break or NUL would let the address smuggle lines into a later dialogue or header.
+    for (const char forbidden : {'\r', '\n', '\0'}) {
+        if (address.contains(forbidden))
+            return false;
+    }
     const QByteArray inner = address.mid(1, address.size() - 2);
     QByteArray bare = address;
     bare.replace('<', QByteArray()).replace('>', QByteArray());
@@ -69,7 +75,7 @@ void ParseRcptTo(Logs& logs, const CMessage& message, const QString& outBoxFolde
                 if (recipientDomains[index] == domains[k - 1])
                     work.AddRcptTo(message.RcptTo(index));
             }
-            work.ID = RandomFileGet(logs) + '-' + QByteArray::number(k);
+            work.ID = FreshQueueName(logs, '-' + QByteArray::number(k));
             work.MWrite(outBoxFolder + '/' + QString::fromLatin1(work.ID));
         }
     });

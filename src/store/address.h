@@ -9,13 +9,14 @@ class CMessage;
 class Logs;
 
 // Whether a MAIL FROM or RCPT TO argument (lower-cased, trimmed, brackets kept) is acceptable.
+// An address holding CR, LF or NUL never is.
 bool CheckEmail(const QByteArray& address);
 
 // The part between "@" and the closing ">", case kept. An address without "@" is a fault.
 QByteArray GetDomain(Logs& logs, const QByteArray& address);
 
 // Writes a message with several recipients into OutBox as one queue file per recipient domain,
-// in order of the domains' first appearance, named RandomFileGet + "-" + k.
+// in order of the domains' first appearance, named FreshQueueName with the suffix "-" + k.
 void ParseRcptTo(Logs& logs, const CMessage& message, const QString& outBoxFolder);
 
 } // namespace postiq

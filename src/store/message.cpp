@@ -1,5 +1,6 @@
 #include "store/message.h"
 
+#include <QBuffer>
 #include <QFile>
 #include <QFileInfo>
 
@@ -94,28 +95,14 @@ void CMessage::MWrite(const QString& path)
 {
     logs_->guarded(kFileSite, [&] {
         logs_->DbgAdd(fileNote(*logs_, ": Ecriture de ", path));
-        // Replaced in place: an existing file of that name is deleted first, whatever it held.
-        if (QFileInfo::exists(path) && !QFile::remove(path))
-            throw Fault(ErrAccessDenied, QStringLiteral("Cannot delete the existing '%1'").arg(path));
-        QFile file(path);
-        if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
-            throw Fault(ErrAccessDenied,
-                        QStringLiteral("Cannot create '%1': %2").arg(path, file.errorString()));
-        try {
-            WriteQueueRecord(file, *this);
-            QString error;
-            if (!SyncFile(file, &error))
-                throw Fault(ErrFileAccess, error);
-        } catch (const Fault&) {
-            // A partial record would stop every later scan of its folder; the sender has not
-            // been told the message was accepted, so nothing is lost by removing it.
-            file.remove();
-            throw;
-        }
-        file.close();
+        // Serialised first, then swapped in whole: a crash leaves the old file or the new one,
+        // never a torn record nor a moment with no file at all.
+        QBuffer buffer;
+        buffer.open(QIODevice::WriteOnly);
+        WriteQueueRecord(buffer, *this);
         QString error;
-        if (!SyncFolderOf(path, &error))
-            throw Fault(ErrFileAccess, error);
+        if (!ReplaceDurably(path, buffer.data(), &error))
+            throw Fault(ErrAccessDenied, error);
     });
 }
 

@@ -34,6 +34,7 @@ public:
     void MClear();
 
     void MOpen(const QString& path);
+    // Writes the record over `path` in one step: at any instant the old file or the new one is there.
     void MWrite(const QString& path);
 
 private:
@@ -41,7 +42,8 @@ private:
     QList<QByteArray> rcptTo_{QByteArray()};
 };
 
-// A new queue file name: two upper-case hexadecimal numbers below 983039, run together.
+// A new queue file name: two upper-case hexadecimal numbers below 983039, run together. It may
+// already be taken: new queue files are named with FreshQueueName (store/fresh_queue_name.h).
 QByteArray RandomFileGet(Logs& logs);
 
 } // namespace postiq

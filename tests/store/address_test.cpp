@@ -42,6 +42,19 @@ TEST(Address, CheckEmailAndGetDomain)
     }
 }
 
+TEST(Address, CheckEmailRefusesLineBreaksAndNul)
+{
+    for (const char forbidden : {'\r', '\n', '\0'}) {
+        for (const int at : {1, 5, 10, 17}) { // local part, domain, just before ">", at the end
+            QByteArray address = "<john@example.com>";
+            address.insert(at, forbidden);
+            SCOPED_TRACE(address.toHex().constData());
+            EXPECT_FALSE(CheckEmail(address));
+        }
+    }
+    EXPECT_FALSE(CheckEmail(QByteArray("<john@example.com>\r\n")));
+}
+
 TEST(ParseRcptTo, WritesOneFilePerDomainInOrderOfFirstAppearance)
 {
     // No file at all: the fault is found before anything is written.

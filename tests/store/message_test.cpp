@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <QDir>
+#include <QFile>
+
 #include "store_test_support.h"
 #include "support/fakes.h"
 
@@ -45,6 +48,27 @@ TEST(QueueFile, ExampleRecordIsWrittenByteForByteAndReadBack)
     read.MOpen(bench.path("missing"));
     EXPECT_EQ(Members(read), Members(ExampleRecord(bench.logs)));
     EXPECT_TRUE(bench.desktop.diagnostics.isEmpty());
+}
+
+TEST(QueueFile, RewriteSwapsInAWholeNewFileAndLeavesNoTemporaryBehind)
+{
+    LogBench bench;
+    CMessage longer(bench.logs);
+    longer.Data = QByteArray(5000, 'z');
+    longer.MWrite(bench.path("ABC123"));
+    const QByteArray longerBytes = readFile(bench.path("ABC123"));
+    // A crash during an earlier rewrite left its hidden temporary: folder scans never see it.
+    writeFile(bench.path(".ABC123.new"), "torn");
+    EXPECT_EQ(QDir(bench.dir.path()).entryList(QDir::Files), QStringList{"ABC123"});
+
+    // A reader that opened the old file keeps reading it whole: the file is replaced by a new
+    // one, not rewritten in place.
+    QFile reader(bench.path("ABC123"));
+    ASSERT_TRUE(reader.open(QIODevice::ReadOnly));
+    ExampleRecord(bench.logs).MWrite(bench.path("ABC123"));
+    EXPECT_EQ(reader.readAll(), longerBytes);
+    EXPECT_EQ(readFile(bench.path("ABC123")), kExampleBytes);
+    EXPECT_EQ(QDir(bench.dir.path()).entryList(QDir::Files | QDir::Hidden), QStringList{"ABC123"});
 }
 
 TEST(QueueFile, RecordsComeBackAsWrittenWithLongContentsBehindAnEscape)

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <QString>
+
+namespace postiq {
+
+class Logs;
+class Settings;
+
+// Tells the sender of a message that is being retried that its delivery is delayed.
+class CGenerateDeferredMail {
+public:
+    CGenerateDeferredMail(Logs& logs, const Settings& settings);
+
+    // `file` is the bare name of a queue file in OutBox. A delay notice to its sender is queued in
+    // OutBox under a new name, then the OutBox file is removed: keeping the delayed message (in
+    // Deferred) is the caller's job, done before this call.
+    void GenerateDeferred(const QString& file);
+
+private:
+    Logs& logs_;
+    const Settings& settings_;
+};
+
+} // namespace postiq

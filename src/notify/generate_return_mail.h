@@ -1,0 +1,24 @@
+#pragma once
+
+#include <QString>
+
+namespace postiq {
+
+class Logs;
+class Settings;
+
+// Turns a queue file that has failed for good into a non-delivery report to its sender.
+class CGenerateReturnMail {
+public:
+    CGenerateReturnMail(Logs& logs, const Settings& settings);
+
+    // `file` is the bare name of a queue file in OutBox whose LastError says why it failed. The
+    // report replaces it under the same name, flagged ForSender with a fresh attempt count.
+    void GenerateError(const QString& file);
+
+private:
+    Logs& logs_;
+    const Settings& settings_;
+};
+
+} // namespace postiq

@@ -1,0 +1,96 @@
+#include <gtest/gtest.h>
+
+#include <QDir>
+
+#include "store/fresh_queue_name.h"
+#include "store/queue_files.h"
+#include "support/fakes.h"
+
+using namespace postiq;
+using namespace postiq::test;
+
+namespace {
+
+// Hands out the names given, in order, and counts the draws.
+struct ScriptedDraw {
+    QByteArrayList names;
+    int draws = 0;
+    QByteArray operator()() { return names.value(draws++, "EXHAUSTED"); }
+};
+
+QStringList everyEntry(const QString& folder)
+{
+    return QDir(folder).entryList(QDir::Files | QDir::Hidden, QDir::Name);
+}
+
+} // namespace
+
+TEST(FreshQueueName, DrawsAgainWhileAnyQueueFolderHoldsTheName)
+{
+    LogBench bench;
+    for (const char* folder : {"OutBox", "Deferred", "error"}) // any letter case
+        QDir().mkpath(bench.path(folder));
+    writeFile(bench.path("OutBox/A1-2"), "x");
+    writeFile(bench.path("Deferred/B2-2"), "x");
+    writeFile(bench.path("error/C3-2"), "x");
+    writeFile(bench.path("OutBox/D4"), "x");      // the bare random part does not clash
+    writeFile(bench.path("language/E5-2"), "x"); // nor does a file outside the queue
+
+    ScriptedDraw draw{{"A1", "B2", "C3", "D4", "E5"}};
+    EXPECT_EQ(FreshQueueName(bench.logs, "-2", std::ref(draw)), QByteArray("D4-2"));
+    EXPECT_EQ(draw.draws, 4);
+
+    draw = ScriptedDraw{{"D4", "F6"}};
+    EXPECT_EQ(FreshQueueName(bench.logs, {}, std::ref(draw)), QByteArray("F6"));
+    EXPECT_EQ(draw.draws, 2);
+}
+
+TEST(FreshQueueName, ABrokenDrawIsFatalInsteadOfEndless)
+{
+    LogBench bench;
+    QDir().mkpath(bench.path("OutBox"));
+    writeFile(bench.path("OutBox/SAME"), "x");
+    EXPECT_THROW(FreshQueueName(bench.logs, {}, [] { return QByteArray("SAME"); }), ProgramEnded);
+    EXPECT_TRUE(bench.desktop.diagnostics.value(0).startsWith("Where: MOD:FILESYSTEM[FreshQueueName]"));
+}
+
+TEST(QueueFiles, CopyReplacesTheTargetWholeAndRemoveToleratesAMissingFile)
+{
+    LogBench bench;
+    for (const char* folder : {"OutBox", "Deferred"})
+        QDir().mkpath(bench.path(folder));
+    writeFile(bench.path("OutBox/A1"), "short record");
+    writeFile(bench.path("Deferred/A1"), "an older and much longer record");
+
+    CopyQueueFileDurably(bench.path("OutBox/A1"), bench.path("Deferred/A1"));
+    EXPECT_EQ(readFile(bench.path("Deferred/A1")), QByteArray("short record"));
+    EXPECT_EQ(readFile(bench.path("OutBox/A1")), QByteArray("short record"));
+    EXPECT_EQ(everyEntry(bench.path("Deferred")), QStringList{"A1"});
+
+    RemoveQueueFile(bench.path("OutBox/A1"));
+    EXPECT_EQ(everyEntry(bench.path("OutBox")), QStringList{});
+    EXPECT_NO_THROW(RemoveQueueFile(bench.path("OutBox/A1")));
+    EXPECT_NO_THROW(RemoveQueueFile(bench.path("NoFolder/A1")));
+}
+
+TEST(QueueFiles, CopyFaultsLeaveNothingBehind)
+{
+    LogBench bench;
+    QDir().mkpath(bench.path("OutBox"));
+    try {
+        CopyQueueFileDurably(bench.path("OutBox/missing"), bench.path("OutBox/copy"));
+        ADD_FAILURE() << "a missing source was copied";
+    } catch (const Fault& fault) {
+        EXPECT_EQ(fault.number(), ErrFileNotFound);
+    }
+    EXPECT_EQ(everyEntry(bench.path("OutBox")), QStringList{});
+
+    writeFile(bench.path("OutBox/A1"), "record");
+    try {
+        CopyQueueFileDurably(bench.path("OutBox/A1"), bench.path("NoFolder/A1"));
+        ADD_FAILURE() << "copied into a missing folder";
+    } catch (const Fault& fault) {
+        EXPECT_EQ(fault.number(), ErrAccessDenied);
+    }
+    EXPECT_EQ(everyEntry(bench.path("OutBox")), QStringList{"A1"});
+}
