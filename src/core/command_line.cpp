@@ -2,6 +2,18 @@
 
 namespace postiq {
 
+namespace {
+// The control options, each named after the command it sends.
+bool isControlOption(const QString& argument)
+{
+    for (const char* command : {"start", "stop", "reload", "flush", "quit"}) {
+        if (argument == QLatin1String("--") + QLatin1String(command))
+            return true;
+    }
+    return false;
+}
+} // namespace
+
 CommandLine parseCommandLine(const QStringList& arguments, bool displayAvailable)
 {
     CommandLine line;
@@ -26,6 +38,14 @@ CommandLine parseCommandLine(const QStringList& arguments, bool displayAvailable
                 line.error = QStringLiteral("--folder needs a folder");
                 return line;
             }
+        } else if (isControlOption(argument)) {
+            if (!line.control.isEmpty()) {
+                line.error = QStringLiteral("--%1 and %2 cannot be used together")
+                                 .arg(QString::fromLatin1(line.control), argument);
+                return line;
+            }
+            line.control = argument.mid(2).toLatin1();
+            line.headless = true;
         } else {
             line.error = QStringLiteral("unknown option: ") + argument;
             return line;
@@ -38,6 +58,7 @@ QString usageText()
 {
     return QStringLiteral(
         "Usage: postiq [--folder DIR] [--headless]\n"
+        "       postiq [--folder DIR] --start | --stop | --reload | --flush | --quit\n"
         "A mail relay for this computer: mail programs send to it over SMTP, it queues and delivers.\n"
         "\n"
         "  --folder DIR  program folder holding Postiq.ini, the logs, OutBox, Deferred, Error,\n"
@@ -47,6 +68,14 @@ QString usageText()
         "                neither DISPLAY nor WAYLAND_DISPLAY is set)\n"
         "  --version     print the version and exit\n"
         "  --help        print this help and exit\n"
+        "\n"
+        "Commands for the Postiq already running on the folder (exit status 0 when done,\n"
+        "2 when none runs there, 1 when it refused or did not answer):\n"
+        "  --start       start the SMTP service\n"
+        "  --stop        stop the SMTP service\n"
+        "  --reload      read Postiq.ini again\n"
+        "  --flush       move every deferred message back to OutBox and send at once\n"
+        "  --quit        stop the service and end that Postiq\n"
         "\n"
         "SIGINT and SIGTERM stop the relay cleanly.\n");
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QByteArray>
 #include <QString>
 #include <QStringList>
 
@@ -10,10 +11,14 @@ struct CommandLine {
     bool headless = false; // no tray and no windows
     bool showVersion = false;
     bool showHelp = false;
+    // "start", "stop", "reload", "flush" or "quit": the command for the relay already running on
+    // the folder; empty to run the relay itself.
+    QByteArray control;
     QString error;         // set when the arguments cannot be understood
 };
 
-// Parses the arguments after the program name. A display-less session is always headless.
+// Parses the arguments after the program name. A display-less session is always headless, and so
+// is a control command, which never shows anything.
 CommandLine parseCommandLine(const QStringList& arguments, bool displayAvailable);
 
 QString usageText();

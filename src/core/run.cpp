@@ -2,11 +2,13 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QTimer>
+#include <chrono>
 #include <cstdio>
 #include <memory>
 
 #include "core/application.h"
 #include "core/command_line.h"
+#include "core/control_channel.h"
 #include "log/version.h"
 #include "platform/clock.h"
 #include "platform/desktop.h"
@@ -30,6 +32,50 @@ QStringList argumentsAfterProgramName(int argc, char** argv)
         arguments << QString::fromLocal8Bit(argv[i]);
     return arguments;
 }
+
+constexpr std::chrono::seconds kControlAnswerTime{10};
+
+// Sends one command to the relay running on the folder and waits for its answer in this process's
+// only event loop. Nothing here creates or touches the folder.
+int sendControlCommand(int argc, char** argv, const CommandLine& line)
+{
+    QuitSignals::unblockInProcess(); // Ctrl+C simply ends a waiting command
+    QCoreApplication app(argc, argv);
+    const QString folder = QDir(line.folder.isEmpty() ? defaultProgramFolder() : line.folder).absolutePath();
+
+    ControlRequest request(controlServerName(folder), line.control, kControlAnswerTime);
+    int status = ExitProgramError;
+    QObject::connect(&request, &ControlRequest::finished, &app,
+                     [&](ControlRequest::Outcome outcome, const QString& text) {
+                         switch (outcome) {
+                         case ControlRequest::Outcome::Done:
+                             status = ExitOk;
+                             break;
+                         case ControlRequest::Outcome::NotRunning:
+                             std::fprintf(stderr, "postiq: no Postiq is running in %s\n", qPrintable(folder));
+                             status = ExitRefused;
+                             break;
+                         case ControlRequest::Outcome::Failed:
+                             std::fprintf(stderr, "postiq: --%s failed for the Postiq running in %s: %s\n",
+                                          line.control.constData(), qPrintable(folder), qPrintable(text));
+                             status = ExitProgramError;
+                             break;
+                         }
+                         QCoreApplication::exit(status);
+                     });
+    QTimer::singleShot(0, &request, &ControlRequest::send); // once the loop runs, so that exit() counts
+    app.exec();
+    return status;
+}
+
+// Without the channel the relay still runs; only its control from the command line is lost, so
+// the failure is reported and the relay goes on.
+void openControlChannel(ControlChannel& channel, Desktop& desktop)
+{
+    QString error;
+    if (!channel.listen(&error))
+        desktop.diagnostic(QStringLiteral("postiq: the control channel cannot listen: ") + error);
+}
 } // namespace
 
 int runPostiq(int argc, char** argv)
@@ -49,6 +95,9 @@ int runPostiq(int argc, char** argv)
         std::printf("Postiq %s\n", qPrintable(AppVersion()));
         return ExitOk;
     }
+
+    if (!line.control.isEmpty())
+        return sendControlCommand(argc, argv, line);
 
     std::unique_ptr<QCoreApplication> app;
     if (line.headless)
@@ -70,12 +119,25 @@ int runPostiq(int argc, char** argv)
     LinuxNetworkDiscovery network;
     SystemClock clock;
 
-    Application application(QDir(folder).absolutePath(), {desktop, registry, network, clock});
-    QuitSignals quitSignals;
-    QObject::connect(&quitSignals, &QuitSignals::quitRequested, &application, &Application::quit);
+    const QString absoluteFolder = QDir(folder).absolutePath();
+    Application application(absoluteFolder, {desktop, registry, network, clock});
     QObject::connect(&application, &Application::finished, app.get(), [] { QCoreApplication::exit(ExitOk); },
                      Qt::QueuedConnection);
     application.start();
+
+    // Only now: a quit signal that came during start-up (perhaps while a question was on screen)
+    // has waited, blocked, and is read at the first turn of the loop instead of inside start().
+    QuitSignals quitSignals;
+    QObject::connect(&quitSignals, &QuitSignals::quitRequested, &application, &Application::quit);
+
+    // The instance lock is held from here on, so the channel may take over a stale socket name.
+    ControlChannel control(controlServerName(absoluteFolder),
+                           {.startService = [&application] { application.startService(); },
+                            .stopService = [&application] { application.stopService(); },
+                            .reloadConfiguration = [&application] { application.reloadConfiguration(); },
+                            .flushDeferred = [&application] { application.flushDeferred(); },
+                            .quit = [&application] { application.quit(); }});
+    openControlChannel(control, desktop);
     return app->exec();
 }
 

@@ -32,6 +32,16 @@ int PostiqProcess::waitForExit()
     return process_.exitStatus() == QProcess::NormalExit ? process_.exitCode() : -1;
 }
 
+int runToEnd(const QString& folder, const QString& configHome, const QStringList& arguments,
+             QByteArray* standardError)
+{
+    PostiqProcess run(folder, configHome, arguments);
+    const int status = run.waitForExit();
+    if (standardError)
+        *standardError = run.standardError();
+    return status;
+}
+
 quint16 freeListenPort()
 {
     for (int tries = 0; tries < 1000; ++tries) {

@@ -17,11 +17,17 @@ public:
     int waitForExit();
     void terminate() { process_.terminate(); } // SIGTERM
     bool running() const { return process_.state() != QProcess::NotRunning; }
+    qint64 processId() const { return process_.processId(); }
     QByteArray standardError() { return process_.readAllStandardError(); }
 
 private:
     QProcess process_;
 };
+
+// Runs the program with `arguments` (e.g. a control option) on a folder to its end; returns its exit
+// status (-1 when it did not end in time) and puts what it wrote on stderr in *standardError.
+int runToEnd(const QString& folder, const QString& configHome, const QStringList& arguments,
+             QByteArray* standardError = nullptr);
 
 // A TCP port that nothing listens on right now, within the 16-bit signed range of the setting.
 quint16 freeListenPort();
