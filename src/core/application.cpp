@@ -57,11 +57,15 @@ void Application::start()
         logs_.DbgAdd("<P><HR><FONT face='Verdana' size='2'>Lancement de Postiq</FONT><BR>");
         tables_ = std::make_unique<ConnectionTables>(logs_, settings_, dnsCache_, this);
         service_ = std::make_unique<SmtpService>(settings_, logs_, dnsCache_, *tables_, this);
+        dispatcher_ = std::make_unique<Dispatcher>(logs_, settings_, *tables_);
+        tables_->enableOutboxTimer = [this] { dispatcher_->enableOutboxTimer(); };
         logs_.setBeforeFatalReport([this] { silenceEverything(); });
         trayToolTip_ = QStringLiteral("Postiq ") + AppVersion() + QStringLiteral(" [Arrêté]");
     });
     if (settings_.ActiveSettings.LaunchStart)
         service_->Demarrer();
+    // The queue timers run whatever the service's state.
+    dispatcher_->startTimers();
 }
 
 void Application::ensureSingleInstance()
@@ -131,6 +135,8 @@ void Application::quit()
 
 void Application::silenceEverything()
 {
+    if (dispatcher_)
+        dispatcher_->stopTimers();
     if (tables_)
         tables_->silenceAll();
 }
@@ -154,7 +160,8 @@ void Application::reloadConfiguration()
 
 void Application::flushDeferred()
 {
-    // Filled in with the delivery side.
+    if (dispatcher_)
+        dispatcher_->ForceDeferred();
 }
 
 void Application::showServiceState(bool started)

@@ -6,6 +6,7 @@
 
 #include "config/config_file.h"
 #include "config/settings.h"
+#include "delivery/dispatcher.h"
 #include "dns/dns_cache.h"
 #include "language/language.h"
 #include "log/logs.h"
@@ -55,6 +56,7 @@ public:
     DnsCache& dnsCache() { return dnsCache_; }
     ConnectionTables& tables() { return *tables_; }
     SmtpService& service() { return *service_; }
+    Dispatcher& dispatcher() { return *dispatcher_; }
     ConfigLoader& configLoader() { return configLoader_; }
 
     // What the main window and the tray show.
@@ -92,6 +94,7 @@ private:
     std::unique_ptr<InstanceLock> instanceLock_;
     std::unique_ptr<ConnectionTables> tables_;
     std::unique_ptr<SmtpService> service_;
+    std::unique_ptr<Dispatcher> dispatcher_;
 
     QString windowCaption_;
     QString titleText_;

@@ -10,7 +10,8 @@
 #include "delivery/queue_folders.h"
 #include "delivery/socket_errors.h"
 #include "log/logs.h"
-#include "notify/bounce.h"
+#include "notify/generate_deferred_mail.h"
+#include "notify/generate_return_mail.h"
 #include "notify/dates.h"
 #include "store/queue_files.h"
 

@@ -3,13 +3,16 @@
 #include <QDirIterator>
 #include <QFileInfo>
 #include <QTcpSocket>
+#include <limits>
 
 #include "config/settings.h"
 #include "delivery/error_trap.h"
 #include "delivery/queue_folders.h"
 #include "log/logs.h"
-#include "notify/bounce.h"
+#include "notify/generate_deferred_mail.h"
+#include "notify/generate_return_mail.h"
 #include "notify/dates.h"
+#include "platform/clock.h"
 #include "platform/program_folder.h"
 #include "smtp_in/connexion.h"
 #include "store/address.h"

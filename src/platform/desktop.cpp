@@ -34,6 +34,8 @@ bool HeadlessDesktop::askYesNo(const QString& title, const QString& text)
     return false;
 }
 
+void HeadlessDesktop::notice(const QString& title, const QString& text) { writeToStderr(title, text); }
+
 void HeadlessDesktop::diagnostic(const QString& text) { writeToStderr(QString(), text); }
 
 void HeadlessDesktop::endProgram(int status) { exitNow(status); }
@@ -55,6 +57,14 @@ bool WidgetDesktop::askYesNo(const QString& title, const QString& text)
 {
     return QMessageBox::question(nullptr, title, text, QMessageBox::Yes | QMessageBox::No)
         == QMessageBox::Yes;
+}
+
+void WidgetDesktop::notice(const QString& title, const QString& text)
+{
+    auto* box = new QMessageBox(QMessageBox::Information, title.isEmpty() ? QStringLiteral("Postiq") : title, text);
+    box->setAttribute(Qt::WA_DeleteOnClose);
+    box->setModal(false);
+    box->show();
 }
 
 void WidgetDesktop::diagnostic(const QString& text) { writeToStderr(QString(), text); }

@@ -13,6 +13,8 @@ public:
     virtual ~Desktop() = default;
     virtual void messageBox(const QString& title, const QString& text, Icon icon) = 0;
     virtual bool askYesNo(const QString& title, const QString& text) = 0;
+    // A message that waits for nobody: the program goes on while it is shown.
+    virtual void notice(const QString& title, const QString& text) = 0;
     // Details for whoever reads the terminal (where a fatal report came from); not a message box.
     virtual void diagnostic(const QString& text) { (void)text; }
     // Ends the process at once with the given status: no orderly shutdown, nothing saved.
@@ -30,6 +32,7 @@ class HeadlessDesktop : public Desktop {
 public:
     void messageBox(const QString& title, const QString& text, Icon icon) override;
     bool askYesNo(const QString& title, const QString& text) override;
+    void notice(const QString& title, const QString& text) override;
     void diagnostic(const QString& text) override;
     [[noreturn]] void endProgram(int status) override;
 };
@@ -38,6 +41,7 @@ class WidgetDesktop : public Desktop {
 public:
     void messageBox(const QString& title, const QString& text, Icon icon) override;
     bool askYesNo(const QString& title, const QString& text) override;
+    void notice(const QString& title, const QString& text) override;
     void diagnostic(const QString& text) override;
     [[noreturn]] void endProgram(int status) override;
 };

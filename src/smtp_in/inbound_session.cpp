@@ -10,6 +10,7 @@
 #include "log/version.h"
 #include "notify/dates.h"
 #include "store/address.h"
+#include "store/fresh_queue_name.h"
 #include "store/message.h"
 #include "platform/program_folder.h"
 
@@ -375,7 +376,7 @@ void InboundSession::endOfData(Unit& unit)
     if (message.MRcptToCount() > 1) {
         ParseRcptTo(logs_, message, outBox);
     } else {
-        message.ID = RandomFileGet(logs_);
+        message.ID = FreshQueueName(logs_);
         message.MWrite(outBox + '/' + QString::fromLatin1(message.ID));
     }
     send(unit.n, accepted);

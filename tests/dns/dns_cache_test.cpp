@@ -61,7 +61,7 @@ TEST(DnsCacheFile, KnownLayoutsAndRoundTrip)
         + hex("feff" "0900") + "mx.a.test" + hex("0900") + "192.0.2.7" + hex("000000000020ac40")
         + hex("0100") + "x" + hex("0000000000000000");
     EXPECT_EQ(readFile(c.file()).toHex(), expected.toHex());
-    EXPECT_FALSE(QFile::exists(c.file() + ".new"));
+    EXPECT_FALSE(QFile::exists(c.bench.path(".Hosts.dns.new")));
     EXPECT_TRUE(readFile(c.bench.path("Debug.html"))
                     .contains("<FONT face='Verdana' size='2' COLOR='#FF8000'>Writing DNS cache: 1<BR>\r\n</FONT>"));
 

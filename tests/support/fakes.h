@@ -26,6 +26,7 @@ public:
         Icon icon;
     };
     QList<Box> boxes;
+    QList<Box> notices;
     QStringList diagnostics;
     bool answer = false;
 
@@ -38,6 +39,7 @@ public:
         boxes.append({title, text, Icon::Question});
         return answer;
     }
+    void notice(const QString& title, const QString& text) override { notices.append({title, text, Icon::Information}); }
     void diagnostic(const QString& text) override { diagnostics.append(text); }
     [[noreturn]] void endProgram(int status) override { throw ProgramEnded{status}; }
 };
