@@ -1,6 +1,7 @@
 #include "delivery/outbound_session.h"
 
 #include <QHostAddress>
+#include <QHostInfo>
 #include <QTcpSocket>
 #include <QTimer>
 
@@ -114,7 +115,22 @@ void OutboundSession::connectToCurrentHost(uint8_t n)
     const auto [host, port] = hostAndPort(cnx.SrvClient);
     socket->abort();
     armWatchdog(n, timeouts.connect);
-    socket->connectToHost(host, port);
+    // The name is resolved here rather than by the socket, so that a failure can name the
+    // address that refused, and a name that does not resolve is "host not found".
+    const QPointer<QTcpSocket> guard(socket);
+    QHostInfo::lookupHost(host, this, [this, n, guard, port](const QHostInfo& info) {
+        Trapped(logs_, "M:MAIN[SmtpDistant_Connect]", [&] {
+            if (!owns(n, guard) || tables_.CnxOut(n).Status() != Connecting)
+                return;
+            if (info.error() != QHostInfo::NoError || info.addresses().isEmpty()) {
+                SmtpDistant_Error(n, ErrHostNotFound, info.errorString().toUtf8());
+                return;
+            }
+            const QHostAddress address = info.addresses().constFirst();
+            remoteIp_[n] = PlainAddressText(address);
+            guard->connectToHost(address, port);
+        });
+    });
 }
 
 // ---- socket events ----
@@ -125,7 +141,6 @@ void OutboundSession::connected(uint8_t n, QTcpSocket* socket)
         if (!owns(n, socket))
             return;
         armWatchdog(n, timeouts.silence);
-        remoteIp_[n] = PlainAddressText(socket->peerAddress());
         mailLog(" Postiq/smtpdistant[" + number(n) + "]: " + loggedId() + " connect to "
                 + tables_.CnxOut(n).SrvClient + " [" + remoteIp_[n] + "]");
     });

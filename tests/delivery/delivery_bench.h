@@ -1,0 +1,126 @@
+#pragma once
+
+#include <QDir>
+#include <QTcpServer>
+#include <functional>
+#include <gtest/gtest.h>
+
+#include "config/settings.h"
+#include "delivery/dispatcher.h"
+#include "dns/dns_cache.h"
+#include "dns/fake_dns_server.h"
+#include "smtp_in/connexion.h"
+#include "store/message.h"
+#include "support/fakes.h"
+#include "support/mail_client.h"
+
+namespace postiq::test {
+
+// A clock that reads the real time plus an offset, so that file ages can be moved forward.
+class OffsetClock : public Clock {
+public:
+    qint64 offsetSeconds = 0;
+    QDateTime now() const override { return QDateTime::currentDateTime().addSecs(offsetSeconds); }
+};
+
+// A program folder with the delivery side (slot tables, dispatcher, outbound sessions) and a
+// fake DNS server, served by the test's own event loop.
+struct DeliveryBench {
+    QTemporaryDir dir;
+    RecordingDesktop desktop;
+    OffsetClock clock;
+    Settings settings;
+    Logs logs{dir.path(), settings, desktop, clock};
+    DnsCache cache;
+    FakeDnsServer dns;
+    ConnectionTables tables{logs, settings, cache};
+    Dispatcher dispatcher{logs, settings, tables};
+
+    DeliveryBench()
+    {
+        settings.ConfigLoaded = true;
+        settings.LocalHostName = QStringLiteral("relay.test");
+        CConfiguration& active = settings.ActiveSettings;
+        active.MaxNbrAttempt = 3;
+        active.AttemptDelay = 60;
+        active.DNSServer = dns.server();
+        for (const char* folder : {"OutBox", "Deferred", "Error"})
+            QDir(dir.path()).mkdir(QString::fromLatin1(folder));
+        tables.enableOutboxTimer = [this] { dispatcher.enableOutboxTimer(); };
+        for (int i = 1; i <= 99; ++i)
+            tables.CnxOut(i).DNS.lookupTiming = LookupTiming{std::chrono::milliseconds(300), 1};
+        dispatcher.session().timeouts = {std::chrono::milliseconds(2000), std::chrono::milliseconds(2000)};
+    }
+
+    // Sends all mail through a fixed server.
+    void useServer(const QString& server)
+    {
+        settings.UserSettings.SmtpServerDefined = true;
+        settings.ActiveSettings.SmtpServer = server;
+    }
+    // MX records of a domain: hosts named by their loop-back addresses, in the order given.
+    void mx(const QByteArray& domain, const QList<QPair<quint16, QByteArray>>& hosts)
+    {
+        FakeZone zone{FakeReply::Records, {}};
+        for (const auto& [preference, address] : hosts)
+            zone.records.append({preference, address.split('.'), 300});
+        dns.zones[domain] = zone;
+    }
+
+    // Writes a queue file into `folder` and returns its name.
+    QString queue(const QByteArray& id, const QList<QByteArray>& recipients, const QByteArray& data = "Subject: t\r\n\r\nhi\r\n",
+                  uint8_t essai = 0, bool forSender = false, const char* folder = "OutBox",
+                  const QByteArray& from = "<s@src.test>")
+    {
+        CMessage m(logs);
+        m.ID = id;
+        m.TxtEng = "\r\n==> DO NOT ALTER THIS FILE !\r\n";
+        m.TxtFr = "\r\n==> NE PAS MODIFIER CE FICHIER !\r\n";
+        m.Essai = essai;
+        m.ForSender = forSender;
+        m.From = from;
+        for (const QByteArray& r : recipients)
+            m.AddRcptTo(r);
+        m.Data = data;
+        m.MWrite(path(QString::fromLatin1(folder) + '/' + QString::fromLatin1(id)));
+        return QString::fromLatin1(id);
+    }
+    CMessage read(const QString& relative)
+    {
+        CMessage m(logs);
+        m.MOpen(path(relative));
+        return m;
+    }
+
+    QString path(const QString& name) const { return dir.path() + '/' + name; }
+    QStringList files(const char* folder) const
+    {
+        QStringList names = QDir(path(QString::fromLatin1(folder))).entryList(QDir::Files);
+        names.sort();
+        return names;
+    }
+    // The mail-log lines that contain `part`, without their date stamps and CR LF.
+    QList<QByteArray> mailLog(const QByteArray& part = {}) const
+    {
+        QList<QByteArray> lines;
+        for (const QByteArray& line : readFile(path(QStringLiteral("maillog.txt"))).split('\n'))
+            if (line.endsWith('\r') && line.contains(part))
+                lines << line.mid(20).chopped(1);
+        return lines;
+    }
+    QByteArray errorLog() const { return readFile(path(QStringLiteral("error.txt"))); }
+    bool idle()
+    {
+        for (int i = 1; i <= 99; ++i)
+            if (tables.CnxOut(i).Status() != 0)
+                return false;
+        return true;
+    }
+    // Runs the event loop until no slot is busy, or the time is up.
+    bool settle(int milliseconds = 10000) { return spinUntil([this] { return idle(); }, milliseconds); }
+};
+
+// A loop-back address that nothing listens on at port 25.
+inline const QByteArray kDeadHost = "127.0.0.66";
+
+} // namespace postiq::test

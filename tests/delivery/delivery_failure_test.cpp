@@ -1,0 +1,130 @@
+#include "delivery/socket_errors.h"
+#include "delivery_bench.h"
+
+using namespace postiq;
+using namespace postiq::test;
+
+namespace {
+
+const QByteArray kNotRoutable =
+    "See log file at this time : The corresponding message is not routable => placed in the error directory";
+
+TEST(DeliveryFailure, ReasonWordsOfTheSocketErrors)
+{
+    EXPECT_EQ(ReasonText(SocketErrorNumber(QAbstractSocket::ConnectionRefusedError)), "refused by peer");
+    EXPECT_EQ(ReasonText(SocketErrorNumber(QAbstractSocket::RemoteHostClosedError)), "reset by peer");
+    EXPECT_EQ(ReasonText(SocketErrorNumber(QAbstractSocket::HostNotFoundError)), "host not found");
+    EXPECT_EQ(ReasonText(SocketErrorNumber(QAbstractSocket::SocketTimeoutError)), "time out");
+    EXPECT_EQ(ReasonText(SocketErrorNumber(QAbstractSocket::NetworkError)), "unknown reason: 20007");
+}
+
+TEST(DeliveryFailure, ThreeRefusingMailHostsDeferTheMessageWithANotice)
+{
+    DeliveryBench b;
+    b.mx("dst.test", {{30, "127.0.0.68"}, {10, "127.0.0.66"}, {20, "127.0.0.67"}});
+    b.queue("AAA1", {"<b@dst.test>", "<c@dst.test>"});
+    b.dispatcher.VerifOutBox();
+    ASSERT_TRUE(b.settle());
+
+    const QByteArray head = " Postiq/smtpdistant[1]: AAA1 connection failed (refused by peer) for ";
+    EXPECT_EQ(b.mailLog("smtpdistant"),
+              (QList<QByteArray>{head + "127.0.0.66 [127.0.0.66], status=trying other MX server, attempt=1",
+                                 head + "127.0.0.67 [127.0.0.67], status=trying other MX server, attempt=1",
+                                 head + "127.0.0.68 [127.0.0.68], status=deferred, attempt=1"}));
+    ASSERT_EQ(b.files("Deferred"), QStringList{"AAA1"});
+    const CMessage deferred = b.read("Deferred/AAA1");
+    EXPECT_EQ(deferred.Essai, 1);
+    EXPECT_EQ(deferred.LastError, "10061: Connection refused");
+    EXPECT_EQ(deferred.MRcptToCount(), 2);
+
+    // The delay notice is the only file left in OutBox: to the sender, flagged, counting afresh.
+    const QStringList outBox = b.files("OutBox");
+    ASSERT_EQ(outBox.size(), 1);
+    const CMessage notice = b.read("OutBox/" + outBox[0]);
+    EXPECT_TRUE(notice.ForSender);
+    EXPECT_EQ(notice.Essai, 0);
+    EXPECT_EQ(notice.RcptTo(1), "<s@src.test>");
+    EXPECT_TRUE(notice.Data.contains("It was the 1 attempt !\r\n"));
+    EXPECT_TRUE(notice.Data.contains("<b@dst.test>: 10061: Connection refused\r\n<c@dst.test>: 10061: Connection refused\r\n"));
+}
+
+// Each dispatch counts one attempt; the message is dispatched MaxNbrAttempt + 1 times before it
+// goes back to its sender, and a notice that cannot be delivered ends in Error, never bounced.
+TEST(DeliveryFailure, AttemptsRunOutThenTheSenderGetsItBack)
+{
+    DeliveryBench b;
+    b.mx("dst.test", {{10, kDeadHost}});
+    b.queue("THIRD", {"<b@dst.test>"}, "x\r\n", 2);
+    b.queue("FOURTH", {"<b@dst.test>"}, "x\r\n", 3);
+    b.queue("LOOP", {"<b@dst.test>"}, "x\r\n", 3, true);
+    for (int i = 0; i < 3; ++i)
+        b.dispatcher.SendOutSmtp(QStringList{"THIRD", "FOURTH", "LOOP"}[i]);
+    ASSERT_TRUE(b.settle());
+
+    const QByteArray failed = " connection failed (refused by peer) for 127.0.0.66 [127.0.0.66], status=";
+    QList<QByteArray> lines = b.mailLog("connection failed");
+    std::sort(lines.begin(), lines.end()); // the three connections fail in any order
+    EXPECT_EQ(lines, (QList<QByteArray>{" Postiq/smtpdistant[1]: THIRD" + failed + "deferred, attempt=3",
+                                        " Postiq/smtpdistant[2]: FOURTH 4st" + failed + "error, return error to=<s@src.test>",
+                                        " Postiq/smtpdistant[3]: LOOP 4st" + failed
+                                            + "error, not return error because it's already a return-error-mail: deny loop"}));
+    EXPECT_EQ(b.read("Deferred/THIRD").Essai, 3);
+
+    const CMessage bounce = b.read("OutBox/FOURTH"); // the bounce takes the message's own name
+    EXPECT_TRUE(bounce.ForSender);
+    EXPECT_EQ(bounce.RcptTo(1), "<s@src.test>");
+    EXPECT_EQ(bounce.LastError, "10061: refused by peer (Connection refused)\r\n\r\nThis was the 4st attempt ...");
+    EXPECT_TRUE(bounce.Data.contains("Diagnostic-Code: 10061: refused by peer (Connection refused)\r\n\r\nThis was the 4st attempt ...\r\n"));
+
+    EXPECT_EQ(b.files("Error"), QStringList{"LOOP"});
+    EXPECT_EQ(b.read("Error/LOOP").LastError, "10061: Connection refused");
+    EXPECT_TRUE(b.errorLog().endsWith(kNotRoutable + "\r\n"));
+    EXPECT_EQ(b.errorLog().indexOf("See log file"), 20) << "no blank after the stamp in this entry";
+    EXPECT_FALSE(b.files("OutBox").contains("LOOP"));
+}
+
+TEST(DeliveryFailure, AFixedServerThatFailsSendsTheMessageToErrorAtOnce)
+{
+    DeliveryBench b;
+    b.useServer(QString::fromLatin1(kDeadHost) + ":2599");
+    b.queue("FIX1", {"<b@dst.test>"});
+    b.dispatcher.VerifOutBox();
+    ASSERT_TRUE(b.settle());
+
+    EXPECT_EQ(b.mailLog("smtpdistant"),
+              QList<QByteArray>{" Postiq/smtpdistant[1]: FIX1 1st connection failed (refused by peer) for 127.0.0.66:2599 "
+                                "[127.0.0.66], status=error, not return error neither deferred because there's no route "
+                                "available with the specified SMTP server"});
+    EXPECT_EQ(b.files("Error"), QStringList{"FIX1"});
+    EXPECT_TRUE(b.files("OutBox").isEmpty()) << "no bounce, no notice";
+    EXPECT_TRUE(b.files("Deferred").isEmpty());
+    EXPECT_EQ(b.errorLog().mid(20), " " + kNotRoutable + "\r\n");
+    EXPECT_EQ(b.dns.queries, 0);
+}
+
+// Without a mail host the message waits in Deferred until its attempts are used, then goes back
+// to its sender; a notice without a route is deferred for ever. The slot is free at once.
+TEST(DeliveryFailure, NoMailHostDefersThenBounces)
+{
+    DeliveryBench b;
+    b.queue("NOMX1", {"<b@nowhere.test>"});
+    b.queue("NOMX4", {"<b@nowhere.test>"}, "x\r\n", 3);
+    b.queue("NOMXN", {"<b@nowhere.test>"}, "x\r\n", 9, true);
+    for (const char* file : {"NOMX1", "NOMX4", "NOMXN"})
+        b.dispatcher.SendOutSmtp(QString::fromLatin1(file));
+    ASSERT_TRUE(b.settle());
+
+    const QByteArray noMx = " 421 No MX DNS available for nowhere.test using NS " + b.dns.server().toUtf8();
+    EXPECT_EQ(b.mailLog("No MX"), (QList<QByteArray>{" Postiq/smtpdistant: NOMX1" + noMx + " status=bounced",
+                                                     " Postiq/smtpdistant: NOMX4" + noMx + " status=bounced",
+                                                     " Postiq/smtpdistant: NOMXN" + noMx + " status=bounced"}));
+    EXPECT_EQ(b.files("Deferred"), (QStringList{"NOMX1", "NOMXN"}));
+    EXPECT_EQ(b.read("Deferred/NOMX1").LastError, noMx.mid(1));
+    EXPECT_EQ(b.read("Deferred/NOMXN").Essai, 10);
+    EXPECT_EQ(b.files("OutBox"), QStringList{"NOMX4"});
+    EXPECT_TRUE(b.read("OutBox/NOMX4").ForSender);
+    EXPECT_TRUE(b.read("OutBox/NOMX4").Data.contains("<b@nowhere.test>:" + noMx + "\r\n"));
+    EXPECT_TRUE(b.dispatcher.tmrVerifOutBox.isActive());
+}
+
+} // namespace
