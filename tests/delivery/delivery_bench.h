@@ -10,6 +10,7 @@
 #include "dns/dns_cache.h"
 #include "dns/fake_dns_server.h"
 #include "smtp_in/connexion.h"
+#include "smtp_in/smtp_service.h"
 #include "store/message.h"
 #include "support/fakes.h"
 #include "support/mail_client.h"
@@ -35,6 +36,8 @@ struct DeliveryBench {
     FakeDnsServer dns;
     ConnectionTables tables{logs, settings, cache};
     Dispatcher dispatcher{logs, settings, tables};
+    SmtpService service{settings, logs, cache, tables};
+    quint16 port = 0;
 
     DeliveryBench()
     {
@@ -52,6 +55,17 @@ struct DeliveryBench {
         dispatcher.session().timeouts = {std::chrono::milliseconds(2000), std::chrono::milliseconds(2000)};
     }
 
+    // Starts the inbound service on a free port.
+    bool listen()
+    {
+        QTcpServer probe;
+        probe.listen(QHostAddress::AnyIPv4);
+        port = probe.serverPort();
+        probe.close();
+        settings.ActiveSettings.ListenPort = static_cast<int16_t>(port);
+        service.Demarrer();
+        return service.isListening();
+    }
     // Sends all mail through a fixed server.
     void useServer(const QString& server)
     {
