@@ -3,6 +3,8 @@
 #include <QHostAddress>
 #include <QTcpServer>
 #include <QTcpSocket>
+#include <QTimer>
+#include <chrono>
 
 #include "log/logs.h"
 #include "notify/dates.h"
@@ -11,6 +13,7 @@ namespace postiq {
 
 namespace {
 constexpr int kLastUsableInSlot = ConnectionTables::kUpperBound - 1; // 100 is never handed out
+constexpr std::chrono::seconds kGoodbyeGrace{5};
 
 QByteArray number(int n) { return QByteArray::number(n); }
 
@@ -115,6 +118,17 @@ void ConnectionTables::destroyInstance(QPointer<QTcpSocket>& socket)
     socket.clear();
     // The release may run inside one of the socket's own signals: cut it off now, delete later.
     instance->disconnect();
+    if (instance->state() == QAbstractSocket::ConnectedState && instance->bytesToWrite() > 0) {
+        // A last word (a QUIT) still goes out; the object goes with the connection, or after a
+        // grace period when the peer does not take it.
+        QObject::connect(instance, &QAbstractSocket::disconnected, instance, &QObject::deleteLater);
+        QTimer::singleShot(kGoodbyeGrace, instance, [instance] {
+            instance->abort();
+            instance->deleteLater();
+        });
+        instance->disconnectFromHost();
+        return;
+    }
     instance->abort();
     instance->deleteLater();
 }
