@@ -118,7 +118,7 @@ void ConnectionTables::destroyInstance(QPointer<QTcpSocket>& socket)
     socket.clear();
     // The release may run inside one of the socket's own signals: cut it off now, delete later.
     instance->disconnect();
-    if (instance->state() == QAbstractSocket::ConnectedState && instance->bytesToWrite() > 0) {
+    if (instance->state() != QAbstractSocket::UnconnectedState && instance->bytesToWrite() > 0) {
         // A last word (a QUIT) still goes out; the object goes with the connection, or after a
         // grace period when the peer does not take it.
         QObject::connect(instance, &QAbstractSocket::disconnected, instance, &QObject::deleteLater);
