@@ -1,6 +1,6 @@
 #include <QDir>
-#include <algorithm>
 #include <QTemporaryDir>
+#include <algorithm>
 #include <gtest/gtest.h>
 
 #include "core/postiq_process.h"
@@ -181,7 +181,8 @@ TEST_F(RunningRelay, HostileClientsLeaveTheRelayServingOthers)
     constexpr int kRounds = 100;
     const std::string transaction = "HELO burst\r\nMAIL FROM:<b@burst.example>\r\nRCPT TO:<c@burst.example>\r\n"
                                     "DATA\r\nSubject: burst\r\n\r\nall in one write\r\n.\r\nQUIT\r\n";
-    // A whole transaction, a packet per command, none waiting for its reply.
+    // A whole transaction, a packet per command, none waiting for its reply: each arrives while the
+    // relay is still busy with the one before, and the session ends with a QUIT amid the others.
     const std::vector<std::string> pipelined = {"HELO apart\r\n", "MAIL FROM:<b@apart.example>\r\n",
                                                 "RCPT TO:<c@apart.example>\r\n", "DATA\r\n",
                                                 "Subject: apart\r\n\r\n", "body\r\n", ".\r\n", "QUIT\r\n"};
@@ -202,7 +203,7 @@ TEST_F(RunningRelay, HostileClientsLeaveTheRelayServingOthers)
                 case 8: quitAndVanish(port, false); break;
                 default: quitAndVanish(port, true); break;
                 }
-                // Sessions that end normally keep slots being freed while the others misbehave.
+                // Sessions that end with a QUIT keep slots being freed while the others misbehave.
                 sendApart(port, pipelined, std::chrono::microseconds(100));
             }
             return 0;
