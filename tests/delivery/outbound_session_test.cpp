@@ -1,0 +1,189 @@
+#include "delivery_bench.h"
+#include "support/fake_exchanger.h"
+
+using namespace postiq;
+using namespace postiq::test;
+
+namespace {
+
+const QHostAddress kMx1(QStringLiteral("127.0.0.2"));
+const QHostAddress kMx2(QStringLiteral("127.0.0.3"));
+
+// A bench whose domain dst.test has one mail exchanger, `exchanger`, on 127.0.0.2 port 25.
+struct SessionBench : DeliveryBench {
+    FakeExchanger exchanger;
+    SessionBench()
+    {
+        settings.ActiveSettings.DebugMode = true;
+        EXPECT_TRUE(exchanger.listen(kMx1, 25)) << "port 25 of 127.0.0.2";
+        mx("dst.test", {{10, "127.0.0.2"}});
+    }
+    // Queues one message and lets the relay work until every slot is free and every session with
+    // the exchanger is over. Bounces and notices join in: their sender's domain has no mail host,
+    // so they end in Deferred.
+    void deliver(const QByteArray& id, const QList<QByteArray>& recipients,
+                 const QByteArray& data = "Subject: t\r\n\r\nhi\r\n", bool forSender = false)
+    {
+        queue(id, recipients, data, 0, forSender);
+        dispatcher.VerifOutBox();
+        EXPECT_TRUE(spinUntil([this] { return idle() && exchanger.openSessions() == 0; }, 10000)) << id.constData();
+    }
+    QByteArray debugLog() const { return readFile(path(QStringLiteral("Debug.html"))); }
+};
+
+TEST(OutboundSession, ThreeRecipientsOneTransaction)
+{
+    SessionBench b;
+    b.deliver("OK3", {"<a@dst.test>", "<b@other.test>", "<c@dst.test>"}, "Subject: three\r\n\r\nbody\r\n");
+
+    ASSERT_EQ(b.exchanger.sessionCount(), 1);
+    const ExchangerSession& s = b.exchanger.session(0);
+    EXPECT_EQ(s.commands, (QList<QByteArray>{"HELO relay.test", "MAIL FROM: <s@src.test>", "RCPT TO: <a@dst.test>",
+                                             "RCPT TO: <b@other.test>", "RCPT TO: <c@dst.test>", "DATA", "QUIT"}));
+    EXPECT_EQ(s.body, "Subject: three\r\n\r\nbody\r\n\r\n") << "the text, then CR LF before the dot";
+    const QByteArray relay = ", relay=127.0.0.2[127.0.0.2], status=sent (250 2.0.0 Queued as FAKE)";
+    EXPECT_EQ(b.mailLog("smtpdistant"),
+              (QList<QByteArray>{" Postiq/smtpdistant[1]: OK3 connect to 127.0.0.2 [127.0.0.2]",
+                                 " Postiq/smtpdistant[1]: OK3 to=<a@dst.test>" + relay,
+                                 " Postiq/smtpdistant[1]: OK3 to=<b@other.test>" + relay,
+                                 " Postiq/smtpdistant[1]: OK3 to=<c@dst.test>" + relay}));
+    EXPECT_TRUE(b.files("OutBox").isEmpty()) << "no copy of a sent message is kept";
+    EXPECT_TRUE(b.debugLog().contains("<FONT COLOR='#0000FF'>Send to SMTPDISTANT[1]: OK3 MAIL FROM: <s@src.test>\r\n</FONT><BR>"));
+    EXPECT_TRUE(b.debugLog().contains("<FONT COLOR='#0000FF'>Send to SMTPDISTANT[1]: OK3 **** DATA ****</FONT><BR>"));
+    EXPECT_TRUE(b.debugLog().contains("<FONT COLOR='#008800'>Receive from SMTPDISTANT[1]: OK3 250 2.1.0 Sender OK<BR></FONT>"));
+}
+
+// A stored lone dot or bare line end never ends the data early at a server that reads a bare LF
+// as a line end: the whole text arrives, and the next command is a command.
+TEST(OutboundSession, NothingInTheTextEndsTheDataEarly)
+{
+    SessionBench b;
+    b.deliver("DOTS", {"<a@dst.test>"}, "a\n.\nQUIT\r.\r\n..b\r\n");
+    const ExchangerSession& s = b.exchanger.session(0);
+    EXPECT_EQ(s.body, "a\r\n.\r\nQUIT\r\n.\r\n.b\r\n\r\n"); // as the server reads it, unstuffed
+    EXPECT_EQ(s.commands.last(), "QUIT");
+    EXPECT_EQ(s.commands.count("QUIT"), 1);
+    EXPECT_TRUE(b.files("OutBox").isEmpty());
+}
+
+// Only 550 refuses. Any refusal fails the whole message and names the recipient sent last.
+TEST(OutboundSession, RefusalsBounceOrGoToError)
+{
+    SessionBench b;
+    ExchangerScript atMail;
+    atMail.mail = reply("550 no such sender");
+    ExchangerScript atRcpt;
+    atRcpt.rcpt = {reply("250 ok"), reply("550 no such user")};
+    ExchangerScript afterData;
+    afterData.endOfData = reply("550 content rejected");
+    b.exchanger.setScriptFor(0, atMail);
+    b.exchanger.setScriptFor(1, atRcpt);
+    b.exchanger.setScriptFor(2, afterData);
+    b.exchanger.setScriptFor(3, afterData);
+    b.deliver("R1", {"<a@dst.test>"});
+    b.deliver("R2", {"<a@dst.test>", "<b@dst.test>"});
+    b.deliver("R3", {"<a@dst.test>"});
+    b.deliver("R4", {"<a@dst.test>"}, "bounce\r\n", true);
+
+    const QByteArray tail = " status=error, return error to=<s@src.test>";
+    QList<QByteArray> refusals;
+    for (const QByteArray& line : b.mailLog("Error 550"))
+        refusals << line.mid(line.indexOf("]: ")); // the slot numbers depend on the bounces' turns
+    EXPECT_EQ(refusals, (QList<QByteArray>{"]: R1 Error 550 (550 no such sender), error for=" + tail,
+                                           "]: R2 Error 550 (550 no such user), error for=<b@dst.test>" + tail,
+                                           "]: R3 Error 550 (550 content rejected), error for=<a@dst.test>" + tail,
+                                           "]: R4 Error 550 (550 content rejected), error for=<a@dst.test> status=error, "
+                                           "not return error because it's already a return-error-mail: deny loop"}));
+    for (int i = 0; i < 4; ++i)
+        EXPECT_EQ(b.exchanger.session(i).commands.last(), "QUIT") << i;
+    // Each replaced by its bounce, which waits in Deferred: the sender's domain has no mail host.
+    EXPECT_TRUE(b.files("OutBox").isEmpty());
+    EXPECT_EQ(b.files("Deferred"), (QStringList{"R1", "R2", "R3"}));
+    const CMessage bounce = b.read("Deferred/R2");
+    EXPECT_TRUE(bounce.ForSender);
+    EXPECT_EQ(bounce.RcptTo(1), "<s@src.test>");
+    EXPECT_TRUE(bounce.Data.contains("<a@dst.test>: 550 no such user\r\n<b@dst.test>: 550 no such user\r\n"));
+    EXPECT_EQ(b.files("Error"), QStringList{"R4"});
+    EXPECT_EQ(b.read("Error/R4").LastError, "550 content rejected");
+    EXPECT_EQ(b.errorLog().mid(20), " See log file at this time : The corresponding message is not routable => placed "
+                                    "in the error directory\r\n");
+}
+
+// A reply the dialogue has no rule for (251, 252, a 421 greeting, a 450) stops the session where
+// it is, with a notice that waits for nobody; the server's close then defers the message.
+TEST(OutboundSession, UnhandledRepliesWaitForTheServerToClose)
+{
+    SessionBench b;
+    ExchangerScript forwarded;
+    forwarded.rcpt = {replyAndClose("251 User not local; will forward", 300)};
+    ExchangerScript busy;
+    busy.greeting = replyAndClose("421 Too busy", 300);
+    ExchangerScript later;
+    later.mail = replyAndClose("450 Try again later", 300);
+    b.exchanger.setScriptFor(0, forwarded);
+    b.exchanger.setScriptFor(1, busy);
+    b.exchanger.setScriptFor(2, later);
+    for (const char* id : {"U1", "U2", "U3"})
+        b.deliver(id, {"<a@dst.test>"});
+    EXPECT_EQ(b.desktop.notices.size(), 3);
+    EXPECT_EQ(b.desktop.notices.value(0).text, "RECEIVED DATA NOT IMPLEMENTED ! See debug log ...");
+    EXPECT_TRUE(b.debugLog().contains("<FONT COLOR='#FF0000'>U2 RECEIVED DATA NOT IMPLEMENTED !</FONT><BR>"));
+    EXPECT_EQ(b.exchanger.session(0).commands, (QList<QByteArray>{"HELO relay.test", "MAIL FROM: <s@src.test>",
+                                                                  "RCPT TO: <a@dst.test>"}));
+    for (const QByteArray id : {"U1", "U2", "U3"}) {
+        EXPECT_EQ(b.mailLog(id + " connection failed").value(0).mid(24),
+                  id + " connection failed (reset by peer) for 127.0.0.2 [127.0.0.2], status=deferred, attempt=1");
+        EXPECT_TRUE(b.files("Deferred").contains(id));
+    }
+}
+
+// A server that never speaks, and one that stops in the middle, end as a time-out; the next mail
+// exchanger gets the message.
+TEST(OutboundSession, SilentServersTimeOutAndTheNextExchangerTakesOver)
+{
+    SessionBench b;
+    FakeExchanger second;
+    ASSERT_TRUE(second.listen(kMx2, 25));
+    b.mx("dst.test", {{10, "127.0.0.2"}, {20, "127.0.0.3"}});
+    ExchangerScript mute;
+    mute.greeting = silent();
+    b.exchanger.setScript(mute);
+    b.deliver("T1", {"<a@dst.test>"});
+
+    EXPECT_EQ(b.mailLog("connection failed"),
+              QList<QByteArray>{" Postiq/smtpdistant[1]: T1 connection failed (time out) for 127.0.0.2 [127.0.0.2], "
+                                "status=trying other MX server, attempt=1"});
+    EXPECT_EQ(second.sessionCount(), 1);
+    EXPECT_TRUE(second.session(0).dataEnded);
+    EXPECT_TRUE(b.files("OutBox").isEmpty());
+}
+
+// A message goes from a mail program through the relay to the exchanger, byte for byte (the relay
+// adds the CR LF before the dot), by the MX route and through a fixed server on a port of its own.
+TEST(OutboundSession, RoundTripFromAMailProgramToTheExchanger)
+{
+    SessionBench b;
+    ASSERT_TRUE(b.listen());
+    FakeExchanger fixed;
+    ASSERT_TRUE(fixed.listen(QHostAddress::LocalHost));
+    const QByteArray content = "From: a@x.com\r\nSubject: round trip\r\n\r\n..leading dot\r\n\x80\xff bytes\r\n";
+    const Dialogue send = {{"", kGreeting},
+                           {"HELO box\r\n", "250 Hello box"},
+                           {"MAIL FROM:<a@x.com>\r\n", "250 sender is <a@x.com> sender ok"},
+                           {"RCPT TO:<b@dst.test>\r\n", "250 recipient is <b@dst.test> recipient ok"},
+                           {"DATA\r\n", kGoAhead},
+                           {content + ".\r\n", kAccepted},
+                           {"QUIT\r\n", "221 Postiq Goodbye"}};
+    for (FakeExchanger* exchanger : {&b.exchanger, &fixed}) {
+        if (exchanger == &fixed)
+            b.useServer("127.0.0.1:" + QString::number(fixed.port()));
+        Client client(b.port);
+        play(client, send);
+        b.dispatcher.VerifOutBox();
+        ASSERT_TRUE(spinUntil([&] { return exchanger->sessionCount() == 1 && b.idle(); }));
+        EXPECT_EQ(exchanger->session(0).body, QByteArray(content).replace("\r\n..", "\r\n.") + "\r\n");
+        EXPECT_TRUE(b.files("OutBox").isEmpty());
+    }
+}
+
+} // namespace
