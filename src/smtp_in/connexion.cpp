@@ -155,6 +155,15 @@ std::optional<uint8_t> ConnectionTables::FindFreeCnxIn()
     return std::nullopt;
 }
 
+bool ConnectionTables::HasFreeCnxIn()
+{
+    for (int i = 1; i <= kLastUsableInSlot; ++i) {
+        if (CnxIn(i).Status() == 0)
+            return true;
+    }
+    return false;
+}
+
 CConnexion& ConnectionTables::LoadCnxIn(uint8_t i, QTcpSocket* accepted)
 {
     LoadSmtp(i, accepted);

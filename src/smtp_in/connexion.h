@@ -93,6 +93,8 @@ public:
     // Finds a free IN slot from LastCnxIn on, wrapping from 99 to 1, and moves LastCnxIn to it.
     // Empty when slots 1 to 99 are all busy.
     std::optional<uint8_t> FindFreeCnxIn();
+    // Whether any IN slot from 1 to 99 is free; moves nothing.
+    bool HasFreeCnxIn();
     // Takes IN slot i for an accepted connection: socket instance, number, type and peer.
     CConnexion& LoadCnxIn(uint8_t i, QTcpSocket* accepted);
 

@@ -2,6 +2,7 @@
 
 #include <QTcpServer>
 #include <QTcpSocket>
+#include <chrono>
 #include <algorithm>
 
 #include "config/settings.h"
@@ -18,6 +19,8 @@ namespace postiq {
 
 namespace {
 const QByteArray kCrLf = "\r\n";
+// How long a full table waits for the ends of clients that have just hung up.
+constexpr std::chrono::milliseconds kFullTableGrace{50};
 // Recipient indexes are 8-bit throughout the queue, so a message holds at most this many.
 constexpr int kMostRecipients = 255;
 
@@ -90,6 +93,9 @@ InboundSession::InboundSession(Logs& logs, const Settings& settings, ConnectionT
 {
     connect(&tables_.SmtpListener(), &QTcpServer::newConnection, this,
             &InboundSession::Smtp_ConnectionRequest);
+    fullTableGrace_.setSingleShot(true);
+    fullTableGrace_.setInterval(kFullTableGrace);
+    connect(&fullTableGrace_, &QTimer::timeout, this, &InboundSession::endFullTableGrace);
 }
 
 // ---- connection requests ----
@@ -97,9 +103,27 @@ InboundSession::InboundSession(Logs& logs, const Settings& settings, ConnectionT
 void InboundSession::Smtp_ConnectionRequest()
 {
     logs_.guarded("FRM:MAIN[Smtp_ConnectionRequest]", [this] {
-        while (QTcpSocket* socket = tables_.SmtpListener().nextPendingConnection())
-            acceptRequest(socket);
+        QTcpServer& listener = tables_.SmtpListener();
+        while (listener.hasPendingConnections()) {
+            // A burst of clients that hang up at once can fill every slot with connections whose
+            // end the loop has not read yet: they come free within a turn or two, so a newcomer
+            // is told to retry only when the table is still full a moment later.
+            if (!tables_.HasFreeCnxIn() && !fullTableGrace_.isActive() && !graceOver_) {
+                fullTableGrace_.start();
+                return;
+            }
+            if (fullTableGrace_.isActive() && !tables_.HasFreeCnxIn())
+                return; // the grace timer comes back for it
+            acceptRequest(listener.nextPendingConnection());
+        }
     });
+}
+
+void InboundSession::endFullTableGrace()
+{
+    graceOver_ = true;
+    Smtp_ConnectionRequest();
+    graceOver_ = false;
 }
 
 void InboundSession::acceptRequest(QTcpSocket* socket)

@@ -3,6 +3,7 @@
 #include <QByteArray>
 #include <QObject>
 #include <QPointer>
+#include <QTimer>
 #include <array>
 #include <cstdint>
 
@@ -62,6 +63,7 @@ private:
     };
     static const Rule kRules[];
 
+    void endFullTableGrace();
     void acceptRequest(QTcpSocket* socket);
     void refuseBusy(QTcpSocket* socket, const QByteArray& host, const QByteArray& ip);
     bool mayRelay(const Peer& peer) const;
@@ -99,6 +101,8 @@ private:
     const Settings& settings_;
     ConnectionTables& tables_;
     std::array<Peer, ConnectionTables::kUpperBound + 1> peers_;
+    QTimer fullTableGrace_;
+    bool graceOver_ = false;
 };
 
 } // namespace postiq
