@@ -116,10 +116,9 @@ struct DeliveryBench {
     // The mail-log lines that contain `part`, without their date stamps and CR LF.
     QList<QByteArray> mailLog(const QByteArray& part = {}) const
     {
-        QList<QByteArray> lines;
-        for (const QByteArray& line : readFile(path(QStringLiteral("maillog.txt"))).split('\n'))
-            if (line.endsWith('\r') && line.contains(part))
-                lines << line.mid(20).chopped(1);
+        QList<QByteArray> lines = logLines(path(QStringLiteral("maillog.txt")), part);
+        for (QByteArray& line : lines)
+            line.remove(0, 20); // the date stamp
         return lines;
     }
     QByteArray errorLog() const { return readFile(path(QStringLiteral("error.txt"))); }

@@ -57,11 +57,7 @@ struct SmtpBench {
     // The mail-log lines that contain `part`, without their CR LF.
     QList<QByteArray> mailLog(const QByteArray& part = {}) const
     {
-        QList<QByteArray> lines;
-        for (const QByteArray& line : readFile(path(QStringLiteral("maillog.txt"))).split('\n'))
-            if (line.endsWith('\r') && line.contains(part))
-                lines << line.chopped(1);
-        return lines;
+        return logLines(path(QStringLiteral("maillog.txt")), part);
     }
     QStringList outBox() const { return QDir(path(QStringLiteral("OutBox"))).entryList(QDir::Files); }
     bool slotFreed(int n) { return spinUntil([this, n] { return tables.Smtp(n) == nullptr; }); }

@@ -12,6 +12,15 @@ QByteArray readFile(const QString& path)
     return file.readAll();
 }
 
+QList<QByteArray> logLines(const QString& path, const QByteArray& part)
+{
+    QList<QByteArray> lines;
+    for (const QByteArray& line : readFile(path).split('\n'))
+        if (line.endsWith('\r') && line.contains(part))
+            lines << line.chopped(1);
+    return lines;
+}
+
 void writeFile(const QString& path, const QByteArray& bytes)
 {
     QFile file(path);

@@ -71,6 +71,8 @@ struct LogBench {
 
 // Whole contents of a file, or an empty array when it is missing.
 QByteArray readFile(const QString& path);
+// The complete lines (ended by CR LF) of a log file that contain `part`, without their CR LF.
+QList<QByteArray> logLines(const QString& path, const QByteArray& part = {});
 void writeFile(const QString& path, const QByteArray& bytes);
 
 } // namespace postiq::test
