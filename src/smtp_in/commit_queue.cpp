@@ -1,5 +1,7 @@
 #include "smtp_in/commit_queue.h"
 
+#include "platform/commit_stats.h"
+
 namespace postiq {
 
 CommitQueue::CommitQueue(Flush flush) : flush_(std::move(flush))
@@ -7,7 +9,11 @@ CommitQueue::CommitQueue(Flush flush) : flush_(std::move(flush))
     pool_.setMaxThreadCount(1); // one round at a time: the next one gathers what came meanwhile
 }
 
-CommitQueue::~CommitQueue() { pool_.waitForDone(); }
+CommitQueue::~CommitQueue()
+{
+    pool_.waitForDone();
+    ReportCommitTotals(rounds_, messages_, files_);
+}
 
 void CommitQueue::commit(QList<StagedFile> files, Done done)
 {
