@@ -2,11 +2,13 @@
 
 #include <QDir>
 #include <QFileInfo>
+#include <QMap>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <stdio.h>
 #include <unistd.h>
 
 namespace postiq {
@@ -48,8 +50,7 @@ bool ReplaceDurably(const QString& path, const QByteArray& data, QString* error)
 {
     // Hidden beside the final name, so that a folder listing never takes a half-written copy
     // (or one left by a crash) for a file of its own.
-    const QFileInfo target(path);
-    const QString temporary = target.dir().filePath('.' + target.fileName() + QStringLiteral(".new"));
+    const QString temporary = StagingPathOf(path);
     QFile file(temporary);
     if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
         *error = QStringLiteral("Cannot create '%1': %2").arg(temporary, file.errorString());
@@ -71,6 +72,82 @@ bool ReplaceDurably(const QString& path, const QByteArray& data, QString* error)
         return false;
     }
     return SyncFolderOf(path, error);
+}
+
+QString StagingPathOf(const QString& path)
+{
+    const QFileInfo target(path);
+    return target.dir().filePath('.' + target.fileName() + QStringLiteral(".new"));
+}
+
+bool StageFile(const QString& path, const QByteArray& data, StagedFile* staged, QString* error)
+{
+    const QString staging = StagingPathOf(path);
+    QFile file(staging);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::NewOnly)) {
+        *error = QStringLiteral("Cannot create '%1': %2").arg(staging, file.errorString());
+        return false;
+    }
+    if (file.write(data) != data.size() || !file.flush()) {
+        *error = QStringLiteral("Cannot write '%1': %2").arg(staging, file.errorString());
+        file.remove();
+        return false;
+    }
+    *staged = StagedFile{staging, path};
+    return true;
+}
+
+namespace {
+bool syncStaging(const QString& staging, QString* error)
+{
+    const int handle = ::open(QFile::encodeName(staging).constData(), O_RDONLY | O_CLOEXEC);
+    if (handle < 0)
+        return fail(error, QStringLiteral("Cannot open"), staging);
+    const bool synced = ::fdatasync(handle) == 0;
+    const int number = errno;
+    ::close(handle);
+    return synced || fail(error, QStringLiteral("Cannot save to disk"), staging, number);
+}
+} // namespace
+
+bool CommitStagedFiles(const QList<StagedFile>& files, QString* error)
+{
+    // The data first, all of it: on a journalling file system the first sync carries the others'
+    // blocks along, so the rest cost little. Only then the names, so that a crash never leaves a
+    // visible file whose bytes did not reach the disk.
+    bool ok = true;
+    for (const StagedFile& file : files) {
+        if (!syncStaging(file.staging, error)) {
+            ok = false;
+            break;
+        }
+    }
+    qsizetype renamed = 0;
+    QMap<QString, QString> folders; // folder -> a file in it
+    for (; ok && renamed < files.size(); ++renamed) {
+        const StagedFile& file = files[renamed];
+        // Never over a file already there: its name was drawn free, so a clash is a fault.
+        if (::renameat2(AT_FDCWD, QFile::encodeName(file.staging).constData(), AT_FDCWD,
+                        QFile::encodeName(file.path).constData(), RENAME_NOREPLACE) != 0) {
+            ok = fail(error, QStringLiteral("Cannot rename to"), file.path);
+            break;
+        }
+        folders.insert(QFileInfo(file.path).absolutePath(), file.path);
+    }
+    for (auto folder = folders.cbegin(); ok && folder != folders.cend(); ++folder)
+        ok = SyncFolderOf(folder.value(), error);
+    if (!ok) {
+        for (qsizetype i = 0; i < renamed; ++i)
+            QFile::remove(files[i].path);
+        DiscardStagedFiles(files);
+    }
+    return ok;
+}
+
+void DiscardStagedFiles(const QList<StagedFile>& files)
+{
+    for (const StagedFile& file : files)
+        QFile::remove(file.staging);
 }
 
 } // namespace postiq

@@ -2,6 +2,7 @@
 
 #include <QByteArray>
 #include <QFile>
+#include <QList>
 #include <QString>
 
 namespace postiq {
@@ -19,5 +20,27 @@ bool SyncFolderOf(const QString& path, QString* error);
 // synced, renamed over it, and the folder synced, so that a crash leaves either the old file or
 // the new one, never a torn one. A new file appears whole or not at all.
 bool ReplaceDurably(const QString& path, const QByteArray& data, QString* error);
+
+// The hidden name beside `path` that its bytes are written under before they take its name.
+QString StagingPathOf(const QString& path);
+
+// A file written whole under its staging name, not yet on disk for sure and not yet visible under
+// its own name. Many staged files are made durable together, at the cost of one disk round.
+struct StagedFile {
+    QString staging;
+    QString path;
+};
+
+// Writes `data` under the staging name of `path`, without waiting for the disk. A staging file
+// already there is refused: it belongs to a write in progress.
+bool StageFile(const QString& path, const QByteArray& data, StagedFile* staged, QString* error);
+
+// Makes staged files durable under their own names: every staging file saved to disk, renamed to
+// its name (never over an existing file), and every folder involved saved to disk. All or nothing:
+// on failure no file of the list is left, staged or renamed. Blocks: run it off the event loop.
+bool CommitStagedFiles(const QList<StagedFile>& files, QString* error);
+
+// Removes the staging files of files that will not be committed.
+void DiscardStagedFiles(const QList<StagedFile>& files);
 
 } // namespace postiq

@@ -4,6 +4,7 @@
 #include <QTcpSocket>
 #include <chrono>
 #include <algorithm>
+#include <utility>
 
 #include "config/settings.h"
 #include "log/html.h"
@@ -209,7 +210,8 @@ bool InboundSession::owns(uint8_t n, QTcpSocket* socket) const
 void InboundSession::Smtp_DataArrival(uint8_t n, QTcpSocket* socket)
 {
     logs_.guarded("FRM:MAIN[Smtp_DataArrival]", [&] {
-        if (owns(n, socket))
+        // A session waiting for its commit reads nothing: what follows is answered after the 250.
+        if (owns(n, socket) && tables_.CnxIn(n).Status() != Committing)
             readUnits(n, socket);
     });
 }
@@ -272,6 +274,10 @@ void InboundSession::connectionLost(const char* site, uint8_t n, QTcpSocket* soc
     logs_.guarded(site, [&] {
         if (!owns(n, socket))
             return;
+        if (tables_.CnxIn(n).Status() == Committing) {
+            peers_[n].lostWhileCommitting = true;
+            return;
+        }
         // What the client sent before it went away is still its request (a QUIT, the end of data).
         readUnits(n, socket);
         endLostConnection(n, socket);
@@ -382,28 +388,62 @@ void InboundSession::content(Unit& unit)
     endOfData(unit);
 }
 
+// The 250 promises that the message is on disk: the files are written at once, and the reply
+// waits for the next flush round, which covers every session whose data ended meanwhile.
 void InboundSession::endOfData(Unit& unit)
 {
     CMessage& message = unit.cnx.Message;
-    unit.cnx.setStatus(Queued);
+    unit.cnx.setStatus(Committing);
     message.Data += unit.line.chopped(3); // without the dot line
     const QByteArray firstRecipient = message.MRcptToCount() >= 1 ? message.RcptTo(1) : QByteArray();
-    // Two spaces before "to=": the established layout of this mail-log line.
-    mailLog(slotTag(unit.n) + ":  to=" + firstRecipient + " status=outbox");
-    const QByteArray accepted = "250 Message accepted for delivery" + kCrLf;
-    logReply(unit.n, accepted);
 
     message.TxtEng = kCrLf + "==> DO NOT ALTER THIS FILE !" + kCrLf;
     message.TxtFr = kCrLf + "==> NE PAS MODIFIER CE FICHIER !" + kCrLf;
     message.Essai = 0;
     const QString outBox = SubfolderPath(logs_.folder(), QStringLiteral("OutBox"));
+    QList<StagedFile> files;
     if (message.MRcptToCount() > 1) {
-        ParseRcptTo(logs_, message, outBox);
+        ParseRcptTo(logs_, message, outBox, &files);
     } else {
         message.ID = FreshQueueName(logs_);
-        message.MWrite(outBox + '/' + QString::fromLatin1(message.ID));
+        files.append(message.MStage(outBox + '/' + QString::fromLatin1(message.ID)));
     }
-    send(unit.n, accepted);
+    // The slot may be released and even reused before the round is over: the socket tells.
+    const QPointer<QTcpSocket> socket = peers_[unit.n].socket;
+    const uint8_t n = unit.n;
+    commits_.commit(std::move(files), [this, n, socket, firstRecipient](bool stored, const QString& error) {
+        logs_.guarded("FRM:MAIN[Smtp_DataArrival]",
+                      [&] { committed(n, socket, firstRecipient, stored, error); });
+    });
+}
+
+// A client gone meanwhile changes nothing for the message: stored is stored, and only the reply
+// has nobody to go to.
+void InboundSession::committed(uint8_t n, QTcpSocket* socket, const QByteArray& firstRecipient,
+                               bool stored, const QString& error)
+{
+    const bool waiting = owns(n, socket) && tables_.CnxIn(n).Status() == Committing;
+    QByteArray answer;
+    if (stored) {
+        // Two spaces before "to=": the established layout of this mail-log line.
+        mailLog(slotTag(n) + ":  to=" + firstRecipient + " status=outbox");
+        answer = "250 Message accepted for delivery" + kCrLf;
+    } else {
+        logs_.ErrorLog(GMTDate(logs_.clock()) + slotTag(n) + ": message not stored: " + error.toUtf8());
+        answer = "451 Requested action aborted: local error in processing" + kCrLf;
+    }
+    logReply(n, answer);
+    if (!waiting)
+        return;
+    tables_.CnxIn(n).setStatus(Queued);
+    send(n, answer);
+    if (std::exchange(peers_[n].lostWhileCommitting, false)) {
+        connectionLost("FRM:MAIN[Smtp_Close]", n, socket);
+        return;
+    }
+    // What the client sent while it waited (a QUIT, the next MAIL) is answered now.
+    if (socket->bytesAvailable() > 0)
+        readUnits(n, socket);
 }
 
 // ---- replies and logs ----

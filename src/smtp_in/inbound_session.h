@@ -7,6 +7,7 @@
 #include <array>
 #include <cstdint>
 
+#include "smtp_in/commit_queue.h"
 #include "smtp_in/connexion.h"
 
 class QTcpSocket;
@@ -22,6 +23,7 @@ enum InboundState : int32_t {
     HeloDone = 5, // HELO done (or reset), waiting for MAIL
     SenderOk = 6, // sender accepted; recipients may follow; DATA allowed
     InData = 8,   // everything received is message content
+    Committing = 9, // message written, waiting for the disk before its 250; the client waits
     Queued = 10,  // message stored; another MAIL may follow
     Quitting = 12 // QUIT answered; close once the reply is out
 };
@@ -40,6 +42,9 @@ public:
     // Takes every pending connection request of the listener.
     void Smtp_ConnectionRequest();
 
+    // The group commit that every accepted message goes through before its 250.
+    CommitQueue& commitQueue() { return commits_; }
+
 private:
     // What the session knows of the connection in a slot, kept from the moment it was accepted
     // (a socket forgets its peer once it is closed).
@@ -48,6 +53,7 @@ private:
         QByteArray host;
         QByteArray ip;
         QByteArray localIp;
+        bool lostWhileCommitting = false; // handled once the message's commit is over
     };
     // One received unit (one or more complete lines) of slot n.
     struct Unit {
@@ -90,6 +96,8 @@ private:
     void unrecognized(Unit& unit);
     void content(Unit& unit);
     void endOfData(Unit& unit);
+    void committed(uint8_t n, QTcpSocket* socket, const QByteArray& firstRecipient, bool stored,
+                   const QString& error);
 
     void logReply(uint8_t n, const QByteArray& reply, bool bold = false);
     void send(uint8_t n, const QByteArray& reply);
@@ -103,6 +111,7 @@ private:
     std::array<Peer, ConnectionTables::kUpperBound + 1> peers_;
     QTimer fullTableGrace_;
     bool graceOver_ = false;
+    CommitQueue commits_;
 };
 
 } // namespace postiq

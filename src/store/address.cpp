@@ -47,7 +47,8 @@ QByteArray GetDomain(Logs& logs, const QByteArray& address)
     });
 }
 
-void ParseRcptTo(Logs& logs, const CMessage& message, const QString& outBoxFolder)
+void ParseRcptTo(Logs& logs, const CMessage& message, const QString& outBoxFolder,
+                 QList<StagedFile>* staged)
 {
     logs.guarded("MOD:MESSAGE[ParseRcptTo]", [&] {
         // The record refuses more than 255 recipients, so there are never more domains either.
@@ -76,7 +77,11 @@ void ParseRcptTo(Logs& logs, const CMessage& message, const QString& outBoxFolde
                     work.AddRcptTo(message.RcptTo(index));
             }
             work.ID = FreshQueueName(logs, '-' + QByteArray::number(k));
-            work.MWrite(outBoxFolder + '/' + QString::fromLatin1(work.ID));
+            const QString path = outBoxFolder + '/' + QString::fromLatin1(work.ID);
+            if (staged)
+                staged->append(work.MStage(path));
+            else
+                work.MWrite(path);
         }
     });
 }

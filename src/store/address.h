@@ -1,7 +1,10 @@
 #pragma once
 
 #include <QByteArray>
+#include <QList>
 #include <QString>
+
+#include "platform/durable_file.h"
 
 namespace postiq {
 
@@ -17,6 +20,8 @@ QByteArray GetDomain(Logs& logs, const QByteArray& address);
 
 // Writes a message with several recipients into OutBox as one queue file per recipient domain,
 // in order of the domains' first appearance, named FreshQueueName with the suffix "-" + k.
-void ParseRcptTo(Logs& logs, const CMessage& message, const QString& outBoxFolder);
+// With `staged`, the files are only staged (CMessage::MStage) and listed there for one commit.
+void ParseRcptTo(Logs& logs, const CMessage& message, const QString& outBoxFolder,
+                 QList<StagedFile>* staged = nullptr);
 
 } // namespace postiq

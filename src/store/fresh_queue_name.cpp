@@ -4,6 +4,7 @@
 #include <QStringList>
 
 #include "log/logs.h"
+#include "platform/durable_file.h"
 #include "platform/program_folder.h"
 #include "store/message.h"
 
@@ -28,7 +29,9 @@ QByteArray FreshQueueName(Logs& logs, const QByteArray& suffix, const std::funct
             folders.append(SubfolderPath(logs.folder(), QString::fromLatin1(name)));
         const auto taken = [&folders](const QByteArray& name) {
             for (const QString& folder : folders) {
-                if (QFileInfo::exists(folder + '/' + QString::fromLatin1(name)))
+                // A name being written (staged, not yet committed) is taken as well.
+                const QString path = folder + '/' + QString::fromLatin1(name);
+                if (QFileInfo::exists(path) || QFileInfo::exists(StagingPathOf(path)))
                     return true;
             }
             return false;

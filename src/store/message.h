@@ -5,6 +5,8 @@
 #include <QString>
 #include <cstdint>
 
+#include "platform/durable_file.h"
+
 namespace postiq {
 
 class Logs;
@@ -36,6 +38,9 @@ public:
     void MOpen(const QString& path);
     // Writes the record over `path` in one step: at any instant the old file or the new one is there.
     void MWrite(const QString& path);
+    // Writes the record under the staging name of `path`, without waiting for the disk: the file
+    // takes its name once CommitStagedFiles has made it durable together with others.
+    StagedFile MStage(const QString& path);
 
 private:
     Logs* logs_;

@@ -1,0 +1,63 @@
+#pragma once
+
+#include <QList>
+#include <QObject>
+#include <QString>
+#include <QThreadPool>
+#include <functional>
+#include <utility>
+
+#include "platform/durable_file.h"
+
+namespace postiq {
+
+// Group commit of received messages. Each message's files are staged (written, not yet on disk);
+// once per turn of the event loop one flush round makes every file staged so far durable, off the
+// event loop, and then tells each message, on the owning thread, whether its files are stored.
+// While one round runs, newly staged files wait for the next: under load one round covers many
+// messages, alone a message waits for one round only.
+class CommitQueue {
+public:
+    // Makes the files durable under their names, all or nothing; runs on a worker thread.
+    using Flush = std::function<bool(const QList<StagedFile>& files, QString* error)>;
+    // `stored` false: nothing of the message is left on disk, `error` says why.
+    using Done = std::function<void(bool stored, const QString& error)>;
+
+    explicit CommitQueue(Flush flush = CommitStagedFiles);
+    // Waits for a round under way (one disk flush); messages that were not told stay untold.
+    ~CommitQueue();
+    CommitQueue(const CommitQueue&) = delete;
+    CommitQueue& operator=(const CommitQueue&) = delete;
+
+    // Queues the staged files of one message; `done` runs later, never inside this call.
+    void commit(QList<StagedFile> files, Done done);
+
+    // For measurements and tests: rounds run so far and the messages and files they covered.
+    int rounds() const { return rounds_; }
+    int messages() const { return messages_; }
+    int files() const { return files_; }
+    void setFlush(Flush flush) { flush_ = std::move(flush); }
+
+private:
+    struct Waiting {
+        QList<StagedFile> files;
+        Done done;
+    };
+
+    void schedule();
+    void startRound();
+    void finishRound(bool stored, const QString& error);
+
+    Flush flush_;
+    QList<Waiting> waiting_;  // staged, for the next round
+    QList<Waiting> inFlight_; // covered by the round under way
+    bool roundScheduled_ = false;
+    bool roundRunning_ = false;
+    int rounds_ = 0;
+    int messages_ = 0;
+    int files_ = 0;
+    QObject receiver_; // lives on the owning thread; the rounds' outcomes are posted to it
+    QThreadPool pool_; // after receiver_, so that it is gone (and its worker done) first
+};
+
+} // namespace postiq

@@ -1,0 +1,180 @@
+#include <QSemaphore>
+#include <atomic>
+#include <list>
+#include <memory>
+
+#include "smtp_bench.h"
+#include "smtp_in/inbound_session.h"
+
+using namespace postiq;
+using namespace postiq::test;
+
+namespace {
+// The inbound session alone on a listener of its own, so that its commit queue can be reached.
+struct CommitBench {
+    QTemporaryDir dir;
+    RecordingDesktop desktop;
+    FixedClock clock;
+    Settings settings;
+    Logs logs{dir.path(), settings, desktop, clock};
+    DnsCache cache;
+    ConnectionTables tables{logs, settings, cache};
+    InboundSession session{logs, settings, tables};
+    quint16 port = 0;
+
+    CommitBench()
+    {
+        settings.ConfigLoaded = true;
+        QDir(dir.path()).mkdir(QStringLiteral("OutBox"));
+        tables.SmtpListener().listen(QHostAddress::LocalHost);
+        port = tables.SmtpListener().serverPort();
+    }
+    QString path(const QString& name) const { return dir.path() + '/' + name; }
+    // Every entry of OutBox, the hidden staging files included.
+    QStringList outBox() const
+    {
+        return QDir(path(QStringLiteral("OutBox"))).entryList(QDir::Files | QDir::Hidden);
+    }
+    QByteArray log(const char* name) const { return readFile(path(QString::fromLatin1(name))); }
+};
+
+// A flush that holds every round until the test lets it go, then does the real work.
+struct GatedFlush {
+    QSemaphore gate;
+    std::atomic<int> entered{0};
+    CommitQueue::Flush flush()
+    {
+        return [this](const QList<StagedFile>& files, QString* error) {
+            ++entered;
+            gate.acquire();
+            return CommitStagedFiles(files, error);
+        };
+    }
+};
+
+const QByteArray kDataEnd = "Subject: x\r\n\r\nbody\r\n.\r\n";
+} // namespace
+
+// The 250 waits for the disk; sessions that end their data while a round runs share the next.
+TEST(GroupCommit, RepliesOnlyOnceTheFilesAreOnDiskAndSharesOneRoundAmongWaitingSessions)
+{
+    CommitBench bench;
+    GatedFlush gated;
+    bench.session.commitQueue().setFlush(gated.flush());
+
+    std::list<Client> clients;
+    for (int i = 0; i < 5; ++i) {
+        play(clients.emplace_back(bench.port), kEnvelope);
+    }
+    auto first = clients.begin();
+    EXPECT_EQ(first->answer(kDataEnd, 100), QByteArray()); // held by the first round
+    ASSERT_TRUE(spinUntil([&] { return gated.entered == 1; }));
+    for (auto client = std::next(first); client != clients.end(); ++client)
+        EXPECT_EQ(client->answer(kDataEnd, 50), QByteArray());
+    // Nothing visible yet: only the staged files, hidden.
+    EXPECT_TRUE(QDir(bench.path(QStringLiteral("OutBox"))).entryList(QDir::Files).isEmpty());
+    EXPECT_EQ(bench.outBox().size(), 5);
+
+    gated.gate.release();
+    EXPECT_EQ(first->answer(), kAccepted);
+    ASSERT_TRUE(spinUntil([&] { return gated.entered == 2; }));
+    EXPECT_EQ(std::next(first)->answer({}, 100), QByteArray()); // the second round holds the rest
+    gated.gate.release();
+    for (auto client = std::next(first); client != clients.end(); ++client)
+        EXPECT_EQ(client->answer(), kAccepted);
+
+    EXPECT_EQ(bench.session.commitQueue().rounds(), 2);
+    EXPECT_EQ(bench.session.commitQueue().messages(), 5);
+    const QStringList files = bench.outBox();
+    EXPECT_EQ(files.size(), 5);
+    EXPECT_TRUE(std::none_of(files.begin(), files.end(), [](const QString& f) { return f.startsWith('.'); }));
+    EXPECT_EQ(bench.log("maillog.txt").count("status=outbox"), 5);
+}
+
+// A flush that fails turns the 250 into a 451, leaves no file, and the session goes on.
+TEST(GroupCommit, AFailedFlushAnswers451AndLeavesNoFile)
+{
+    CommitBench bench;
+    bench.session.commitQueue().setFlush([](const QList<StagedFile>& files, QString* error) {
+        *error = QStringLiteral("Cannot save to disk '%1': Input/output error").arg(files.first().staging);
+        return false;
+    });
+    Client client(bench.port);
+    // Two domains: two staged files, both gone.
+    play(client, {{"", kGreeting},
+                  {"HELO box\r\n", "250 Hello box"},
+                  {"MAIL FROM:<a@x.com>\r\n", "250 sender is <a@x.com> sender ok"},
+                  {"RCPT TO:<b@y.org>\r\n", "250 recipient is <b@y.org> recipient ok"},
+                  {"RCPT TO:<c@z.org>\r\n", "250 recipient is <c@z.org> recipient ok"},
+                  {"DATA\r\n", kGoAhead},
+                  {kDataEnd, "451 Requested action aborted: local error in processing"}});
+    EXPECT_TRUE(bench.outBox().isEmpty());
+    EXPECT_FALSE(bench.log("maillog.txt").contains("status=outbox"));
+    EXPECT_TRUE(bench.log("error.txt").contains(kStamp + " Postiq/smtplocal[1]: message not stored: Cannot save"));
+
+    bench.session.commitQueue().setFlush(CommitStagedFiles);
+    play(client, {{"MAIL FROM:<a@x.com>\r\n", "250 sender is <a@x.com> sender ok"},
+                  {"RCPT TO:<b@y.org>\r\n", "250 recipient is <b@y.org> recipient ok"},
+                  {"DATA\r\n", kGoAhead},
+                  {kDataEnd, kAccepted},
+                  {"QUIT\r\n", "221 Postiq Goodbye"}});
+    EXPECT_EQ(bench.outBox().size(), 1);
+}
+
+// What a client sends while it waits is answered after its 250; one that leaves meanwhile still
+// has its message stored, and its slot is freed.
+TEST(GroupCommit, AWaitingClientIsAnsweredInOrderAndOneThatLeavesStillHasItsMessageStored)
+{
+    CommitBench bench;
+    GatedFlush gated;
+    bench.session.commitQueue().setFlush(gated.flush());
+
+    Client patient(bench.port);
+    play(patient, kEnvelope);
+    EXPECT_EQ(patient.answer(kDataEnd, 50), QByteArray());
+    ASSERT_TRUE(spinUntil([&] { return gated.entered == 1; }));
+    EXPECT_EQ(patient.answer("QUIT\r\n", 50), QByteArray());
+    gated.gate.release();
+    EXPECT_EQ(patient.answer(), kAccepted);
+    EXPECT_EQ(patient.answer(), "221 Postiq Goodbye");
+    EXPECT_TRUE(patient.closed());
+
+    auto leaving = std::make_unique<Client>(bench.port);
+    play(*leaving, kEnvelope);
+    leaving->socket.write(kDataEnd);
+    ASSERT_TRUE(spinUntil([&] { return gated.entered == 2; }));
+    leaving->socket.abort();
+    leaving.reset();
+    spinUntil([] { return false; }, 50); // the session sees the client go while it waits
+    gated.gate.release();
+    ASSERT_TRUE(spinUntil([&] { return bench.log("maillog.txt").contains("lost connection"); }));
+    EXPECT_EQ(bench.log("maillog.txt").count("status=outbox"), 2);
+    EXPECT_EQ(QDir(bench.path(QStringLiteral("OutBox"))).entryList(QDir::Files).size(), 2);
+    EXPECT_TRUE(spinUntil([&] { return bench.tables.Smtp(1) == nullptr && bench.tables.Smtp(2) == nullptr; }));
+}
+
+// The disk round itself is all or nothing: a name taken meanwhile is never replaced, and nothing
+// of the round is left behind.
+TEST(GroupCommit, CommittingStagedFilesNeverReplacesAFileAndLeavesNothingOnFailure)
+{
+    QTemporaryDir dir;
+    const QString a = dir.filePath(QStringLiteral("A")), b = dir.filePath(QStringLiteral("B"));
+    QString error;
+    StagedFile stagedA, stagedB;
+    ASSERT_TRUE(StageFile(a, "first", &stagedA, &error)) << qPrintable(error);
+    ASSERT_TRUE(StageFile(b, "second", &stagedB, &error)) << qPrintable(error);
+    EXPECT_FALSE(StageFile(b, "again", &stagedB, &error)); // a write in progress is not replaced
+    QFile taken(b); // queued meanwhile under the same name
+    ASSERT_TRUE(taken.open(QIODevice::WriteOnly) && taken.write("queued before") == 13);
+    taken.close();
+
+    EXPECT_FALSE(CommitStagedFiles({stagedA, stagedB}, &error));
+    EXPECT_TRUE(error.contains(QStringLiteral("Cannot rename to"))) << qPrintable(error);
+    EXPECT_EQ(QDir(dir.path()).entryList(QDir::Files | QDir::Hidden), QStringList{QStringLiteral("B")});
+    EXPECT_EQ(readFile(b), "queued before");
+
+    ASSERT_TRUE(StageFile(a, "first", &stagedA, &error));
+    EXPECT_TRUE(CommitStagedFiles({stagedA}, &error)) << qPrintable(error);
+    EXPECT_EQ(readFile(a), "first");
+    EXPECT_FALSE(QFileInfo::exists(stagedA.staging));
+}
