@@ -4,6 +4,8 @@
 #include <QMessageBox>
 #include <QMenuBar>
 #include <QTableWidget>
+#include <QTcpServer>
+#include <QTcpSocket>
 #include <gtest/gtest.h>
 
 #include "core/widgets/desktop_bench.h"
@@ -187,4 +189,26 @@ TEST(WidgetDesktop, ARepeatedNoticeIsOnScreenOnceAndNeverWaits)
     EXPECT_EQ(desktop.openNotices(), 1);
     desktop.notice(QString(), text); // gone from the screen: it may come again
     EXPECT_EQ(desktop.openNotices(), 2);
+}
+
+TEST(DesktopShell, ANewerVersionOpensTheAnnouncementAndShowsTheUpdateIcon)
+{
+    QTcpServer web;
+    ASSERT_TRUE(web.listen(QHostAddress::LocalHost));
+    QObject::connect(&web, &QTcpServer::newConnection, [&web] {
+        QTcpSocket* client = web.nextPendingConnection();
+        QObject::connect(client, &QTcpSocket::readyRead, client, [client] {
+            if (client->readAll().endsWith("\r\n\r\n"))
+                client->write("HTTP/1.1 200 OK\r\n\r\nBEGIN3.1END");
+        });
+    });
+    DesktopBench bench({}, true, {QStringLiteral("127.0.0.1"), web.serverPort()});
+    bench.start();
+    ASSERT_TRUE(spinUntil([&] { return bench.shell->announcement() != nullptr; }));
+    UpdateAnnouncement& window = *bench.shell->announcement();
+    EXPECT_TRUE(window.isVisible());
+    EXPECT_FALSE(window.isModal());
+    EXPECT_EQ(window.findChild<QLabel*>("lblNewVersion")->text(), QString(" La version 3.1 est disponible !"));
+    EXPECT_EQ(bench.shell->newVersion(), QString("3.1"));
+    EXPECT_TRUE(bench.shell->eventIcon().isVisible());
 }
