@@ -1,6 +1,9 @@
 #include "config/autostart.h"
 
+#include <QCoreApplication>
+
 #include "platform/registry.h"
+#include "platform/xdg_registry.h"
 
 namespace postiq {
 
@@ -8,7 +11,11 @@ namespace {
 const QString kRunValue = QStringLiteral("Postiq");
 }
 
-QString AutostartCommand(const QString& programFolder) { return programFolder + QStringLiteral("/postiq"); }
+QString AutostartCommand(const QString& programFolder)
+{
+    return ExecArgument(QCoreApplication::applicationFilePath()) + QStringLiteral(" --folder ")
+        + ExecArgument(programFolder);
+}
 
 void SetComputerStart(Registry& registry, const QString& programFolder, bool enabled)
 {

@@ -6,7 +6,8 @@ namespace postiq {
 
 class Registry;
 
-// The command the session autostart entry holds for the copy of the program in this folder.
+// The command the session autostart entry holds for this copy of the program on this folder: the
+// running executable, "--folder" and the folder, each quoted as desktop entries require.
 QString AutostartCommand(const QString& programFolder);
 
 // Brings the session autostart entry in line with the setting. Switching on writes the entry only

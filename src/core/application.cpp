@@ -3,6 +3,8 @@
 #include <QDir>
 #include <QFileInfo>
 #include <QHostInfo>
+#include <QMap>
+#include <QTcpSocket>
 
 #include "config/config_file.h"
 #include "core/registry_housekeeping.h"
@@ -47,12 +49,18 @@ void Application::start()
         titleText_ = QStringLiteral("Postiq - Version ") + AppVersion();
         windowCaption_ = titleText_ + QStringLiteral(" [") + QHostInfo::localHostName() + ']';
     });
-    checkLookupComponent();
-    logs_.guarded(kStartUpSite, [this] { createQueueFolders(); });
+    initialiseComponents();
+    logs_.guarded(kStartUpSite, [this] {
+        if (windowSteps_.connectionsView)
+            windowSteps_.connectionsView();
+        createQueueFolders();
+    });
     checkLogFilesWritable();
     prepareConfigurationFile();
     logs_.guarded(kStartUpSite, [this] {
         configLoader_.ChargerConfig(true);
+        if (windowSteps_.relabelMain)
+            windowSteps_.relabelMain();
         maintainInstallationRecord(services_.registry, services_.desktop);
         logs_.DbgAdd("<P><HR><FONT face='Verdana' size='2'>Lancement de Postiq</FONT><BR>");
         tables_ = std::make_unique<ConnectionTables>(logs_, settings_, dnsCache_, this);
@@ -61,11 +69,35 @@ void Application::start()
         tables_->enableOutboxTimer = [this] { dispatcher_->enableOutboxTimer(); };
         logs_.setBeforeFatalReport([this] { silenceEverything(); });
         trayToolTip_ = QStringLiteral("Postiq ") + AppVersion() + QStringLiteral(" [Arrêté]");
+        if (windowSteps_.trayIcon)
+            windowSteps_.trayIcon();
     });
     if (settings_.ActiveSettings.LaunchStart)
         service_->Demarrer();
     // The queue timers run whatever the service's state.
     dispatcher_->startTimers();
+    if (windowSteps_.versionCheck)
+        logs_.guarded(kStartUpSite, [this] { windowSteps_.versionCheck(); });
+}
+
+void Application::initialiseComponents()
+{
+    QString component = QStringLiteral("DNSLookup");
+    try {
+        checkLookupComponent();
+        component = QStringLiteral("Winsock");
+        QTcpSocket probe; // the socket layer answers
+        if (probe.state() != QAbstractSocket::UnconnectedState)
+            throw Fault(ErrNetwork, QStringLiteral("The socket layer is not ready"));
+        component = QStringLiteral("Dictionary");
+        QMap<QString, QString> dictionary;
+        dictionary.insert(QStringLiteral("test"), QStringLiteral("test"));
+        if (dictionary.value(QStringLiteral("test")) != QLatin1String("test"))
+            throw Fault(ErrInvalidCall, QStringLiteral("The dictionary does not keep its entries"));
+    } catch (const Fault& fault) {
+        logs_.ReportProgramError(QString::fromLatin1(kStartUpSite), fault.number(),
+                                 fault.description() + QStringLiteral("<BR>INIT: ") + component);
+    }
 }
 
 void Application::ensureSingleInstance()

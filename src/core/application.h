@@ -2,6 +2,7 @@
 
 #include <QObject>
 #include <QString>
+#include <functional>
 #include <memory>
 
 #include "config/config_file.h"
@@ -29,6 +30,14 @@ struct PlatformServices {
     const Clock& clock;
 };
 
+// What the windows add to the start-up sequence, each at its place in it; headless there is none.
+struct WindowSteps {
+    std::function<void()> connectionsView; // the grid, once the title is known
+    std::function<void()> relabelMain;     // the main window in the loaded language
+    std::function<void()> trayIcon;        // the icon with its "stopped" tool-tip
+    std::function<void()> versionCheck;    // the last step
+};
+
 // The running program: it owns every program-wide piece of state (settings, logs, language table,
 // MX cache, connection slots, SMTP service) for one program folder, runs the start-up sequence and
 // the shutdown path, and keeps the state that the tray and the main window show.
@@ -37,6 +46,9 @@ class Application : public QObject, public ServiceView, public ConnectionsView {
 public:
     Application(const QString& programFolder, PlatformServices services);
     ~Application() override;
+
+    // Before start(): the windows' steps of the start-up sequence.
+    void setWindowSteps(WindowSteps steps) { windowSteps_ = std::move(steps); }
 
     // The start-up sequence. A refusal (already running, read-only files, wrong resolver) tells
     // the user and ends the program with status 2; an unexpected fault is the fatal report.
@@ -77,6 +89,9 @@ signals:
 private:
     [[noreturn]] void refuse(const QString& text);
     void ensureSingleInstance();
+    // The resolver, the socket layer and the dictionary: a component that fails to come up is the
+    // fatal report, naming it.
+    void initialiseComponents();
     void checkLookupComponent();
     void createQueueFolders();
     void checkLogFilesWritable();
@@ -102,6 +117,7 @@ private:
     QString trayToolTip_;
     bool serviceStarted_ = false;
     bool quitting_ = false;
+    WindowSteps windowSteps_;
 };
 
 // The program's entry point: options, platform services, start-up, event loop.

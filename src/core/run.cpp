@@ -9,6 +9,7 @@
 #include "core/application.h"
 #include "core/command_line.h"
 #include "core/control_channel.h"
+#include "core/desktop_shell.h"
 #include "log/version.h"
 #include "platform/clock.h"
 #include "platform/desktop.h"
@@ -34,6 +35,15 @@ QStringList argumentsAfterProgramName(int argc, char** argv)
 }
 
 constexpr std::chrono::seconds kControlAnswerTime{10};
+
+// The product's web server, unless POSTIQ_UPDATE_SERVER=host:port names another (tests point it at
+// a local server).
+UpdateServer updateServer()
+{
+    if (const auto chosen = parseUpdateServer(qEnvironmentVariable("POSTIQ_UPDATE_SERVER")))
+        return *chosen;
+    return {QString::fromLatin1(kProductWeb.host), 80};
+}
 
 // Sends one command to the relay running on the folder and waits for its answer in this process's
 // only event loop. Nothing here creates or touches the folder.
@@ -121,6 +131,13 @@ int runPostiq(int argc, char** argv)
 
     const QString absoluteFolder = QDir(folder).absolutePath();
     Application application(absoluteFolder, {desktop, registry, network, clock});
+    std::unique_ptr<DesktopShell> shell;
+    if (!line.headless) {
+        // Hidden windows and closed boxes never end the program; only the quit entry does.
+        QApplication::setQuitOnLastWindowClosed(false);
+        shell = std::make_unique<DesktopShell>(application, desktop,
+                                               DesktopShell::Options{updateServer(), QSystemTrayIcon::isSystemTrayAvailable()});
+    }
     QObject::connect(&application, &Application::finished, app.get(), [] { QCoreApplication::exit(ExitOk); },
                      Qt::QueuedConnection);
     application.start();

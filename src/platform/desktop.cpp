@@ -1,6 +1,8 @@
 #include "platform/desktop.h"
 
+#include <QDesktopServices>
 #include <QMessageBox>
+#include <QUrl>
 #include <cstdio>
 #include <cstdlib>
 
@@ -59,13 +61,36 @@ bool WidgetDesktop::askYesNo(const QString& title, const QString& text)
         == QMessageBox::Yes;
 }
 
+WidgetDesktop::~WidgetDesktop()
+{
+    for (const QPointer<QMessageBox>& box : std::as_const(notices_))
+        delete box.data();
+}
+
 void WidgetDesktop::notice(const QString& title, const QString& text)
 {
-    auto* box = new QMessageBox(QMessageBox::Information, title.isEmpty() ? QStringLiteral("Postiq") : title, text);
+    const QString shownTitle = title.isEmpty() ? QStringLiteral("Postiq") : title;
+    QPointer<QMessageBox>& open = notices_[shownTitle + u'\n' + text];
+    if (open && open->isVisible())
+        return;
+    auto* box = new QMessageBox(QMessageBox::Information, shownTitle, text);
     box->setAttribute(Qt::WA_DeleteOnClose);
     box->setModal(false);
     box->show();
+    open = box;
 }
+
+int WidgetDesktop::openNotices() const
+{
+    int count = 0;
+    for (const QPointer<QMessageBox>& box : notices_)
+        count += box && box->isVisible() ? 1 : 0;
+    return count;
+}
+
+void WidgetDesktop::openFile(const QString& path) { QDesktopServices::openUrl(QUrl::fromLocalFile(path)); }
+
+void WidgetDesktop::openAddress(const QString& url) { QDesktopServices::openUrl(QUrl(url)); }
 
 void WidgetDesktop::diagnostic(const QString& text) { writeToStderr(QString(), text); }
 

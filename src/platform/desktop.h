@@ -1,6 +1,10 @@
 #pragma once
 
+#include <QHash>
+#include <QPointer>
 #include <QString>
+
+class QMessageBox;
 
 namespace postiq {
 
@@ -15,6 +19,9 @@ public:
     virtual bool askYesNo(const QString& title, const QString& text) = 0;
     // A message that waits for nobody: the program goes on while it is shown.
     virtual void notice(const QString& title, const QString& text) = 0;
+    // Opens a file, or a web address, with the user's default program; nothing headless.
+    virtual void openFile(const QString& path) { (void)path; }
+    virtual void openAddress(const QString& url) { (void)url; }
     // Details for whoever reads the terminal (where a fatal report came from); not a message box.
     virtual void diagnostic(const QString& text) { (void)text; }
     // Ends the process at once with the given status: no orderly shutdown, nothing saved.
@@ -37,13 +44,26 @@ public:
     [[noreturn]] void endProgram(int status) override;
 };
 
+// Message boxes on the desktop. The modal ones (messageBox, askYesNo) are for start-up, before the
+// event loop runs, and for the fatal report; a notice is shown without waiting, and one that is
+// still on screen is not opened a second time, so that a fault repeated by many sessions leaves a
+// single box.
 class WidgetDesktop : public Desktop {
 public:
+    ~WidgetDesktop() override;
     void messageBox(const QString& title, const QString& text, Icon icon) override;
     bool askYesNo(const QString& title, const QString& text) override;
     void notice(const QString& title, const QString& text) override;
+    void openFile(const QString& path) override;
+    void openAddress(const QString& url) override;
     void diagnostic(const QString& text) override;
     [[noreturn]] void endProgram(int status) override;
+
+    // The notice boxes on screen now.
+    int openNotices() const;
+
+private:
+    QHash<QString, QPointer<QMessageBox>> notices_;
 };
 
 } // namespace postiq

@@ -170,38 +170,23 @@ QString execValue(const QString& desktopFile)
 
 } // namespace
 
-QString ExecLine(const QString& command)
+QString ExecArgument(const QString& argument)
 {
-    QString argument = QString(command).replace(u'%', QLatin1String("%%"));
-    if (needsQuoting(argument)) {
-        QString quoted = QStringLiteral("\"");
-        for (const QChar c : argument) {
-            if (c == u'"' || c == u'`' || c == u'$' || c == u'\\')
-                quoted += u'\\';
-            quoted += c;
-        }
-        argument = quoted + u'"';
+    const QString text = QString(argument).replace(u'%', QLatin1String("%%"));
+    if (!needsQuoting(text))
+        return text;
+    QString quoted = QStringLiteral("\"");
+    for (const QChar c : text) {
+        if (c == u'"' || c == u'`' || c == u'$' || c == u'\\')
+            quoted += u'\\';
+        quoted += c;
     }
-    return escapeDesktopString(argument);
+    return quoted + u'"';
 }
 
-QString ExecCommand(const QString& execLine)
-{
-    QString text = unescapeDesktopString(execLine);
-    if (text.size() >= 2 && text.startsWith(u'"')) {
-        QString inner;
-        qsizetype i = 1;
-        for (; i < text.size() && text[i] != u'"'; ++i) {
-            if (text[i] == u'\\' && i + 1 < text.size())
-                ++i;
-            inner += text[i];
-        }
-        // Only a command that is one quoted argument is unquoted; anything else reads as written.
-        if (i == text.size() - 1)
-            text = inner;
-    }
-    return text.replace(QLatin1String("%%"), QLatin1String("%"));
-}
+QString ExecLine(const QString& command) { return escapeDesktopString(command); }
+
+QString ExecCommand(const QString& execLine) { return unescapeDesktopString(execLine); }
 
 XdgRegistry::XdgRegistry(const QString& configHome) : configHome_(configHome)
 {

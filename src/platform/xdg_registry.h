@@ -12,7 +12,7 @@ namespace postiq {
 // values live in postiq/registry.ini, one "[key path]" group per key with "Name=Value" lines (an
 // empty group is a key without values). Key paths and value names compare without regard to
 // letter case, as registry paths do. The Run key's "Postiq" value is the session autostart file
-// autostart/postiq.desktop: its command is the entry's Exec line.
+// autostart/postiq.desktop: the value is the entry's command line (Exec), arguments quoted.
 // Every operation reads the file afresh; a write replaces it whole. A file that cannot be written
 // throws std::runtime_error.
 class XdgRegistry : public Registry {
@@ -45,8 +45,11 @@ private:
     QString configHome_;
 };
 
-// The text of an Exec line that runs `command` as one program path, quoted and escaped as desktop
-// entries require; ExecCommand reads it back to the same text.
+// One argument of an Exec command line, in double quotes with its specials escaped when it needs
+// them (and "%" doubled), as desktop entries require.
+QString ExecArgument(const QString& argument);
+// The Exec value for a command line whose arguments are already quoted (ExecArgument), with the
+// string escapes of desktop entries; ExecCommand reads it back to the same command line.
 QString ExecLine(const QString& command);
 QString ExecCommand(const QString& execLine);
 

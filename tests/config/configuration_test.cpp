@@ -1,7 +1,9 @@
+#include <QCoreApplication>
 #include <gtest/gtest.h>
 
 #include <QFile>
 
+#include "platform/xdg_registry.h"
 #include "config/autostart.h"
 #include "config/config_file.h"
 #include "config/defaults.h"
@@ -158,7 +160,7 @@ TEST(ChargerConfig, FileValuesTakeEffectOnlyWhenAppliedAndLeaveWithTheFile)
 
     bench.loader.ChargerConfig(true);
     EXPECT_EQ(bench.settings.ActiveSettings.ListenPort, 2525);
-    EXPECT_EQ(bench.registry.readValue(kRunKey, "Postiq"), bench.dir.path() + "/postiq");
+    EXPECT_EQ(bench.registry.readValue(kRunKey, "Postiq"), AutostartCommand(bench.dir.path()));
     EXPECT_EQ(bench.languagesLoaded, QStringList({"fr", "en"}));
 
     bench.writeIni("\r\n");
@@ -241,10 +243,18 @@ TEST(SetComputerStart, WritesOnlyWhenNeededAndRemovesOnlyThisCopysEntry)
     SetComputerStart(registry, "/opt/postiq", true);
     SetComputerStart(registry, "/opt/postiq", true);
     EXPECT_EQ(registry.writes, 1);
-    EXPECT_EQ(registry.readValue(kRunKey, "Postiq"), QString("/opt/postiq/postiq"));
+    EXPECT_EQ(registry.readValue(kRunKey, "Postiq"), AutostartCommand("/opt/postiq"));
 
     SetComputerStart(registry, "/opt/postiq", false);
     EXPECT_FALSE(registry.valueExists(kRunKey, "Postiq"));
+}
+
+TEST(AutostartCommand, RunsThisExecutableOnThisFolderQuotedWhereNeeded)
+{
+    const QString executable = ExecArgument(QCoreApplication::applicationFilePath());
+    EXPECT_EQ(AutostartCommand("/opt/postiq"), executable + " --folder /opt/postiq");
+    EXPECT_EQ(AutostartCommand("/home/me/My Mail"), executable + " --folder \"/home/me/My Mail\"");
+    EXPECT_EQ(AutostartCommand("/home/me/100%"), executable + " --folder /home/me/100%%");
 }
 
 } // namespace

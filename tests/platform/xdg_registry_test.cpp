@@ -105,10 +105,10 @@ TEST(XdgRegistry, CommandWithSpacesIsQuotedAndReadsBackAsWritten)
 {
     XdgBench bench;
     XdgRegistry registry;
-    const QString command = "/home/me/My Mail $HOME \"x\" 100% C:\\dir/postiq";
+    const QString command = ExecArgument("/home/me/My Mail $HOME \"x\" 100% C:\\dir/postiq") + " --folder /x";
     registry.writeValue(kRunKey, "Postiq", command);
     EXPECT_TRUE(readFile(bench.path("autostart/postiq.desktop"))
-                    .contains("Exec=\"/home/me/My Mail \\\\$HOME \\\\\"x\\\\\" 100%% C:\\\\\\\\dir/postiq\"\n"));
+                    .contains("Exec=\"/home/me/My Mail \\\\$HOME \\\\\"x\\\\\" 100%% C:\\\\\\\\dir/postiq\" --folder /x\n"));
     EXPECT_EQ(registry.readValue(kRunKey, "Postiq"), command);
 }
 

@@ -1,0 +1,207 @@
+#include "core/desktop_shell.h"
+
+#include <QIcon>
+#include <QMenuBar>
+#include <QVBoxLayout>
+
+#include "config/configuration_dialog.h"
+#include "core/application.h"
+#include "language/relabel.h"
+#include "log/version.h"
+#include "platform/desktop.h"
+#include "update/update_announcement.h"
+
+namespace postiq {
+
+namespace {
+const QString kStartedIcon = QStringLiteral(":/icons/tray_started.svg");
+const QString kStoppedIcon = QStringLiteral(":/icons/tray_stopped.svg");
+const QString kEventIcon = QStringLiteral(":/icons/tray_event.svg");
+} // namespace
+
+QString DesktopShell::helpAddress() { return QString::fromLatin1(kProductWeb.address); }
+QString DesktopShell::downloadAddress() { return QString::fromLatin1(kProductWeb.address) + QStringLiteral("download/"); }
+
+DesktopShell::DesktopShell(Application& application, Desktop& desktop, Options options, QObject* parent)
+    : QObject(parent), application_(application), desktop_(desktop), options_(std::move(options)),
+      mainWindow_(std::make_unique<MainWindow>()), menu_(std::make_unique<TrayMenu>(mainWindow_.get()))
+{
+    trayIcon_.setObjectName(QStringLiteral("img_tray"));
+    eventIcon_.setObjectName(QStringLiteral("img_tray_event"));
+    trayIcon_.setIcon(QIcon(kStoppedIcon));
+    eventIcon_.setIcon(QIcon(kEventIcon));
+    eventIcon_.setToolTip(QStringLiteral("Une version plus récente de Postiq est disponible"));
+    // The menu opens on a right click (Qt shows the context menu itself).
+    trayIcon_.setContextMenu(menu_->menu);
+    connect(&trayIcon_, &QSystemTrayIcon::activated, this, &DesktopShell::trayActivated);
+    connect(&eventIcon_, &QSystemTrayIcon::activated, this, &DesktopShell::eventIconActivated);
+    wireMenu();
+
+    connect(&application_, &Application::serviceStateChanged, this, &DesktopShell::serviceStateChanged);
+    connect(&application_, &Application::connectionChanged, this, &DesktopShell::connectionChanged);
+    // Directly, before the loop ends: the icons leave the notification area with the program.
+    connect(&application_, &Application::finished, this, &DesktopShell::closeEverything);
+
+    application_.setWindowSteps({.connectionsView = [this] { setUpWindow(); },
+                                 .relabelMain = [this] { relabelMain(); },
+                                 .trayIcon = [this] { showTrayIcon(); },
+                                 .versionCheck = [this] { startVersionCheck(); }});
+}
+
+DesktopShell::~DesktopShell()
+{
+    delete dialog_;
+    delete announcement_;
+}
+
+void DesktopShell::wireMenu()
+{
+    TrayMenu& m = *menu_;
+    connect(m.mnuopen, &QAction::triggered, this, &DesktopShell::showMainWindow);
+    connect(m.mnuwintop, &QAction::toggled, mainWindow_.get(), &MainWindow::setAlwaysOnTop);
+    connect(m.mnuconfig, &QAction::triggered, this, &DesktopShell::openConfiguration);
+    connect(m.mnustart, &QAction::triggered, &application_, &Application::startService);
+    connect(m.mnustop, &QAction::triggered, &application_, &Application::stopService);
+    connect(m.mnureload, &QAction::triggered, &application_, &Application::reloadConfiguration);
+    connect(m.mnuflush, &QAction::triggered, &application_, &Application::flushDeferred);
+    connect(m.mnuseelog, &QAction::triggered, this,
+            [this] { desktop_.openFile(application_.logs().folder() + QStringLiteral("/maillog.txt")); });
+    connect(m.mnuseeerrorlog, &QAction::triggered, this,
+            [this] { desktop_.openFile(application_.logs().folder() + QStringLiteral("/error.txt")); });
+    connect(m.mnuupdate, &QAction::triggered, this, [this] { desktop_.openAddress(downloadAddress()); });
+    connect(m.mnuhelp, &QAction::triggered, this, [this] { desktop_.openAddress(helpAddress()); });
+    connect(m.mnuquit, &QAction::triggered, &application_, &Application::quit);
+    connect(m.mnusystrayevent, &QAction::triggered, this, [this] {
+        desktop_.notice(QStringLiteral("Postiq"),
+                        QStringLiteral("Une version plus récente de Postiq est disponible sur ") + helpAddress());
+    });
+}
+
+void DesktopShell::setUpWindow()
+{
+    mainWindow_->setTitle(application_.windowCaption(), application_.titleText());
+    mainWindow_->setLookupVersion(application_.lookupVersionText());
+    if (!options_.trayAvailable) {
+        // No notification area: the window is the only way in, so it carries the menu.
+        auto* bar = new QMenuBar(mainWindow_.get());
+        bar->setObjectName(QStringLiteral("mnubar"));
+        bar->addMenu(menu_->menu);
+        static_cast<QVBoxLayout*>(mainWindow_->layout())->setMenuBar(bar);
+    }
+}
+
+void DesktopShell::relabelMain()
+{
+    LOADValues(application_.logs(), application_.language(), *mainWindow_, QString::fromLatin1(kMainSection));
+}
+
+void DesktopShell::showTrayIcon()
+{
+    trayIcon_.setToolTip(application_.trayToolTip());
+    if (options_.trayAvailable)
+        trayIcon_.show();
+    else
+        mainWindow_->show();
+}
+
+void DesktopShell::startVersionCheck()
+{
+    versionCheck_ = std::make_unique<VersionCheck>(options_.updateServer, kVersionMajor, kVersionMinor);
+    connect(versionCheck_.get(), &VersionCheck::newerVersion, this, &DesktopShell::announceNewVersion);
+    versionCheck_->start();
+}
+
+void DesktopShell::trayActivated(QSystemTrayIcon::ActivationReason reason)
+{
+    switch (reason) {
+    case QSystemTrayIcon::DoubleClick:
+        showMainWindow();
+        break;
+    case QSystemTrayIcon::Context:
+        // Qt pops the context menu up itself; where it cannot, the menu opens here.
+        if (!trayIcon_.contextMenu())
+            menu_->menu->popup(QCursor::pos());
+        break;
+    default: // a single left click or the middle button: nothing
+        break;
+    }
+}
+
+void DesktopShell::eventIconActivated(QSystemTrayIcon::ActivationReason reason)
+{
+    switch (reason) {
+    case QSystemTrayIcon::Trigger:
+    case QSystemTrayIcon::Context:
+        menu_->mnusystrayevent->trigger();
+        break;
+    case QSystemTrayIcon::DoubleClick:
+        showMainWindow();
+        break;
+    default:
+        break;
+    }
+}
+
+void DesktopShell::showMainWindow()
+{
+    mainWindow_->show();
+    mainWindow_->raise();
+    mainWindow_->activateWindow();
+}
+
+void DesktopShell::openConfiguration()
+{
+    if (!dialog_) {
+        Logs& logs = application_.logs();
+        LanguageTable& language = application_.language();
+        dialog_ = new ConfigurationDialog(
+            application_.settings(), logs, application_.configLoader(),
+            {.relabel = [&logs, &language](QWidget& form) {
+                 LOADValues(logs, language, form, QString::fromLatin1(kConfigurationSection));
+             },
+             .sharedWord = [&language](int number) { return language.sharedWord(number); }});
+        dialog_->setAttribute(Qt::WA_DeleteOnClose);
+    }
+    dialog_->show();
+    dialog_->raise();
+    dialog_->activateWindow();
+}
+
+void DesktopShell::announceNewVersion(const QString& version)
+{
+    newVersion_ = version;
+    if (options_.trayAvailable)
+        eventIcon_.show();
+    delete announcement_;
+    announcement_ = new UpdateAnnouncement(newVersion_, AppVersion(),
+                                           [this] { desktop_.openAddress(downloadAddress()); });
+    announcement_->show();
+}
+
+void DesktopShell::serviceStateChanged(bool started)
+{
+    menu_->showServiceState(started);
+    trayIcon_.setIcon(QIcon(started ? kStartedIcon : kStoppedIcon));
+    trayIcon_.setToolTip(application_.trayToolTip());
+}
+
+void DesktopShell::connectionChanged(const QByteArray& cnxType, int n)
+{
+    ConnectionTables& tables = application_.tables();
+    const CConnexion& cnx = cnxType == "IN" ? tables.CnxIn(n) : tables.CnxOut(n);
+    mainWindow_->showConnection(cnx, cnxType, n);
+}
+
+void DesktopShell::closeEverything()
+{
+    trayIcon_.hide();
+    eventIcon_.hide();
+    if (dialog_)
+        dialog_->close();
+    if (announcement_)
+        announcement_->close();
+    mainWindow_->allowClose();
+    mainWindow_->close();
+}
+
+} // namespace postiq

@@ -1,0 +1,106 @@
+#include "core/main_window.h"
+
+#include <QCloseEvent>
+#include <QHeaderView>
+#include <QIcon>
+#include <QLabel>
+#include <QTableWidget>
+#include <QVBoxLayout>
+
+#include "core/connection_state_text.h"
+#include "smtp_in/connexion.h"
+
+namespace postiq {
+
+MainWindow::MainWindow(QWidget* parent) : QWidget(parent, Qt::Window)
+{
+    setObjectName(QStringLiteral("mainf"));
+    setWindowIcon(QIcon(QStringLiteral(":/icons/icone16.svg")));
+
+    title_ = new QLabel(this);
+    title_->setObjectName(QStringLiteral("lblTitle"));
+    QFont titleFont = title_->font();
+    titleFont.setBold(true);
+    titleFont.setPointSizeF(titleFont.pointSizeF() * 1.4);
+    title_->setFont(titleFont);
+    lookupVersion_ = new QLabel(this);
+    lookupVersion_->setObjectName(QStringLiteral("lblDnsVersion"));
+
+    grid_ = new QTableWidget(0, ColumnCount, this);
+    grid_->setObjectName(QStringLiteral("grdConnexions"));
+    grid_->setHorizontalHeaderLabels({QStringLiteral("Type"), QStringLiteral("N°"), QStringLiteral("Hôte"),
+                                      QStringLiteral("Etat"), QStringLiteral("ID message"),
+                                      QStringLiteral("Fichier")});
+    grid_->verticalHeader()->setVisible(false);
+    grid_->setEditTriggers(QAbstractItemView::NoEditTriggers);
+    grid_->setSelectionBehavior(QAbstractItemView::SelectRows);
+    grid_->horizontalHeader()->setStretchLastSection(true);
+    grid_->setSortingEnabled(false);
+
+    auto* layout = new QVBoxLayout(this);
+    layout->addWidget(title_);
+    layout->addWidget(lookupVersion_);
+    layout->addWidget(grid_, 1);
+    resize(720, 300);
+}
+
+void MainWindow::setTitle(const QString& caption, const QString& title)
+{
+    setWindowTitle(caption);
+    title_->setText(title);
+}
+
+void MainWindow::setLookupVersion(const QString& text) { lookupVersion_->setText(text); }
+
+int MainWindow::rowOf(const QByteArray& cnxType, int n) const
+{
+    for (int row = 0; row < grid_->rowCount(); ++row) {
+        if (grid_->item(row, ColType)->text() == QLatin1String(cnxType)
+            && grid_->item(row, ColNumber)->text().toInt() == n)
+            return row;
+    }
+    return -1;
+}
+
+void MainWindow::showConnection(const CConnexion& cnx, const QByteArray& cnxType, int n)
+{
+    int row = rowOf(cnxType, n);
+    if (cnx.Status() == 0) {
+        if (row >= 0)
+            grid_->removeRow(row);
+        return;
+    }
+    if (row < 0) {
+        row = grid_->rowCount();
+        grid_->insertRow(row);
+        for (int column = 0; column < ColumnCount; ++column)
+            grid_->setItem(row, column, new QTableWidgetItem);
+    }
+    grid_->item(row, ColType)->setText(QString::fromLatin1(cnxType));
+    grid_->item(row, ColNumber)->setText(QString::number(n));
+    grid_->item(row, ColPeer)->setText(QString::fromUtf8(cnx.SrvClient));
+    grid_->item(row, ColState)->setText(connectionStateText(cnxType, cnx.Status()));
+    grid_->item(row, ColMessageId)->setText(QString::fromUtf8(cnx.Message.ID));
+    grid_->item(row, ColFile)->setText(cnx.CurrentOutFile);
+}
+
+void MainWindow::setAlwaysOnTop(bool onTop)
+{
+    const bool visible = isVisible();
+    setWindowFlag(Qt::WindowStaysOnTopHint, onTop);
+    if (visible)
+        show(); // changing the flags hides the window
+}
+
+void MainWindow::closeEvent(QCloseEvent* event)
+{
+    if (closeAllowed_) {
+        event->accept();
+        return;
+    }
+    // The program stays in the notification area.
+    event->ignore();
+    hide();
+}
+
+} // namespace postiq

@@ -1,0 +1,209 @@
+#include <QCheckBox>
+#include <QComboBox>
+#include <QLabel>
+#include <QLineEdit>
+#include <QPushButton>
+#include <QRadioButton>
+#include <QSpinBox>
+#include <QStackedWidget>
+#include <QTreeWidget>
+#include <gtest/gtest.h>
+
+#include "core/widgets/desktop_bench.h"
+#include "support/mail_client.h"
+
+using namespace postiq;
+using namespace postiq::test;
+
+namespace {
+
+const QByteArray kHeaderOnlyIni =
+    "# Fichier de configuration de Postiq\r\n"
+    "# Placer un dièse '#' devant une ligne pour qu'elle devienne un commentaire\r\n"
+    "\r\n"
+    "# Version de Postiq pour ce fichier de configuration (dernière écriture logicielle)\r\n"
+    "# Postiq Version 3.0\r\n"
+    "\r\n"
+    "<Global>\r\n"
+    "</Global>\r\n"
+    "\r\n"
+    "<Registry>\r\n"
+    "</Registry>\r\n";
+
+template <typename T>
+T& control(QWidget& form, const char* name)
+{
+    T* found = form.findChild<T*>(QLatin1String(name));
+    if (!found)
+        throw std::runtime_error(std::string("no control ") + name);
+    return *found;
+}
+
+struct DialogFixture : ::testing::Test {
+    DesktopBench bench{"SmtpServer\tmail.example.org\r\nRelay\tOff\r\n"};
+    ConfigurationDialog* dialog = nullptr;
+
+    void SetUp() override
+    {
+        bench.writeLanguage("de", "<CONSTANTS>\r\n</CONSTANTS>\r\n");
+        bench.start();
+        bench.shell->menu().mnuconfig->trigger();
+        dialog = bench.shell->configurationDialog();
+        ASSERT_NE(dialog, nullptr);
+    }
+    QCheckBox& box(const char* name) { return control<QCheckBox>(*dialog, name); }
+    QByteArray iniFile() { return readFile(bench.path("Postiq.ini")); }
+};
+
+} // namespace
+
+TEST_F(DialogFixture, TreeHasTheSevenCategoriesAndANodeClickShowsItsPage)
+{
+    EXPECT_TRUE(dialog->isVisible());
+    EXPECT_FALSE(dialog->isModal());
+    auto& tree = control<QTreeWidget>(*dialog, "Categories");
+    auto& pages = control<QStackedWidget>(*dialog, "SSTabCat");
+    const QStringList keys{"cat_onstart_0", "cat_computer_1", "cat_parameters_2", "cat_network_5",
+                           "cat_relay_6", "cat_debug_3", "cat_language_4"};
+    const QStringList captions{"Démarrage Postiq", "Démarrage ordinateur", "Paramètres", "Réseau", "Relai",
+                               "Débuggage", "Langue"};
+    const QStringList frames{"frmOnStart", "frmComputer", "frmParametres", "frmNetwork", "frmRelay",
+                             "frmDebug", "frmLanguage"};
+    ASSERT_EQ(tree.topLevelItemCount(), 7);
+    ASSERT_EQ(pages.count(), 7);
+    for (int i = 0; i < 7; ++i) {
+        QTreeWidgetItem* node = tree.topLevelItem(i);
+        EXPECT_EQ(node->data(0, Qt::UserRole).toString(), keys[i]);
+        EXPECT_EQ(node->text(0), captions[i]);
+        EXPECT_EQ(node->icon(0).isNull(), keys[i] == "cat_relay_6") << i;
+        EXPECT_EQ(pages.widget(i)->objectName(), frames[i]);
+    }
+
+    dialog->selectCategory("cat_network_5");
+    EXPECT_EQ(pages.currentWidget()->objectName(), QString("frmNetwork"));
+    EXPECT_EQ(control<QLabel>(*dialog, "strCategorie").text(), QString("Réseau"));
+    EXPECT_FALSE(control<QLabel>(*dialog, "imgCat").pixmap().isNull());
+    for (int i = 0; i < 7; ++i)
+        EXPECT_EQ(tree.topLevelItem(i)->font(0).bold(), i == 3) << i;
+    // The network page holds the three network settings with their check boxes.
+    for (const char* name : {"DNSServer", "ListenPort", "SmtpServer", "DNSServerDefault", "ListenPortDefault",
+                             "SmtpServerDefault"})
+        EXPECT_EQ(pages.currentWidget()->findChild<QWidget*>(name) != nullptr, true) << name;
+
+    dialog->selectCategory("cat_relay_6");
+    EXPECT_TRUE(control<QLabel>(*dialog, "imgCat").pixmap().isNull());
+    EXPECT_EQ(control<QLabel>(*dialog, "lblRelay").text(),
+              QString("Etre serveur de relai pour le réseau 192.168.x.x:"));
+}
+
+TEST_F(DialogFixture, OpeningFillsFromTheFileWhereFlaggedElseFromTheDefaultsDisabled)
+{
+    EXPECT_TRUE(box("SmtpServerDefault").isChecked());
+    EXPECT_TRUE(control<QLineEdit>(*dialog, "SmtpServer").isEnabled());
+    EXPECT_EQ(control<QLineEdit>(*dialog, "SmtpServer").text(), QString("mail.example.org"));
+    EXPECT_TRUE(box("ListenPortDefault").isChecked());
+    EXPECT_EQ(control<QSpinBox>(*dialog, "ListenPort").value(), bench.port);
+    EXPECT_TRUE(control<QRadioButton>(*dialog, "optRelayNo").isChecked());
+    EXPECT_TRUE(control<QRadioButton>(*dialog, "optRelayNo").isEnabled());
+
+    EXPECT_FALSE(box("MaxNbrAttemptDefault").isChecked());
+    EXPECT_FALSE(control<QSpinBox>(*dialog, "MaxNbrAttempt").isEnabled());
+    EXPECT_EQ(control<QSpinBox>(*dialog, "MaxNbrAttempt").value(), 3);
+    EXPECT_FALSE(box("LaunchStartDefault").isChecked());
+    EXPECT_TRUE(control<QRadioButton>(*dialog, "optLaunchStartYes").isChecked());
+    EXPECT_FALSE(control<QRadioButton>(*dialog, "optLaunchStartYes").isEnabled());
+    EXPECT_FALSE(control<QRadioButton>(*dialog, "optLaunchStartNo").isEnabled());
+    EXPECT_EQ(box("LaunchStartDefault").text(), QString("Outrepasser la valeur par défaut"));
+    EXPECT_EQ(control<QRadioButton>(*dialog, "optLaunchStartYes").text(), QString("Oui"));
+    EXPECT_EQ(control<QRadioButton>(*dialog, "optLaunchStartNo").text(), QString("Non"));
+    EXPECT_EQ(control<QLabel>(*dialog, "lblSmtpServerDefaultValue").text(), QString("Défaut: smtp.fai.com"));
+
+    // The languages offered are the files of the language folder.
+    auto& languages = control<QComboBox>(*dialog, "Language");
+    EXPECT_NE(languages.findText("de"), -1);
+    EXPECT_EQ(languages.currentText(), QString("fr"));
+
+    // A check box switches its controls on and off.
+    box("LaunchStartDefault").click();
+    EXPECT_TRUE(control<QRadioButton>(*dialog, "optLaunchStartYes").isEnabled());
+    EXPECT_TRUE(control<QRadioButton>(*dialog, "optLaunchStartNo").isEnabled());
+    box("LaunchStartDefault").click();
+    EXPECT_FALSE(control<QRadioButton>(*dialog, "optLaunchStartNo").isEnabled());
+    box("SmtpServerDefault").click();
+    EXPECT_FALSE(control<QLineEdit>(*dialog, "SmtpServer").isEnabled());
+}
+
+TEST_F(DialogFixture, WritingWithEveryBoxClearedGivesTheHeaderOnlyFile)
+{
+    for (QCheckBox* each : dialog->findChildren<QCheckBox*>())
+        each->setChecked(false);
+    control<QPushButton>(*dialog, "btnWrite").click();
+    EXPECT_EQ(iniFile(), kHeaderOnlyIni);
+    EXPECT_TRUE(readFile(bench.path("maillog.txt")).contains(" Postiq: Writing Postiq.ini"));
+}
+
+TEST_F(DialogFixture, WritingWithEveryBoxSetWritesEverySettingAndTakesEffectOnlyAtReload)
+{
+    for (QCheckBox* each : dialog->findChildren<QCheckBox*>())
+        each->setChecked(true);
+    control<QRadioButton>(*dialog, "optDebugModeYes").setChecked(true);
+    control<QSpinBox>(*dialog, "ListenPort").setValue(2626);
+    control<QComboBox>(*dialog, "Language").setCurrentText("de");
+    control<QSpinBox>(*dialog, "MaxNbrAttempt").setValue(5);
+    control<QSpinBox>(*dialog, "AttemptDelay").setValue(30);
+    control<QRadioButton>(*dialog, "optLaunchStartNo").setChecked(true);
+    control<QRadioButton>(*dialog, "optKeepLocalYes").setChecked(true);
+    control<QLineEdit>(*dialog, "DNSServer").setText("10.0.0.1");
+    control<QLineEdit>(*dialog, "SmtpServer").setText("relay.example.net");
+    control<QRadioButton>(*dialog, "optRelayYes").setChecked(true);
+    control<QRadioButton>(*dialog, "optComputerStartNo").setChecked(true);
+    control<QPushButton>(*dialog, "btnWrite").click();
+
+    EXPECT_EQ(iniFile(), QByteArray("# Fichier de configuration de Postiq\r\n"
+                                    "# Placer un dièse '#' devant une ligne pour qu'elle devienne un commentaire\r\n"
+                                    "\r\n"
+                                    "# Version de Postiq pour ce fichier de configuration (dernière écriture logicielle)\r\n"
+                                    "# Postiq Version 3.0\r\n"
+                                    "\r\n"
+                                    "Debug\tOn\r\n\r\n"
+                                    "ListenPort\t2626\r\n\r\n"
+                                    "Language\tde\r\n\r\n"
+                                    "# Nombre maximal de tentatives d'envoi en cas d'échec\r\nMaxNbrAttempt\t5\r\n\r\n"
+                                    "# Nombre de minutes avant la prochaine tentative d'envoi après un échec\r\n"
+                                    "AttemptDelay\t30\r\n\r\n"
+                                    "<Global>\r\n"
+                                    "\t# Démarrer Postiq à son lancement\r\n\tLaunchStart\tOff\r\n\r\n"
+                                    "\t# Forcer Postiq à accepter les mails mais les laisser\r\n"
+                                    "\t# dans le répertoire local d'envoi 'OutBox'\r\n\tKeepLocal\tOn\r\n\r\n"
+                                    "\t# Serveur DNS (généralement celui de votre FAI)\r\n\t#DNSServer\t127.0.0.1\r\n"
+                                    "\tDNSServer\t10.0.0.1\r\n\r\n"
+                                    "\t# Serveur SMTP (pour tous message sortant)\r\n\tSmtpServer\trelay.example.net\r\n\r\n"
+                                    "\t# Etre relai pour le réseau 192.168.x.x\r\n\tRelay\tOn\r\n\r\n"
+                                    "</Global>\r\n"
+                                    "\r\n"
+                                    "<Registry>\r\n"
+                                    "\tComputerStart\tOff\r\n"
+                                    "</Registry>\r\n"));
+
+    // Loaded, not applied: the running values are the defaults until the next reload.
+    Settings& settings = bench.application->settings();
+    EXPECT_EQ(settings.UserSettings.SmtpServer, QString("relay.example.net"));
+    EXPECT_TRUE(settings.UserSettings.SmtpServerDefined);
+    EXPECT_EQ(settings.ActiveSettings.SmtpServer, QString("smtp.fai.com"));
+    EXPECT_EQ(settings.ActiveSettings.ListenPort, 25);
+    EXPECT_TRUE(bench.application->serviceStarted()); // still on its old port
+
+    bench.shell->menu().mnureload->trigger();
+    EXPECT_EQ(settings.ActiveSettings.SmtpServer, QString("relay.example.net"));
+    EXPECT_EQ(settings.ActiveSettings.ListenPort, 2626);
+    EXPECT_EQ(settings.ActiveSettings.Language, QString("de"));
+}
+
+TEST_F(DialogFixture, CloseLeavesTheFileAlone)
+{
+    const QByteArray before = iniFile();
+    control<QLineEdit>(*dialog, "SmtpServer").setText("changed.example");
+    control<QPushButton>(*dialog, "btnClose").click();
+    EXPECT_TRUE(spinUntil([&] { return bench.shell->configurationDialog() == nullptr; }, 2000));
+    EXPECT_EQ(iniFile(), before);
+}
