@@ -2,7 +2,7 @@
 # Shared by run.sh and test.sh: installs the Debian packages the build needs, then configures and
 # builds in build/. Sourced, so that the caller's `set -e` and working directory apply.
 
-packages=(g++ cmake make pkg-config qt6-base-dev libldns-dev libgtest-dev libgmock-dev)
+packages=(g++ cmake make pkg-config qt6-base-dev libldns-dev libgtest-dev libgmock-dev openssl)
 
 missing=()
 for p in "${packages[@]}"; do

@@ -56,6 +56,8 @@ ServerRoute ParseServerRoute(const QByteArray& configured)
         }
     }
     splitHostAndPort(text, defaultPort, route);
+    if (route.submission() && route.host.startsWith('[') && route.host.endsWith(']'))
+        route.host = route.host.mid(1, route.host.size() - 2); // "[v6]" without a port
     return route;
 }
 
