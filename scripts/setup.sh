@@ -3,7 +3,7 @@
 # builds in build/. Sourced, so that the caller's `set -e` and working directory apply.
 
 packages=(g++ cmake make pkg-config qt6-base-dev libqt6svg6 libldns-dev libgtest-dev libgmock-dev
-          xvfb xauth trayer)
+          openssl xvfb xauth trayer)
 
 missing=()
 for p in "${packages[@]}"; do

@@ -32,6 +32,7 @@ void OutboundSession::SmtpDistant_Error(uint8_t n, int errorNumber, const QByteA
         logs_.DbgAdd("<FONT COLOR='#0000FF'>Error for SMTPDISTANT[" + number(n) + "]: " + message.ID + " "
                      + number(errorNumber) + ": " + description + "</FONT><BR>");
         message.LastError = number(errorNumber) + ": " + description;
+        opening_[n].password.clear();
         if (QTcpSocket* socket = tables_.SmtpDistant(n))
             socket->abort();
         if (QTimer* watchdog = watchdog_[n])

@@ -2,6 +2,7 @@
 
 #include <QHostAddress>
 #include <QHostInfo>
+#include <QSslSocket>
 #include <QTcpSocket>
 #include <QTimer>
 
@@ -23,7 +24,6 @@ namespace postiq {
 
 namespace {
 const QByteArray kCrLf = "\r\n";
-constexpr int kSmtpPort = 25;
 constexpr int kRefusal = 550;
 
 template <int32_t S>
@@ -35,23 +35,14 @@ QByteArray number(int n) { return QByteArray::number(n); }
 // The reply without its final CR LF.
 QByteArray withoutLineEnd(const QByteArray& reply) { return reply.left(qMax<qsizetype>(0, reply.size() - 2)); }
 
-// "host" or "host:port" as a fixed server may be written; "[v6]:port" for an IPv6 address.
-QPair<QString, quint16> hostAndPort(const QByteArray& configured)
+// A reply is whole when its last line is not a continuation line ("250-...").
+bool IsWholeReply(const QByteArray& text)
 {
-    const QString text = QString::fromUtf8(configured).trimmed();
-    const qsizetype colon = text.lastIndexOf(':');
-    const bool bracketed = text.startsWith('[');
-    if (colon > 0 && (bracketed ? text.at(colon - 1) == ']' : text.indexOf(':') == colon)) {
-        bool ok = false;
-        const uint port = text.mid(colon + 1).toUInt(&ok);
-        if (ok && port > 0 && port <= 65535) {
-            QString host = text.left(colon);
-            if (bracketed)
-                host = host.mid(1, host.size() - 2);
-            return {host, quint16(port)};
-        }
-    }
-    return {text, quint16(kSmtpPort)};
+    if (!text.endsWith('\n'))
+        return false;
+    const qsizetype start = text.lastIndexOf('\n', text.size() - 2) + 1;
+    const QByteArray last = text.mid(start);
+    return last.size() < 4 || last.at(3) != '-';
 }
 } // namespace
 
@@ -69,6 +60,24 @@ const OutboundSession::Row OutboundSession::kRows[] = {
     {anyState,           kAnyCode,  &OutboundSession::notImplemented},
 };
 
+// The secure opening of a submission route. Once logged in (or at once after the secure EHLO
+// when there is no login) the session carries on as if HELO had been answered.
+const OutboundSession::Row OutboundSession::kOpeningRows[] = {
+    // Status            code       action
+    {is<Connecting>,     220,       &OutboundSession::sendEhlo},
+    {is<EhloSent>,       250,       &OutboundSession::sendStartTls},
+    {is<EhloSent>,       kAnyCode,  &OutboundSession::noStartTls},
+    {is<StartTlsSent>,   220,       &OutboundSession::startTls},
+    {is<StartTlsSent>,   kAnyCode,  &OutboundSession::noStartTls},
+    {is<SecureEhloSent>, 250,       &OutboundSession::authenticate},
+    {is<AuthLoginSent>,  334,       &OutboundSession::sendLoginUser},
+    {is<AuthUserSent>,   334,       &OutboundSession::sendLoginPassword},
+    {is<AuthSent>,       235,       &OutboundSession::authenticated},
+    {is<AuthLoginSent>,  kAnyCode,  &OutboundSession::authenticationFailed},
+    {is<AuthUserSent>,   kAnyCode,  &OutboundSession::authenticationFailed},
+    {is<AuthSent>,       kAnyCode,  &OutboundSession::authenticationFailed},
+};
+
 OutboundSession::OutboundSession(Logs& logs, const Settings& settings, ConnectionTables& tables,
                                  Dispatcher& dispatcher, QObject* parent)
     : QObject(parent), logs_(logs), settings_(settings), tables_(tables), dispatcher_(dispatcher)
@@ -84,6 +93,8 @@ void OutboundSession::attach(uint8_t n, QTcpSocket& socket)
     // Queued: a socket may report a failure from inside a call made by another handler.
     connect(&socket, &QTcpSocket::errorOccurred, this, [this, n, guard] { socketError(n, guard); },
             Qt::QueuedConnection);
+    if (auto* tls = qobject_cast<QSslSocket*>(&socket))
+        connect(tls, &QSslSocket::encrypted, this, [this, n, guard] { encrypted(n, guard); });
     auto* watchdog = new QTimer(&socket);
     watchdog->setSingleShot(true);
     connect(watchdog, &QTimer::timeout, this, [this, n, guard] { watchdogExpired(n, guard); });
@@ -108,17 +119,21 @@ void OutboundSession::connectToCurrentHost(uint8_t n)
     QTcpSocket* socket = tables_.SmtpDistant(n);
     if (!socket)
         throw Fault(ErrInvalidCall, QStringLiteral("SmtpDistant(%1): socket instance not loaded").arg(n));
-    cnx.SrvClient = cnx.DNS.MX.Host(cnx.DNS.CurrentMX);
+    const QByteArray configured = cnx.DNS.MX.Host(cnx.DNS.CurrentMX);
+    opening_[n] = Opening{ParseServerRoute(configured), {}};
+    const ServerRoute& route = opening_[n].route;
+    // A submission server is named by host and port: the login stays out of the logs.
+    cnx.SrvClient = route.submission() ? route.hostAndPort() : configured;
     cnx.CurrentRcptTo = 0; // a new dialogue names its recipients from the first
     cnx.SmtpCommand.clear();
     remoteIp_[n].clear();
-    const auto [host, port] = hostAndPort(cnx.SrvClient);
+    const QString host = route.host;
     socket->abort();
     armWatchdog(n, timeouts.connect);
     // The name is resolved here rather than by the socket, so that a failure can name the
     // address that refused, and a name that does not resolve is "host not found".
     const QPointer<QTcpSocket> guard(socket);
-    QHostInfo::lookupHost(host, this, [this, n, guard, port](const QHostInfo& info) {
+    QHostInfo::lookupHost(host, this, [this, n, guard](const QHostInfo& info) {
         Trapped(logs_, "M:MAIN[SmtpDistant_Connect]", [&] {
             if (!owns(n, guard) || tables_.CnxOut(n).Status() != Connecting)
                 return;
@@ -128,7 +143,7 @@ void OutboundSession::connectToCurrentHost(uint8_t n)
             }
             const QHostAddress address = info.addresses().constFirst();
             remoteIp_[n] = PlainAddressText(address);
-            guard->connectToHost(address, port);
+            startConnection(n, address);
         });
     });
 }
@@ -160,17 +175,34 @@ void OutboundSession::SmtpDistant_DataArrival(uint8_t n, QTcpSocket* socket)
                          + " " + HtmlEscape(text) + "</FONT>");
         }
         CConnexion& cnx = tables_.CnxOut(n);
-        cnx.SmtpCommand = text;
-        bool isNumber = false;
-        const int code = GetResponseCode(text).toInt(&isNumber);
-        Reply reply{n, cnx, text};
-        for (const Row& row : kRows) {
-            if (row.state(cnx.Status()) && (row.code == kAnyCode || (isNumber && row.code == code))) {
-                (this->*row.action)(reply);
+        if (inOpening(n)) {
+            // The opening decides on whole replies (an EHLO reply may come in pieces).
+            cnx.SmtpCommand += text;
+            if (!IsWholeReply(cnx.SmtpCommand))
                 return;
-            }
+            Reply reply{n, cnx, cnx.SmtpCommand};
+            cnx.SmtpCommand.clear();
+            if (!applyFirstRow(kOpeningRows, reply))
+                applyFirstRow(kRows, reply);
+            return;
         }
+        cnx.SmtpCommand = text;
+        Reply reply{n, cnx, text};
+        applyFirstRow(kRows, reply);
     });
+}
+
+bool OutboundSession::applyFirstRow(std::span<const Row> rows, Reply& reply)
+{
+    bool isNumber = false;
+    const int code = GetResponseCode(reply.text).toInt(&isNumber);
+    for (const Row& row : rows) {
+        if (row.state(reply.cnx.Status()) && (row.code == kAnyCode || (isNumber && row.code == code))) {
+            (this->*row.action)(reply);
+            return true;
+        }
+    }
+    return false;
 }
 
 void OutboundSession::sendComplete(uint8_t n, QTcpSocket* socket)

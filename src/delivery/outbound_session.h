@@ -6,9 +6,12 @@
 #include <array>
 #include <chrono>
 #include <cstdint>
+#include <span>
 
+#include "delivery/server_route.h"
 #include "smtp_in/connexion.h"
 
+class QHostAddress;
 class QTcpSocket;
 class QTimer;
 
@@ -28,7 +31,15 @@ enum OutboundState : int32_t {
     DataSent = 7,     // DATA sent, waiting for the go-ahead
     Writing = 9,      // message text being written to the socket
     Written = 11,     // message text handed over, waiting for the final reply
-    Finished = 12     // QUIT sent
+    Finished = 12,    // QUIT sent
+    // The secure opening of a submission route, before it joins the states above at HeloSent.
+    EhloSent = 20,       // smtp://: EHLO sent in plain text, STARTTLS must be offered
+    StartTlsSent = 21,   // waiting for the go-ahead to start TLS
+    TlsHandshake = 22,   // TLS being negotiated on the open connection
+    SecureEhloSent = 23, // EHLO sent over TLS
+    AuthSent = 24,       // AUTH PLAIN, or the password of AUTH LOGIN, sent: waiting for 235
+    AuthLoginSent = 25,  // AUTH LOGIN sent: waiting for the user name prompt
+    AuthUserSent = 26,   // AUTH LOGIN user name sent: waiting for the password prompt
 };
 
 // How long a delivery may wait for the server. Without limits a server that never answers
@@ -51,7 +62,8 @@ public:
     // Wires the socket of a freshly taken slot to the session's handlers.
     void attach(uint8_t n, QTcpSocket& socket);
     // Connects slot n to its current mail host (Host(CurrentMX)): port 25, or the ":port" that a
-    // fixed server carries. The dialogue restarts from the greeting.
+    // fixed server carries, or a submission route (smtp://, smtps://) with its TLS and login. The
+    // dialogue restarts from the greeting.
     void connectToCurrentHost(uint8_t n);
 
     OutboundTimeouts timeouts;
@@ -71,8 +83,21 @@ private:
     };
     static constexpr int kAnyCode = -1;
     static const Row kRows[];
+    // The secure opening of a submission route, tried before kRows; what it has no row for
+    // falls through to kRows.
+    static const Row kOpeningRows[];
+
+    // What a submission route needs on a slot beyond the plain dialogue.
+    struct Opening {
+        ServerRoute route;
+        QByteArray password; // read just before connecting, dropped once sent
+    };
 
     bool owns(uint8_t n, QTcpSocket* socket) const;
+    bool applyFirstRow(std::span<const Row> rows, Reply& reply);
+    // Whether the slot reads whole (multi-line) replies: a submission route before it joins
+    // the plain dialogue.
+    bool inOpening(uint8_t n) const;
     void armWatchdog(uint8_t n, std::chrono::milliseconds limit);
 
     // Socket events.
@@ -81,6 +106,23 @@ private:
     void sendComplete(uint8_t n, QTcpSocket* socket);
     void socketError(uint8_t n, QTcpSocket* socket);
     void watchdogExpired(uint8_t n, QTcpSocket* socket);
+    void encrypted(uint8_t n, QTcpSocket* socket);
+
+    // The secure opening (submission.cpp).
+    void startConnection(uint8_t n, const QHostAddress& address);
+    bool readPassword(uint8_t n);
+    void sendEhlo(Reply& reply);
+    void sendStartTls(Reply& reply);
+    void startTls(Reply& reply);
+    void authenticate(Reply& reply);
+    void sendLoginUser(Reply& reply);
+    void sendLoginPassword(Reply& reply);
+    void authenticated(Reply& reply);
+    void noStartTls(Reply& reply);
+    void authenticationFailed(Reply& reply);
+    void sendEhloCommand(uint8_t n);
+    // Sends a command that carries the password: the debug log shows `shown` instead.
+    void sendSecret(uint8_t n, const QByteArray& command, const QByteArray& shown);
 
     // The reply table's actions.
     void sendHelo(Reply& reply);
@@ -123,6 +165,7 @@ private:
     std::array<QByteArray, ConnectionTables::kUpperBound + 1> remoteIp_;
     // Each busy slot's time limit; a child of the slot's socket, so it goes with it.
     std::array<QPointer<QTimer>, ConnectionTables::kUpperBound + 1> watchdog_;
+    std::array<Opening, ConnectionTables::kUpperBound + 1> opening_;
 };
 
 } // namespace postiq

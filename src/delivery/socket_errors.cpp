@@ -9,6 +9,9 @@ int SocketErrorNumber(QAbstractSocket::SocketError error)
     case QAbstractSocket::RemoteHostClosedError: return ErrConnectionReset;
     case QAbstractSocket::HostNotFoundError: return ErrHostNotFound;
     case QAbstractSocket::SocketTimeoutError: return ErrTimedOut;
+    case QAbstractSocket::SslHandshakeFailedError:
+    case QAbstractSocket::SslInternalError:
+    case QAbstractSocket::SslInvalidUserDataError: return ErrTlsFailed;
     default: return ErrOtherSocketBase + int(error);
     }
 }
@@ -20,6 +23,9 @@ QByteArray ReasonText(int number)
     case ErrConnectionReset: return "reset by peer";
     case ErrHostNotFound: return "host not found";
     case ErrTimedOut: return "time out";
+    case ErrTlsFailed: return "TLS error";
+    case ErrNoStartTls: return "no STARTTLS";
+    case ErrAuthFailed: return "authentication failed";
     default: return "unknown reason: " + QByteArray::number(number);
     }
 }

@@ -14,12 +14,17 @@ enum DeliveryErrorNumber : int {
     ErrConnectionRefused = 10061, // nothing listens there
     ErrHostNotFound = 11001,      // the server's name does not resolve
     ErrOtherSocketBase = 20000,   // + the socket layer's own error code, for anything else
+    // The secure opening of a submission route; each fails the connection, never falls back to plain.
+    ErrTlsFailed = 30001,  // the TLS handshake failed: certificate not trusted or for another host, ...
+    ErrNoStartTls = 30002, // an smtp:// server that does not offer STARTTLS, or refuses it
+    ErrAuthFailed = 30003, // the login was refused, or no password could be read for it
 };
 
 int SocketErrorNumber(QAbstractSocket::SocketError error);
 
 // The reason words of a failure number: "refused by peer", "reset by peer", "host not found",
-// "time out", or "unknown reason: " followed by the number.
+// "time out", "TLS error", "no STARTTLS", "authentication failed", or "unknown reason: " followed
+// by the number.
 QByteArray ReasonText(int number);
 
 } // namespace postiq

@@ -1,6 +1,7 @@
 #include "smtp_in/connexion.h"
 
 #include <QHostAddress>
+#include <QSslSocket>
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QTimer>
@@ -108,7 +109,8 @@ QTcpSocket* ConnectionTables::SmtpDistant(int n) const
 QTcpSocket& ConnectionTables::LoadSmtpDistant(int n)
 {
     QPointer<QTcpSocket>& instance = unloadedInstance(smtpDistant_, n, "SmtpDistant");
-    instance = new QTcpSocket(&socketOwner_);
+    // A TLS-capable socket, so that a submission route can secure it; plain until asked.
+    instance = new QSslSocket(&socketOwner_);
     return *instance;
 }
 
