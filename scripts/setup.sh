@@ -1,9 +1,12 @@
 #!/usr/bin/env bash
-# Shared by run.sh and test.sh: installs the Debian packages the build needs, then configures and
-# builds in build/. Sourced, so that the caller's `set -e` and working directory apply.
+# Shared by run.sh, test.sh and package.sh: installs the Debian packages the build needs, then
+# configures and builds in build/ (unless the caller sets skip_build). Sourced, so that the
+# caller's `set -e` and working directory apply.
 
+# libqt6svg6: the icons; openssl: the suite's test authority; xvfb, xauth and trayer: the desktop
+# screenshots; dpkg-dev and man-db: the package's library dependencies and its manual page.
 packages=(g++ cmake make pkg-config qt6-base-dev libqt6svg6 libldns-dev libgtest-dev libgmock-dev
-          openssl xvfb xauth trayer)
+          openssl xvfb xauth trayer dpkg-dev man-db)
 
 missing=()
 for p in "${packages[@]}"; do
@@ -12,16 +15,19 @@ done
 
 if [ ${#missing[@]} -gt 0 ]; then
   echo "Installing missing packages: ${missing[*]}"
+  # sudo -n never waits for a password (a CI run has nobody to type it); env carries the
+  # non-interactive front end through sudo, which would otherwise drop it.
   if [ "$(id -u)" -eq 0 ]; then
-    apt_get=(apt-get)
-  elif command -v sudo >/dev/null 2>&1; then
-    apt_get=(sudo apt-get)
+    as_root=(env DEBIAN_FRONTEND=noninteractive)
+  elif command -v sudo >/dev/null 2>&1 && sudo -n true 2>/dev/null; then
+    as_root=(sudo -n env DEBIAN_FRONTEND=noninteractive)
   else
     echo "error: these Debian packages are missing and this user cannot install them:" >&2
-    echo "  apt-get install ${missing[*]}" >&2
+    echo "  sudo apt-get install ${missing[*]}" >&2
     exit 1
   fi
-  export DEBIAN_FRONTEND=noninteractive
+  # Another apt run may hold the lock: wait for it rather than fail.
+  apt_get=("${as_root[@]}" apt-get -o DPkg::Lock::Timeout=600)
   "${apt_get[@]}" update -qq
   "${apt_get[@]}" install -y -qq "${missing[@]}" || {
     echo "error: could not install: ${missing[*]}" >&2
@@ -30,5 +36,7 @@ if [ ${#missing[@]} -gt 0 ]; then
 fi
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
-cmake -S "$root" -B "$root/build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build "$root/build" -j "$(nproc)"
+if [ -z "${skip_build:-}" ]; then
+  cmake -S "$root" -B "$root/build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+  cmake --build "$root/build" -j "$(nproc)"
+fi
