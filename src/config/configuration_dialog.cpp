@@ -267,14 +267,20 @@ void ConfigurationDialog::addLanguage(QWidget* page)
         [](const CConfiguration& c) { return c.Language; });
 }
 
-// The languages offered are the files of the language folder, each with its flag when an icon of
-// the same name lies beside it.
+// The languages offered are the files of the language folders (the program folder's, then those
+// installed with the program), each once, with its flag when an icon of the same name lies beside it.
 void ConfigurationDialog::fillLanguages()
 {
-    const QDir folder(SubfolderPath(logs_.folder(), QStringLiteral("language")));
-    for (const QFileInfo& file : folder.entryInfoList({QStringLiteral("*.ini")}, QDir::Files, QDir::Name)) {
-        const QString flag = folder.filePath(file.completeBaseName() + QStringLiteral(".ico"));
-        language_->addItem(QFileInfo::exists(flag) ? QIcon(flag) : QIcon(), file.completeBaseName());
+    QStringList offered;
+    for (const QString& path : LanguageFolders(logs_.folder())) {
+        const QDir folder(path);
+        for (const QFileInfo& file : folder.entryInfoList({QStringLiteral("*.ini")}, QDir::Files, QDir::Name)) {
+            if (offered.contains(file.completeBaseName()))
+                continue;
+            offered << file.completeBaseName();
+            const QString flag = folder.filePath(file.completeBaseName() + QStringLiteral(".ico"));
+            language_->addItem(QFileInfo::exists(flag) ? QIcon(flag) : QIcon(), file.completeBaseName());
+        }
     }
 }
 

@@ -53,9 +53,14 @@ void LanguageTable::LOADFile(Logs& logs, const QString& name)
         rows_.clear();
         resetSharedWords();
 
-        // The folder is found whatever its letter case, as start-up accepts it.
-        QFile file(SubfolderPath(logs.folder(), QStringLiteral("language")) + u'/' + name
-                   + QStringLiteral(".ini"));
+        // The program folder's own file first (its folder found whatever its letter case, as
+        // start-up accepts it), then the one installed with the program.
+        QFile file;
+        for (const QString& folder : LanguageFolders(logs.folder())) {
+            file.setFileName(folder + u'/' + name + QStringLiteral(".ini"));
+            if (file.exists())
+                break;
+        }
         if (!file.exists())
             return;
         if (!file.open(QIODevice::ReadOnly))

@@ -3,6 +3,7 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QFileInfo>
+#include <QStandardPaths>
 #include <QTemporaryFile>
 
 namespace postiq {
@@ -42,6 +43,15 @@ QString SubfolderPath(const QString& programFolder, const QString& name)
             return program.filePath(folder);
     }
     return program.filePath(name);
+}
+
+QStringList LanguageFolders(const QString& programFolder)
+{
+    QStringList folders{SubfolderPath(programFolder, QStringLiteral("language"))};
+    folders += QStandardPaths::locateAll(QStandardPaths::GenericDataLocation, QStringLiteral("postiq/language"),
+                                         QStandardPaths::LocateDirectory);
+    folders.removeDuplicates();
+    return folders;
 }
 
 } // namespace postiq

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QString>
+#include <QStringList>
 
 namespace postiq {
 
@@ -16,5 +17,10 @@ bool prepareProgramFolder(const QString& dir, QString* error);
 // existing "Language" serves as "language"); an exact match wins. When there is none, the path
 // is built with the name as given.
 QString SubfolderPath(const QString& programFolder, const QString& name);
+
+// Where language files are looked for, in order: the program folder's own `language` folder,
+// then the copies installed with the program (`postiq/language` under the system's data folders,
+// such as /usr/share). A file in the program folder wins over an installed one of the same name.
+QStringList LanguageFolders(const QString& programFolder);
 
 } // namespace postiq

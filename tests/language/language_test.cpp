@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <QDir>
+#include <QTemporaryDir>
 
 #include "language/language.h"
 #include "support/fakes.h"
@@ -77,6 +78,30 @@ TEST(LOADFile, MissingFileLeavesTheBuiltInFrenchSilentlyAndUnreadableIsFatal)
     EXPECT_THROW(bench.table.LOADFile(bench.logs, "de"), ProgramEnded);
     ASSERT_EQ(bench.desktop.diagnostics.size(), 1);
     EXPECT_TRUE(bench.desktop.diagnostics[0].startsWith("Where: MOD:LANGUAGE[LOADFile], number 75: "));
+}
+
+} // namespace
+
+namespace {
+
+// A language installed with the program serves every program folder; a file of the same name in
+// the program folder's own language folder wins.
+TEST(LOADFile, InstalledLanguagesServeWhenTheProgramFolderHasNone)
+{
+    LanguageBench bench;
+    QTemporaryDir data;
+    QDir(data.path()).mkpath("postiq/language");
+    writeFile(data.path() + "/postiq/language/xx.ini", "<MAIN>\r\nCPT_x=installed\r\n</MAIN>\r\n");
+    const QByteArray saved = qgetenv("XDG_DATA_DIRS");
+    qputenv("XDG_DATA_DIRS", data.path().toUtf8());
+
+    bench.table.LOADFile(bench.logs, "xx");
+    EXPECT_EQ(bench.table.rows(), QList<Row>({{"MAIN", "CPT_x", "installed"}}));
+    bench.writeLanguage("xx", "<MAIN>\r\nCPT_x=own\r\n</MAIN>\r\n");
+    bench.table.LOADFile(bench.logs, "xx");
+    EXPECT_EQ(bench.table.rows(), QList<Row>({{"MAIN", "CPT_x", "own"}}));
+
+    qputenv("XDG_DATA_DIRS", saved);
 }
 
 } // namespace
