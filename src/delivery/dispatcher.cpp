@@ -1,6 +1,7 @@
 #include "delivery/dispatcher.h"
 
 #include <QDirIterator>
+#include <QFile>
 #include <QFileInfo>
 #include <QTcpSocket>
 #include <limits>
@@ -13,6 +14,7 @@
 #include "notify/generate_return_mail.h"
 #include "notify/dates.h"
 #include "platform/clock.h"
+#include "platform/folder_scan.h"
 #include "platform/program_folder.h"
 #include "smtp_in/connexion.h"
 #include "store/address.h"
@@ -91,16 +93,18 @@ void Dispatcher::VerifOutBox()
     Trapped(logs_, "D:MODULE[VerifOutBox]", [&] {
         if (settings_.ActiveSettings.KeepLocal)
             return;
+        if (!freeCnxOut()) {
+            // Every slot is busy: the queue waits for the next release or tick.
+            enableOutboxTimer();
+            return;
+        }
         // Stops at the first file it can dispatch: a call costs the entries it skips, no more.
-        for (QDirIterator files = queueFiles(logs_, "OutBox"); files.hasNext();) {
-            const QString file = files.nextFileInfo().fileName();
-            if (claimed(file))
+        const QSet<QByteArray> claimed = claimedFiles();
+        FolderScan files(SubfolderPath(logs_.folder(), QStringLiteral("OutBox")));
+        while (const std::optional<QByteArray> name = files.nextFile()) {
+            if (claimed.contains(*name))
                 continue; // being delivered
-            if (!freeCnxOut()) {
-                // Every slot is busy: the file waits for the next release or tick.
-                enableOutboxTimer();
-                return;
-            }
+            const QString file = QFile::decodeName(*name);
             logs_.DbgAdd("<FONT face='Verdana' size='2'>" + GMTDate(logs_.clock()) + ": OUT demande d'envoi demandée ("
                          + file.toUtf8() + ")</FONT><BR>");
             SendOutSmtp(file);
@@ -112,14 +116,15 @@ void Dispatcher::VerifOutBox()
 
 // Only a busy slot claims its file: a released slot keeps the name readable, but the file (a
 // bounce written under the same name, a deferred file back) is free to go again.
-bool Dispatcher::claimed(const QString& file) const
+QSet<QByteArray> Dispatcher::claimedFiles() const
 {
+    QSet<QByteArray> files;
     for (int i = 0; i <= kLastUsableOutSlot; ++i) {
         CConnexion& cnx = tables_.CnxOut(i);
-        if (cnx.Status() != 0 && cnx.CurrentOutFile == file)
-            return true;
+        if (cnx.Status() != 0)
+            files.insert(QFile::encodeName(cnx.CurrentOutFile));
     }
-    return false;
+    return files;
 }
 
 // The search starts at the slot taken last and wraps from 99 to 1; one round at the most.

@@ -2,6 +2,7 @@
 
 #include <QByteArray>
 #include <QObject>
+#include <QSet>
 #include <QString>
 #include <QTimer>
 #include <cstdint>
@@ -57,8 +58,8 @@ public:
 
 private:
     void outboxTick();
-    // Whether a busy OUT slot is delivering this file.
-    bool claimed(const QString& file) const;
+    // The files that busy OUT slots are delivering.
+    QSet<QByteArray> claimedFiles() const;
     std::optional<uint8_t> freeCnxOut() const;
     // Steps that follow the route lookup of a dispatch on slot i.
     void routeResolved(uint8_t i, const QString& file, const QByteArray& domain);

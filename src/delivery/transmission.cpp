@@ -1,28 +1,27 @@
 #include "delivery/transmission.h"
 
+#include <cstring>
+
 namespace postiq {
 
 QByteArray TransmissionText(const QByteArray& data)
 {
     QByteArray out;
     out.reserve(data.size() + data.size() / 64 + 5);
-    bool lineStart = true;
-    for (qsizetype i = 0; i < data.size(); ++i) {
-        const char c = data[i];
-        if (c == '\r' || c == '\n') {
-            if (c == '\r' && i + 1 < data.size() && data[i + 1] == '\n')
-                ++i; // a proper CR LF
-            out += "\r\n";
-            lineStart = true;
-            continue;
-        }
-        if (lineStart && c == '.') {
-            const qsizetype next = i + 1;
-            if (next == data.size() || data[next] == '\r' || data[next] == '\n')
-                out += '.'; // a lone dot would end the data here
-        }
-        out += c;
-        lineStart = false;
+    const char* p = data.constData();
+    const char* const end = p + data.size();
+    while (p < end) {
+        // One line: its text up to the next CR or LF, copied whole.
+        const char* lineEnd = p;
+        while (lineEnd < end && *lineEnd != '\r' && *lineEnd != '\n')
+            ++lineEnd;
+        if (lineEnd - p == 1 && *p == '.')
+            out += '.'; // a lone dot would end the data here
+        out.append(p, lineEnd - p);
+        if (lineEnd == end)
+            break;
+        out += "\r\n"; // a proper CR LF, a bare CR or a bare LF alike
+        p = lineEnd + ((*lineEnd == '\r' && lineEnd + 1 < end && lineEnd[1] == '\n') ? 2 : 1);
     }
     return out + "\r\n.\r\n";
 }
