@@ -44,6 +44,9 @@ public:
     void ErrorLog(const QByteArray& line);
     void UpdateLog(const QByteArray& line);
 
+    // Whether a debug entry would be written now: a caller can spare building one that is not.
+    bool debugWritten() const { return !debug_.configLoaded() || debug_.debugMode(); }
+
     // Appends CR LF to the caller's message, as the entry is written with it.
     void DbgAdd(QByteArray& message, int kind = DbgPlain);
     void DbgAdd(const QByteArray& message, int kind = DbgPlain)

@@ -234,8 +234,10 @@ void InboundSession::readUnits(uint8_t n, QTcpSocket* socket)
 void InboundSession::handleUnit(uint8_t n, const QByteArray& line)
 {
     const QByteArray tag = "Receive from Smtp local[" + number(n) + "]: ";
-    logs_.DbgAdd(tag + "<I> ********** Message Corps du mail **********</I><BR>", DbgInbound);
-    logs_.DbgAdd(tag + HtmlEscape(line), DbgInbound);
+    if (logs_.debugWritten()) { // escaping a whole message body is not free
+        logs_.DbgAdd(tag + "<I> ********** Message Corps du mail **********</I><BR>", DbgInbound);
+        logs_.DbgAdd(tag + HtmlEscape(line), DbgInbound);
+    }
 
     CConnexion& cnx = tables_.CnxIn(n);
     const QByteArray verb = GetResponse(line);
