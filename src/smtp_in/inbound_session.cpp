@@ -90,6 +90,10 @@ InboundSession::InboundSession(Logs& logs, const Settings& settings, ConnectionT
 {
     connect(&tables_.SmtpListener(), &QTcpServer::newConnection, this,
             &InboundSession::Smtp_ConnectionRequest);
+    for (std::size_t n = 0; n < idleTimers_.size(); ++n) {
+        idleTimers_[n].setSingleShot(true);
+        connect(&idleTimers_[n], &QTimer::timeout, this, [this, n] { idleExpired(uint8_t(n)); });
+    }
 }
 
 // ---- connection requests ----
@@ -129,6 +133,7 @@ void InboundSession::acceptRequest(QTcpSocket* socket)
     }
 
     watch(n, socket);
+    idleTimers_[n].start(idleLimit_);
     const QByteArray greeting = "220 Server Postiq " + AppVersion().toUtf8() + " on " + peer.localIp
         + " Ready (" + kProductWeb.host + ")" + kCrLf;
     mailLog(slotTag(n) + ": connect from " + host + " [" + ip + "]");
@@ -194,10 +199,13 @@ void InboundSession::Smtp_DataArrival(uint8_t n, QTcpSocket* socket)
 void InboundSession::readUnits(uint8_t n, QTcpSocket* socket)
 {
     const QByteArray bytes = socket->readAll();
-    if (bytes.isEmpty())
+    if (bytes.isEmpty() || peers_[n].cutOff)
         return;
+    idleTimers_[n].start(idleLimit_);
     CConnexion& cnx = tables_.CnxIn(n);
     cnx.SmtpCommand += bytes;
+    if (overLimit(n))
+        return;
     if (cnx.SmtpCommand.size() < 2 || !cnx.SmtpCommand.endsWith(kCrLf))
         return;
     const QByteArray line = cnx.SmtpCommand;
@@ -234,6 +242,7 @@ void InboundSession::Smtp_SendComplete(uint8_t n, QTcpSocket* socket)
 
 void InboundSession::closeAndRelease(uint8_t n, QTcpSocket* socket)
 {
+    idleTimers_[n].stop();
     // Our own close is not a lost connection.
     disconnect(socket, nullptr, this, nullptr);
     socket->close();
@@ -261,9 +270,64 @@ void InboundSession::endLostConnection(uint8_t n, QTcpSocket* socket)
         return;
     }
     const Peer& peer = peers_[n];
-    mailLog(slotTag(n) + ": lost connection from " + peer.host + " [" + peer.ip + "]");
+    idleTimers_[n].stop();
+    if (!peer.cutOff) // a client cut off was logged when it was
+        mailLog(slotTag(n) + ": lost connection from " + peer.host + " [" + peer.ip + "]");
     disconnect(socket, nullptr, this, nullptr);
     tables_.ReleaseSmtpLocal(n);
+}
+
+// ---- limits ----
+
+// Checked on every arrival, before the bytes are handled, so that what one client makes the relay
+// hold stays below the limit plus one arrival.
+bool InboundSession::overLimit(uint8_t n)
+{
+    CConnexion& cnx = tables_.CnxIn(n);
+    if (cnx.Status() == InData) {
+        if (cnx.Message.Data.size() + cnx.SmtpCommand.size() <= kMostMessageBytes)
+            return false;
+        cutOff(n, "552 Message too big, the limit is " + number(int(kMostMessageBytes / (1024 * 1024)))
+                   + " MB" + kCrLf,
+               ": 552 message too big, cut off");
+        return true;
+    }
+    if (cnx.SmtpCommand.size() <= kMostCommandBytes)
+        return false;
+    cutOff(n, "500 Line too long" + kCrLf, ": 500 line too long, cut off");
+    return true;
+}
+
+// The client is told why, then closed once the reply is out; the unfinished message and anything
+// it still sends are dropped at once, so that its memory goes back before the connection ends.
+void InboundSession::cutOff(uint8_t n, const QByteArray& reply, const QByteArray& logText)
+{
+    CConnexion& cnx = tables_.CnxIn(n);
+    Peer& peer = peers_[n];
+    mailLog(slotTag(n) + logText + " from " + peer.host + " [" + peer.ip + "]");
+    peer.cutOff = true;
+    cnx.SmtpCommand = QByteArray();
+    cnx.Message.Data = QByteArray();
+    cnx.setStatus(Quitting);
+    this->reply(n, reply);
+    // A client that does not take the reply is closed on the next expiry.
+    idleTimers_[n].start(idleLimit_);
+}
+
+void InboundSession::idleExpired(uint8_t n)
+{
+    logs_.guarded("FRM:MAIN[Smtp_Timeout]", [&] {
+        QTcpSocket* socket = peers_[n].socket;
+        if (!owns(n, socket))
+            return;
+        if (peers_[n].cutOff) {
+            closeAndRelease(n, socket);
+            return;
+        }
+        const qint64 seconds = std::chrono::duration_cast<std::chrono::seconds>(idleLimit_).count();
+        cutOff(n, "421 Postiq idle time-out, closing connection" + kCrLf,
+               ": idle time-out after " + QByteArray::number(seconds) + " s");
+    });
 }
 
 // ---- the command rules ----

@@ -3,7 +3,9 @@
 #include <QByteArray>
 #include <QObject>
 #include <QPointer>
+#include <QTimer>
 #include <array>
+#include <chrono>
 #include <cstdint>
 
 #include "smtp_in/connexion.h"
@@ -39,6 +41,16 @@ public:
     // Takes every pending connection request of the listener.
     void Smtp_ConnectionRequest();
 
+    // Limits that keep one client from stopping or starving the relay. A command unit (one or
+    // more lines outside a message) may not grow past kMostCommandBytes, a message past
+    // kMostMessageBytes: the client is told so and cut off before its bytes are held any longer.
+    static constexpr qsizetype kMostCommandBytes = 1024 * 1024;
+    static constexpr qsizetype kMostMessageBytes = 64 * 1024 * 1024;
+    // A session that sends nothing for this long is closed, so that idle clients cannot hold
+    // every slot.
+    static constexpr std::chrono::milliseconds kIdleLimit = std::chrono::minutes(5);
+    void setIdleLimit(std::chrono::milliseconds limit) { idleLimit_ = limit; }
+
 private:
     // What the session knows of the connection in a slot, kept from the moment it was accepted
     // (a socket forgets its peer once it is closed).
@@ -47,6 +59,7 @@ private:
         QByteArray host;
         QByteArray ip;
         QByteArray localIp;
+        bool cutOff = false; // told to go: whatever else it sends is dropped
     };
     // One received unit (one or more complete lines) of slot n.
     struct Unit {
@@ -75,6 +88,10 @@ private:
     void handleUnit(uint8_t n, const QByteArray& line);
     bool owns(uint8_t n, QTcpSocket* socket) const;
     void closeAndRelease(uint8_t n, QTcpSocket* socket);
+    // Whether the bytes held for slot n passed a limit; if so the client was cut off.
+    bool overLimit(uint8_t n);
+    void cutOff(uint8_t n, const QByteArray& reply, const QByteArray& logText);
+    void idleExpired(uint8_t n);
 
     void helo(Unit& unit);
     void firstMail(Unit& unit);
@@ -99,6 +116,8 @@ private:
     const Settings& settings_;
     ConnectionTables& tables_;
     std::array<Peer, ConnectionTables::kUpperBound + 1> peers_;
+    std::array<QTimer, ConnectionTables::kUpperBound + 1> idleTimers_;
+    std::chrono::milliseconds idleLimit_ = kIdleLimit;
 };
 
 } // namespace postiq
