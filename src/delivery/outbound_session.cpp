@@ -166,7 +166,7 @@ void OutboundSession::SmtpDistant_DataArrival(uint8_t n, QTcpSocket* socket)
         Reply reply{n, cnx, text};
         for (const Row& row : kRows) {
             if (row.state(cnx.Status()) && (row.code == kAnyCode || (isNumber && row.code == code))) {
-                (this->*row.action)(reply);
+                ReleasingOnFault(tables_, n, [&] { (this->*row.action)(reply); });
                 return;
             }
         }
@@ -316,14 +316,14 @@ void OutboundSession::sendQuitAndClose(uint8_t n)
 void OutboundSession::moveToErrorFolder(uint8_t n)
 {
     CConnexion& cnx = tables_.CnxOut(n);
-    cnx.Message.MWrite(QueueFilePath(logs_, "Error", cnx.CurrentOutFile));
+    cnx.Message.MSave(QueueFilePath(logs_, "Error", cnx.CurrentOutFile));
     RemoveQueueFile(QueueFilePath(logs_, "OutBox", cnx.CurrentOutFile));
 }
 
 void OutboundSession::rewriteOutboxFile(uint8_t n)
 {
     CConnexion& cnx = tables_.CnxOut(n);
-    cnx.Message.MWrite(QueueFilePath(logs_, "OutBox", cnx.CurrentOutFile));
+    cnx.Message.MSave(QueueFilePath(logs_, "OutBox", cnx.CurrentOutFile));
 }
 
 void OutboundSession::mailLog(const QByteArray& text) { logs_.MailLog(GMTDate(logs_.clock()) + text); }
