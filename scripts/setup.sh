@@ -29,5 +29,7 @@ if [ ${#missing[@]} -gt 0 ]; then
 fi
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
-cmake -S "$root" -B "$root/build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build "$root/build" -j "$(nproc)"
+# A caller may build elsewhere with options of its own (test.sh's sanitizer build).
+build=${build:-$root/build}
+cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo ${cmake_options:-} >/dev/null
+cmake --build "$build" -j "$(nproc)"
