@@ -12,6 +12,7 @@
 #include "store/address.h"
 #include "store/fresh_queue_name.h"
 #include "store/message.h"
+#include "platform/free_memory.h"
 #include "platform/program_folder.h"
 
 namespace postiq {
@@ -20,6 +21,8 @@ namespace {
 const QByteArray kCrLf = "\r\n";
 // Recipient indexes are 8-bit throughout the queue, so a message holds at most this many.
 constexpr int kMostRecipients = 255;
+// Held bytes from which a session counts as large for the memory handed back after it.
+constexpr qsizetype kLargeBytes = 1024 * 1024;
 
 template <int32_t S>
 bool is(int32_t status) { return status == S; }
@@ -90,6 +93,9 @@ InboundSession::InboundSession(Logs& logs, const Settings& settings, ConnectionT
 {
     connect(&tables_.SmtpListener(), &QTcpServer::newConnection, this,
             &InboundSession::Smtp_ConnectionRequest);
+    returnMemory_.setSingleShot(true);
+    returnMemory_.setInterval(100);
+    connect(&returnMemory_, &QTimer::timeout, this, [] { ReturnFreeMemory(); });
     for (std::size_t n = 0; n < idleTimers_.size(); ++n) {
         idleTimers_[n].setSingleShot(true);
         connect(&idleTimers_[n], &QTimer::timeout, this, [this, n] { idleExpired(uint8_t(n)); });
@@ -206,6 +212,7 @@ void InboundSession::readUnits(uint8_t n, QTcpSocket* socket)
     cnx.SmtpCommand += bytes;
     if (overLimit(n))
         return;
+    peers_[n].large = peers_[n].large || cnx.Message.Data.size() + cnx.SmtpCommand.size() > kLargeBytes;
     if (cnx.SmtpCommand.size() < 2 || !cnx.SmtpCommand.endsWith(kCrLf))
         return;
     const QByteArray line = cnx.SmtpCommand;
@@ -248,6 +255,14 @@ void InboundSession::closeAndRelease(uint8_t n, QTcpSocket* socket)
     socket->close();
     logs_.DbgAdd("<FONT COLOR='#FF0000'><B>TCP local fermé</B></FONT><BR>");
     tables_.ReleaseSmtpLocal(n);
+    slotReleased(n);
+}
+
+void InboundSession::slotReleased(uint8_t n)
+{
+    idleTimers_[n].stop();
+    if (peers_[n].large)
+        returnMemory_.start();
 }
 
 // A client that closes or whose socket fails frees its slot at once; an unfinished message is
@@ -275,6 +290,7 @@ void InboundSession::endLostConnection(uint8_t n, QTcpSocket* socket)
         mailLog(slotTag(n) + ": lost connection from " + peer.host + " [" + peer.ip + "]");
     disconnect(socket, nullptr, this, nullptr);
     tables_.ReleaseSmtpLocal(n);
+    slotReleased(n);
 }
 
 // ---- limits ----

@@ -60,6 +60,7 @@ private:
         QByteArray ip;
         QByteArray localIp;
         bool cutOff = false; // told to go: whatever else it sends is dropped
+        bool large = false;  // held a large message at some point
     };
     // One received unit (one or more complete lines) of slot n.
     struct Unit {
@@ -92,6 +93,8 @@ private:
     bool overLimit(uint8_t n);
     void cutOff(uint8_t n, const QByteArray& reply, const QByteArray& logText);
     void idleExpired(uint8_t n);
+    // Once a session that held a large message is gone, the memory it used goes back.
+    void slotReleased(uint8_t n);
 
     void helo(Unit& unit);
     void firstMail(Unit& unit);
@@ -118,6 +121,9 @@ private:
     std::array<Peer, ConnectionTables::kUpperBound + 1> peers_;
     std::array<QTimer, ConnectionTables::kUpperBound + 1> idleTimers_;
     std::chrono::milliseconds idleLimit_ = kIdleLimit;
+    // Hands memory back a moment after sessions that held large messages are gone, once their
+    // sockets (deleted later) have gone with them.
+    QTimer returnMemory_;
 };
 
 } // namespace postiq
