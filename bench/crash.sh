@@ -5,4 +5,4 @@
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 source "$root/scripts/setup.sh"
-POSTIQ_CRASH_KILLS=${1:-10} "$build/tests/test_core" --gtest_filter='CrashTest.*'
+POSTIQ_CRASH_KILLS=${1:-10} "$root/build/tests/test_core" --gtest_filter='CrashTest.*'

@@ -5,12 +5,16 @@
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 if [ "${POSTIQ_SANITIZE:-0}" = 1 ]; then
+  skip_build=1
+  source "$root/scripts/setup.sh"
   build="$root/build-sanitize"
-  cmake_options="-DPOSTIQ_SANITIZE=ON"
+  cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPOSTIQ_SANITIZE=ON >/dev/null
+  cmake --build "$build" -j "$(nproc)"
   export ASAN_OPTIONS=${ASAN_OPTIONS:-abort_on_error=1:detect_leaks=1}
   export UBSAN_OPTIONS=${UBSAN_OPTIONS:-halt_on_error=1:print_stacktrace=1}
-  export LSAN_OPTIONS=${LSAN_OPTIONS:-suppressions=$root/scripts/lsan.supp:print_suppressions=0}
+else
+  source "$root/scripts/setup.sh"
+  build="$root/build"
 fi
-source "$root/scripts/setup.sh"
 cd "$build"
 ctest --output-on-failure -j "$(nproc)" --timeout 300

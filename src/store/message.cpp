@@ -74,16 +74,6 @@ void CMessage::MClear()
     Essai = 0;
 }
 
-void CMessage::MOpen(const QString& path)
-{
-    logs_->guarded(kFileSite, [&] { MLoad(path); });
-}
-
-void CMessage::MWrite(const QString& path)
-{
-    logs_->guarded(kFileSite, [&] { MSave(path); });
-}
-
 void CMessage::MLoad(const QString& path)
 {
     logs_->DbgAdd(fileNote(*logs_, ": Ouverture de ", path));
@@ -109,6 +99,20 @@ void CMessage::MSave(const QString& path)
     QString error;
     if (!ReplaceDurably(path, buffer.data(), &error))
         throw Fault(ErrAccessDenied, error);
+}
+
+void CMessage::MOpen(const QString& path)
+{
+    logs_->guarded(kFileSite, [&] {
+        MLoad(path);
+    });
+}
+
+void CMessage::MWrite(const QString& path)
+{
+    logs_->guarded(kFileSite, [&] {
+        MSave(path);
+    });
 }
 
 } // namespace postiq
