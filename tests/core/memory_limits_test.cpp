@@ -15,6 +15,19 @@ namespace {
 
 constexpr qint64 kMegabyte = 1024 * 1024;
 
+// Under AddressSanitizer freed memory is held back on purpose, so sizes say nothing about leaks.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool kSizesMeaningful = false;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+constexpr bool kSizesMeaningful = false;
+#else
+constexpr bool kSizesMeaningful = true;
+#endif
+#else
+constexpr bool kSizesMeaningful = true;
+#endif
+
 // A memory figure of a process from /proc, in bytes: "VmRSS" now, "VmHWM" its peak so far.
 qint64 memoryOf(qint64 pid, const char* field)
 {
@@ -90,13 +103,15 @@ TEST_F(MeasuredRelay, MemoryStaysBoundedAndReturnsAfterABurst)
         [] { spinUntil([] { return false; }, 20); });
     const qint64 burstPeak = peak();
     EXPECT_GT(std::count(accepted.begin(), accepted.end(), true), 0);
-    spinUntil([&] { return rss() < idle + 32 * kMegabyte; }, 10000);
+    spinUntil([&] { return rss() < idle + 32 * kMegabyte; }, kSizesMeaningful ? 10000 : 0);
     const qint64 after = rss();
 
     std::cout << "memory: idle " << idle / kMegabyte << " MB, peak under the endless message "
               << endlessPeak / kMegabyte << " MB (cut off after " << megabytes << " MB sent), peak in a burst of 99 x 4 MB "
               << burstPeak / kMegabyte << " MB, after the burst " << after / kMegabyte << " MB" << std::endl;
-    EXPECT_LT(endlessPeak, idle + 4 * 64 * kMegabyte);
-    EXPECT_LT(after, idle + 32 * kMegabyte);
     EXPECT_TRUE(relay->running());
+    if (kSizesMeaningful) {
+        EXPECT_LT(endlessPeak, idle + 4 * 64 * kMegabyte);
+        EXPECT_LT(after, idle + 32 * kMegabyte);
+    }
 }
