@@ -249,7 +249,6 @@ void InboundSession::Smtp_SendComplete(uint8_t n, QTcpSocket* socket)
 
 void InboundSession::closeAndRelease(uint8_t n, QTcpSocket* socket)
 {
-    idleTimers_[n].stop();
     // Our own close is not a lost connection.
     disconnect(socket, nullptr, this, nullptr);
     socket->close();
@@ -285,7 +284,6 @@ void InboundSession::endLostConnection(uint8_t n, QTcpSocket* socket)
         return;
     }
     const Peer& peer = peers_[n];
-    idleTimers_[n].stop();
     if (!peer.cutOff) // a client cut off was logged when it was
         mailLog(slotTag(n) + ": lost connection from " + peer.host + " [" + peer.ip + "]");
     disconnect(socket, nullptr, this, nullptr);
