@@ -252,13 +252,19 @@ EOF
 )
 echo
 echo "$table"
+# Only this script's section is replaced; the others (fuzzing, crash tests) are kept.
+others=""
+[ -f "$here/RESULTS.md" ] && others=$(awk '/^## / && !/^## Speed and memory/ { keep = 1 } /^## Speed and memory/ { keep = 0 } keep' "$here/RESULTS.md")
 {
   echo "# Bench results"
   echo
-  echo "Written by \`bench/run.sh\`; each run replaces the table below."
+  echo "## Speed and memory (\`bench/run.sh\`)"
+  echo
+  echo "Written by \`bench/run.sh\`; each run replaces this section and keeps the others."
   echo
   echo "$table"
   [ -f "$here/NOTES.md" ] && { echo; cat "$here/NOTES.md"; }
+  [ -n "$others" ] && { echo; echo "$others"; }
 } > "$here/RESULTS.md"
 echo
 echo "Written to $here/RESULTS.md"

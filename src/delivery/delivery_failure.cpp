@@ -26,7 +26,7 @@ QByteArray number(int n) { return QByteArray::number(n); }
 
 void OutboundSession::SmtpDistant_Error(uint8_t n, int errorNumber, const QByteArray& description)
 {
-    Trapped(logs_, "M:MAIN[SmtpDistant_Error]", [&] {
+    Trapped(logs_, "M:MAIN[SmtpDistant_Error]", [&] { ReleasingOnFault(tables_, n, [&] {
         CConnexion& cnx = tables_.CnxOut(n);
         CMessage& message = cnx.Message;
         logs_.DbgAdd("<FONT COLOR='#0000FF'>Error for SMTPDISTANT[" + number(n) + "]: " + message.ID + " "
@@ -51,7 +51,7 @@ void OutboundSession::SmtpDistant_Error(uint8_t n, int errorNumber, const QByteA
             giveUp(n, errorNumber, reason, description);
         else
             defer(n, reason);
-    });
+    }); });
 }
 
 QByteArray OutboundSession::failureHead(uint8_t n) const
@@ -125,8 +125,9 @@ void OutboundSession::defer(uint8_t n, const QByteArray& reason)
     logs_.MailLog(failureHead(n) + " connection failed (" + reason + ") for " + failedHost(n)
                   + ", status=deferred, attempt=" + number(cnx.Message.Essai));
     // The deferred copy is complete before anything else changes; its time is the deferral time.
-    cnx.Message.MWrite(QueueFilePath(logs_, "Deferred", cnx.CurrentOutFile));
-    rewriteOutboxFile(n);
+    const QString deferred = QueueFilePath(logs_, "Deferred", cnx.CurrentOutFile);
+    cnx.Message.MSave(deferred);
+    UndoingOnFault([&] { rewriteOutboxFile(n); }, [&] { RemoveQueueFile(deferred); });
     CGenerateDeferredMail(logs_, settings_).GenerateDeferred(cnx.CurrentOutFile);
     tables_.ReleaseSmtpDistant(n);
 }

@@ -161,14 +161,38 @@ void Dispatcher::SendOutSmtp(const QString& file)
         cnx.CurrentRcptTo = 0;
         // The slot is busy from here on, so it owns its socket from here on (a release needs it).
         session_.attach(i, tables_.LoadSmtpDistant(i));
-        cnx.Message.MOpen(QueueFilePath(logs_, "OutBox", file));
-        cnx.Message.Essai = uint8_t(cnx.Message.Essai + 1);
-        // The whole message goes the way of its first recipient's domain.
-        const QByteArray domain = GetDomain(logs_, cnx.Message.RcptTo(1));
-        cnx.DNS.ResolveMx(domain, [this, i, file, domain] {
-            Trapped(logs_, "D:MODULE[SendOutSmtp]", [&] { routeResolved(i, file, domain); });
+        ReleasingOnFault(tables_, i, [&] {
+            if (!loadOrSetAside(cnx.Message, file)) {
+                tables_.ReleaseSmtpDistant(i);
+                postVerifOutBox();
+                return;
+            }
+            cnx.Message.Essai = uint8_t(cnx.Message.Essai + 1);
+            // The whole message goes the way of its first recipient's domain.
+            const QByteArray domain = GetDomain(logs_, cnx.Message.RcptTo(1));
+            cnx.DNS.ResolveMx(domain, [this, i, file, domain] {
+                Trapped(logs_, "D:MODULE[SendOutSmtp]",
+                        [&] { ReleasingOnFault(tables_, i, [&] { routeResolved(i, file, domain); }); });
+            });
         });
     });
+}
+
+// A queue file that cannot be read (cut short, garbage) would stop the queue at every scan: it is
+// set aside in Error as it is, with a line in the error log, and the queue goes on.
+bool Dispatcher::loadOrSetAside(CMessage& message, const QString& file)
+{
+    const QString path = QueueFilePath(logs_, "OutBox", file);
+    try {
+        message.MLoad(path);
+        return true;
+    } catch (const Fault& fault) {
+        CopyQueueFileDurably(path, QueueFilePath(logs_, "Error", file));
+        RemoveQueueFile(path);
+        logs_.ErrorLog(GMTDate(logs_.clock()) + " D:MODULE[SendOutSmtp] error " + number(fault.number()) + ": "
+                       + fault.description().toUtf8() + " => placed in the error directory");
+        return false;
+    }
 }
 
 void Dispatcher::routeResolved(uint8_t i, const QString& file, const QByteArray& domain)
@@ -199,12 +223,14 @@ void Dispatcher::noRoute(uint8_t i, const QString& file, const QByteArray& domai
     logs_.MailLog(GMTDate(logs_.clock()) + " Postiq/smtpdistant: " + message.ID + " " + failure + " status=bounced");
     message.LastError = failure;
     if (message.Essai > settings_.ActiveSettings.MaxNbrAttempt && !message.ForSender) {
-        message.MWrite(QueueFilePath(logs_, "OutBox", file)); // the bounce reads the new error from it
+        message.MSave(QueueFilePath(logs_, "OutBox", file)); // the bounce reads the new error from it
         CGenerateReturnMail(logs_, settings_).GenerateError(file);
     } else {
         // A return-error mail without a route is deferred again at every attempt, never bounced.
-        message.MWrite(QueueFilePath(logs_, "Deferred", file));
-        RemoveQueueFile(QueueFilePath(logs_, "OutBox", file));
+        const QString deferred = QueueFilePath(logs_, "Deferred", file);
+        message.MSave(deferred);
+        UndoingOnFault([&] { RemoveQueueFile(QueueFilePath(logs_, "OutBox", file)); },
+                       [&] { RemoveQueueFile(deferred); });
         cnx.setStatus(Taken);
     }
     enableOutboxTimer();
@@ -243,8 +269,9 @@ void Dispatcher::moveDeferredBack(bool onlyDue)
                 continue;
         }
         // The copy in OutBox is complete before the deferred one goes; the attempt count travels.
-        CopyQueueFileDurably(info.filePath(), QueueFilePath(logs_, "OutBox", info.fileName()));
-        RemoveQueueFile(info.filePath());
+        const QString outBox = QueueFilePath(logs_, "OutBox", info.fileName());
+        CopyQueueFileDurably(info.filePath(), outBox);
+        UndoingOnFault([&] { RemoveQueueFile(info.filePath()); }, [&] { RemoveQueueFile(outBox); });
     }
 }
 

@@ -64,6 +64,8 @@ private:
     // Steps that follow the route lookup of a dispatch on slot i.
     void routeResolved(uint8_t i, const QString& file, const QByteArray& domain);
     void noRoute(uint8_t i, const QString& file, const QByteArray& domain);
+    // Loads the OutBox file into `message`; false when it could not be read and went to Error.
+    bool loadOrSetAside(CMessage& message, const QString& file);
     // Copies every (or every due) deferred file back to OutBox; false stops at the first fault.
     void moveDeferredBack(bool onlyDue);
 

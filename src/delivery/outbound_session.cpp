@@ -198,7 +198,7 @@ bool OutboundSession::applyFirstRow(std::span<const Row> rows, Reply& reply)
     const int code = GetResponseCode(reply.text).toInt(&isNumber);
     for (const Row& row : rows) {
         if (row.state(reply.cnx.Status()) && (row.code == kAnyCode || (isNumber && row.code == code))) {
-            (this->*row.action)(reply);
+            ReleasingOnFault(tables_, reply.n, [&] { (this->*row.action)(reply); });
             return true;
         }
     }
@@ -348,14 +348,14 @@ void OutboundSession::sendQuitAndClose(uint8_t n)
 void OutboundSession::moveToErrorFolder(uint8_t n)
 {
     CConnexion& cnx = tables_.CnxOut(n);
-    cnx.Message.MWrite(QueueFilePath(logs_, "Error", cnx.CurrentOutFile));
+    cnx.Message.MSave(QueueFilePath(logs_, "Error", cnx.CurrentOutFile));
     RemoveQueueFile(QueueFilePath(logs_, "OutBox", cnx.CurrentOutFile));
 }
 
 void OutboundSession::rewriteOutboxFile(uint8_t n)
 {
     CConnexion& cnx = tables_.CnxOut(n);
-    cnx.Message.MWrite(QueueFilePath(logs_, "OutBox", cnx.CurrentOutFile));
+    cnx.Message.MSave(QueueFilePath(logs_, "OutBox", cnx.CurrentOutFile));
 }
 
 void OutboundSession::mailLog(const QByteArray& text) { logs_.MailLog(GMTDate(logs_.clock()) + text); }

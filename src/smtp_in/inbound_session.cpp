@@ -14,6 +14,7 @@
 #include "store/address.h"
 #include "store/fresh_queue_name.h"
 #include "store/message.h"
+#include "platform/free_memory.h"
 #include "platform/program_folder.h"
 
 namespace postiq {
@@ -24,6 +25,8 @@ const QByteArray kCrLf = "\r\n";
 constexpr std::chrono::milliseconds kFullTableGrace{50};
 // Recipient indexes are 8-bit throughout the queue, so a message holds at most this many.
 constexpr int kMostRecipients = 255;
+// Held bytes from which a session counts as large for the memory handed back after it.
+constexpr qsizetype kLargeBytes = 1024 * 1024;
 
 template <int32_t S>
 bool is(int32_t status) { return status == S; }
@@ -97,6 +100,13 @@ InboundSession::InboundSession(Logs& logs, const Settings& settings, ConnectionT
     fullTableGrace_.setSingleShot(true);
     fullTableGrace_.setInterval(kFullTableGrace);
     connect(&fullTableGrace_, &QTimer::timeout, this, &InboundSession::endFullTableGrace);
+    returnMemory_.setSingleShot(true);
+    returnMemory_.setInterval(100);
+    connect(&returnMemory_, &QTimer::timeout, this, [] { ReturnFreeMemory(); });
+    for (std::size_t n = 0; n < idleTimers_.size(); ++n) {
+        idleTimers_[n].setSingleShot(true);
+        connect(&idleTimers_[n], &QTimer::timeout, this, [this, n] { idleExpired(uint8_t(n)); });
+    }
 }
 
 // ---- connection requests ----
@@ -154,6 +164,7 @@ void InboundSession::acceptRequest(QTcpSocket* socket)
     }
 
     watch(n, socket);
+    idleTimers_[n].start(idleLimit_);
     const QByteArray greeting = "220 Server Postiq " + AppVersion().toUtf8() + " on " + peer.localIp
         + " Ready (" + kProductWeb.host + ")" + kCrLf;
     mailLog(slotTag(n) + ": connect from " + host + " [" + ip + "]");
@@ -220,10 +231,14 @@ void InboundSession::Smtp_DataArrival(uint8_t n, QTcpSocket* socket)
 void InboundSession::readUnits(uint8_t n, QTcpSocket* socket)
 {
     const QByteArray bytes = socket->readAll();
-    if (bytes.isEmpty())
+    if (bytes.isEmpty() || peers_[n].cutOff)
         return;
+    idleTimers_[n].start(idleLimit_);
     CConnexion& cnx = tables_.CnxIn(n);
     cnx.SmtpCommand += bytes;
+    if (overLimit(n))
+        return;
+    peers_[n].large = peers_[n].large || cnx.Message.Data.size() + cnx.SmtpCommand.size() > kLargeBytes;
     if (cnx.SmtpCommand.size() < 2 || !cnx.SmtpCommand.endsWith(kCrLf))
         return;
     const QByteArray line = cnx.SmtpCommand;
@@ -267,6 +282,14 @@ void InboundSession::closeAndRelease(uint8_t n, QTcpSocket* socket)
     socket->close();
     logs_.DbgAdd("<FONT COLOR='#FF0000'><B>TCP local fermé</B></FONT><BR>");
     tables_.ReleaseSmtpLocal(n);
+    slotReleased(n);
+}
+
+void InboundSession::slotReleased(uint8_t n)
+{
+    idleTimers_[n].stop();
+    if (peers_[n].large)
+        returnMemory_.start();
 }
 
 // A client that closes or whose socket fails frees its slot at once; an unfinished message is
@@ -293,9 +316,68 @@ void InboundSession::endLostConnection(uint8_t n, QTcpSocket* socket)
         return;
     }
     const Peer& peer = peers_[n];
-    mailLog(slotTag(n) + ": lost connection from " + peer.host + " [" + peer.ip + "]");
+    if (!peer.cutOff) // a client cut off was logged when it was
+        mailLog(slotTag(n) + ": lost connection from " + peer.host + " [" + peer.ip + "]");
     disconnect(socket, nullptr, this, nullptr);
     tables_.ReleaseSmtpLocal(n);
+    slotReleased(n);
+}
+
+// ---- limits ----
+
+// Checked on every arrival, before the bytes are handled, so that what one client makes the relay
+// hold stays below the limit plus one arrival.
+bool InboundSession::overLimit(uint8_t n)
+{
+    CConnexion& cnx = tables_.CnxIn(n);
+    if (cnx.Status() == InData) {
+        if (cnx.Message.Data.size() + cnx.SmtpCommand.size() <= kMostMessageBytes)
+            return false;
+        cutOff(n, "552 Message too big, the limit is " + number(int(kMostMessageBytes / (1024 * 1024)))
+                   + " MB" + kCrLf,
+               ": 552 message too big, cut off");
+        return true;
+    }
+    if (cnx.SmtpCommand.size() <= kMostCommandBytes)
+        return false;
+    cutOff(n, "500 Line too long" + kCrLf, ": 500 line too long, cut off");
+    return true;
+}
+
+// The client is told why, then closed once the reply is out; the unfinished message and anything
+// it still sends are dropped at once, so that its memory goes back before the connection ends.
+void InboundSession::cutOff(uint8_t n, const QByteArray& reply, const QByteArray& logText)
+{
+    CConnexion& cnx = tables_.CnxIn(n);
+    Peer& peer = peers_[n];
+    mailLog(slotTag(n) + logText + " from " + peer.host + " [" + peer.ip + "]");
+    peer.cutOff = true;
+    cnx.SmtpCommand = QByteArray();
+    cnx.Message.Data = QByteArray();
+    cnx.setStatus(Quitting);
+    this->reply(n, reply);
+    // A client that does not take the reply is closed on the next expiry.
+    idleTimers_[n].start(idleLimit_);
+}
+
+void InboundSession::idleExpired(uint8_t n)
+{
+    logs_.guarded("FRM:MAIN[Smtp_Timeout]", [&] {
+        QTcpSocket* socket = peers_[n].socket;
+        if (!owns(n, socket))
+            return;
+        if (tables_.CnxIn(n).Status() == Committing) {
+            idleTimers_[n].start(idleLimit_); // waiting for us, not idle: its 250 is on the way
+            return;
+        }
+        if (peers_[n].cutOff) {
+            closeAndRelease(n, socket);
+            return;
+        }
+        const qint64 seconds = std::chrono::duration_cast<std::chrono::seconds>(idleLimit_).count();
+        cutOff(n, "421 Postiq idle time-out, closing connection" + kCrLf,
+               ": idle time-out after " + QByteArray::number(seconds) + " s");
+    });
 }
 
 // ---- the command rules ----

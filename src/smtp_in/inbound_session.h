@@ -5,6 +5,7 @@
 #include <QPointer>
 #include <QTimer>
 #include <array>
+#include <chrono>
 #include <cstdint>
 
 #include "smtp_in/commit_queue.h"
@@ -44,6 +45,15 @@ public:
 
     // The group commit that every accepted message goes through before its 250.
     CommitQueue& commitQueue() { return commits_; }
+    // Limits that keep one client from stopping or starving the relay. A command unit (one or
+    // more lines outside a message) may not grow past kMostCommandBytes, a message past
+    // kMostMessageBytes: the client is told so and cut off before its bytes are held any longer.
+    static constexpr qsizetype kMostCommandBytes = 1024 * 1024;
+    static constexpr qsizetype kMostMessageBytes = 64 * 1024 * 1024;
+    // A session that sends nothing for this long is closed, so that idle clients cannot hold
+    // every slot.
+    static constexpr std::chrono::milliseconds kIdleLimit = std::chrono::minutes(5);
+    void setIdleLimit(std::chrono::milliseconds limit) { idleLimit_ = limit; }
 
 private:
     // What the session knows of the connection in a slot, kept from the moment it was accepted
@@ -54,6 +64,8 @@ private:
         QByteArray ip;
         QByteArray localIp;
         bool lostWhileCommitting = false; // handled once the message's commit is over
+        bool cutOff = false; // told to go: whatever else it sends is dropped
+        bool large = false;  // held a large message at some point
     };
     // One received unit (one or more complete lines) of slot n.
     struct Unit {
@@ -83,6 +95,12 @@ private:
     void handleUnit(uint8_t n, const QByteArray& line);
     bool owns(uint8_t n, QTcpSocket* socket) const;
     void closeAndRelease(uint8_t n, QTcpSocket* socket);
+    // Whether the bytes held for slot n passed a limit; if so the client was cut off.
+    bool overLimit(uint8_t n);
+    void cutOff(uint8_t n, const QByteArray& reply, const QByteArray& logText);
+    void idleExpired(uint8_t n);
+    // Once a session that held a large message is gone, the memory it used goes back.
+    void slotReleased(uint8_t n);
 
     void helo(Unit& unit);
     void firstMail(Unit& unit);
@@ -112,6 +130,11 @@ private:
     QTimer fullTableGrace_;
     bool graceOver_ = false;
     CommitQueue commits_;
+    std::array<QTimer, ConnectionTables::kUpperBound + 1> idleTimers_;
+    std::chrono::milliseconds idleLimit_ = kIdleLimit;
+    // Hands memory back a moment after sessions that held large messages are gone, once their
+    // sockets (deleted later) have gone with them.
+    QTimer returnMemory_;
 };
 
 } // namespace postiq

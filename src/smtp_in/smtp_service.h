@@ -33,6 +33,8 @@ public:
     // Stop.
     void Arreter();
     bool isListening() const;
+    // The sessions it serves (their limits can be shortened in tests).
+    InboundSession& sessions() { return session_; }
 
 private:
     void reportPortUnavailable(quint16 port);

@@ -74,35 +74,44 @@ void CMessage::MClear()
     Essai = 0;
 }
 
+void CMessage::MLoad(const QString& path)
+{
+    logs_->DbgAdd(fileNote(*logs_, ": Ouverture de ", path));
+    if (!QFileInfo(path).isFile())
+        return; // a missing file is not a fault: the record stays as it was
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        throw Fault(ErrFileAccess, QStringLiteral("Cannot open '%1': %2").arg(path, file.errorString()));
+    // Read into a fresh record so that a fault never leaves this one half loaded.
+    CMessage loaded(*logs_);
+    ReadQueueRecord(file, loaded);
+    *this = std::move(loaded);
+}
+
+void CMessage::MSave(const QString& path)
+{
+    logs_->DbgAdd(fileNote(*logs_, ": Ecriture de ", path));
+    // Serialised first, then swapped in whole: a crash leaves the old file or the new one,
+    // never a torn record nor a moment with no file at all.
+    QBuffer buffer;
+    buffer.open(QIODevice::WriteOnly);
+    WriteQueueRecord(buffer, *this);
+    QString error;
+    if (!ReplaceDurably(path, buffer.data(), &error))
+        throw Fault(ErrAccessDenied, error);
+}
+
 void CMessage::MOpen(const QString& path)
 {
     logs_->guarded(kFileSite, [&] {
-        logs_->DbgAdd(fileNote(*logs_, ": Ouverture de ", path));
-        if (!QFileInfo(path).isFile())
-            return; // a missing file is not a fault: the record stays as it was
-        QFile file(path);
-        if (!file.open(QIODevice::ReadOnly))
-            throw Fault(ErrFileAccess,
-                        QStringLiteral("Cannot open '%1': %2").arg(path, file.errorString()));
-        // Read into a fresh record so that a fault never leaves this one half loaded.
-        CMessage loaded(*logs_);
-        ReadQueueRecord(file, loaded);
-        *this = std::move(loaded);
+        MLoad(path);
     });
 }
 
 void CMessage::MWrite(const QString& path)
 {
     logs_->guarded(kFileSite, [&] {
-        logs_->DbgAdd(fileNote(*logs_, ": Ecriture de ", path));
-        // Serialised first, then swapped in whole: a crash leaves the old file or the new one,
-        // never a torn record nor a moment with no file at all.
-        QBuffer buffer;
-        buffer.open(QIODevice::WriteOnly);
-        WriteQueueRecord(buffer, *this);
-        QString error;
-        if (!ReplaceDurably(path, buffer.data(), &error))
-            throw Fault(ErrAccessDenied, error);
+        MSave(path);
     });
 }
 

@@ -35,12 +35,20 @@ public:
     // Empties From, RcptTo, Data and LastError and zeroes Essai; ID, TxtEng, TxtFr and ForSender stay.
     void MClear();
 
+    // Reads the record of `path` (a missing file leaves the record as it was); a file that cannot
+    // be read or holds no whole record is the fatal program-error report.
     void MOpen(const QString& path);
-    // Writes the record over `path` in one step: at any instant the old file or the new one is there.
+    // Writes the record over `path` in one step: at any instant the old file or the new one is
+    // there. A failure is the fatal program-error report.
     void MWrite(const QString& path);
     // Writes the record under the staging name of `path`, without waiting for the disk: the file
     // takes its name once CommitStagedFiles has made it durable together with others.
     StagedFile MStage(const QString& path);
+
+    // The same two for callers that can go on: a failure throws Fault and changes nothing (the
+    // record stays as it was, the file on disk as it was).
+    void MLoad(const QString& path);
+    void MSave(const QString& path);
 
 private:
     Logs* logs_;
