@@ -115,7 +115,7 @@ void OutboundSession::giveUp(uint8_t n, int errorNumber, const QByteArray& reaso
     message.LastError = number(errorNumber) + ": " + reason + " (" + description + ")\r\n\r\nThis was the "
         + number(message.Essai) + "st attempt ...";
     rewriteOutboxFile(n);
-    CGenerateReturnMail(logs_, settings_).GenerateError(cnx.CurrentOutFile);
+    CGenerateReturnMail(logs_, settings_).Generate(cnx.CurrentOutFile);
     tables_.ReleaseSmtpDistant(n);
 }
 
@@ -127,8 +127,12 @@ void OutboundSession::defer(uint8_t n, const QByteArray& reason)
     // The deferred copy is complete before anything else changes; its time is the deferral time.
     const QString deferred = QueueFilePath(logs_, "Deferred", cnx.CurrentOutFile);
     cnx.Message.MSave(deferred);
-    UndoingOnFault([&] { rewriteOutboxFile(n); }, [&] { RemoveQueueFile(deferred); });
-    CGenerateDeferredMail(logs_, settings_).GenerateDeferred(cnx.CurrentOutFile);
+    UndoingOnFault(
+        [&] {
+            rewriteOutboxFile(n);
+            CGenerateDeferredMail(logs_, settings_).Generate(cnx.CurrentOutFile);
+        },
+        [&] { RemoveQueueFile(deferred); });
     tables_.ReleaseSmtpDistant(n);
 }
 

@@ -224,7 +224,7 @@ void Dispatcher::noRoute(uint8_t i, const QString& file, const QByteArray& domai
     message.LastError = failure;
     if (message.Essai > settings_.ActiveSettings.MaxNbrAttempt && !message.ForSender) {
         message.MSave(QueueFilePath(logs_, "OutBox", file)); // the bounce reads the new error from it
-        CGenerateReturnMail(logs_, settings_).GenerateError(file);
+        CGenerateReturnMail(logs_, settings_).Generate(file);
     } else {
         // A return-error mail without a route is deferred again at every attempt, never bounced.
         const QString deferred = QueueFilePath(logs_, "Deferred", file);

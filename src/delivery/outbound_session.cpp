@@ -313,7 +313,7 @@ void OutboundSession::refused(Reply& reply)
     } else {
         logs_.MailLog(head + "return error to=" + message.From);
         rewriteOutboxFile(n);
-        CGenerateReturnMail(logs_, settings_).GenerateError(cnx.CurrentOutFile);
+        CGenerateReturnMail(logs_, settings_).Generate(cnx.CurrentOutFile);
     }
     tables_.ReleaseSmtpDistant(n);
     dispatcher_.postVerifOutBox();

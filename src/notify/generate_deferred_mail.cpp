@@ -18,13 +18,18 @@ CGenerateDeferredMail::CGenerateDeferredMail(Logs& logs, const Settings& setting
 
 void CGenerateDeferredMail::GenerateDeferred(const QString& file)
 {
-    logs_.guarded("CLS:GENERATEDEFERREDMAIL[GenerateDeferred]", [&] {
+    logs_.guarded("CLS:GENERATEDEFERREDMAIL[GenerateDeferred]", [&] { Generate(file); });
+}
+
+void CGenerateDeferredMail::Generate(const QString& file)
+{
+    {
         const QString outBox = SubfolderPath(logs_.folder(), QStringLiteral("OutBox"));
         const QString path = outBox + '/' + file;
         if (!QFileInfo(path).isFile())
             throw Fault(ErrFileNotFound, QStringLiteral("The delayed message '%1' is missing").arg(path));
         CMessage message(logs_);
-        message.MOpen(path);
+        message.MLoad(path);
         const int count = message.MRcptToCount();
 
         NoticeText text(NoticeHostName(settings_.LocalHostName), logs_.clock());
@@ -65,9 +70,20 @@ void CGenerateDeferredMail::GenerateDeferred(const QString& file)
         // The notice is queued before the OutBox copy goes, so that a crash in between leaves an
         // extra notice at worst, never a lost one.
         message.ID = FreshQueueName(logs_);
-        message.MWrite(outBox + '/' + QString::fromLatin1(message.ID));
-        RemoveQueueFile(path);
-    });
+        const QString notice = outBox + '/' + QString::fromLatin1(message.ID);
+        message.MSave(notice);
+        try {
+            RemoveQueueFile(path);
+        } catch (const Fault&) {
+            // The delayed message stays in OutBox for the next attempt: without it gone, this
+            // notice would be sent again then, so it goes.
+            try {
+                RemoveQueueFile(notice);
+            } catch (const Fault&) {
+            }
+            throw;
+        }
+    }
 }
 
 } // namespace postiq

@@ -16,12 +16,17 @@ CGenerateReturnMail::CGenerateReturnMail(Logs& logs, const Settings& settings)
 
 void CGenerateReturnMail::GenerateError(const QString& file)
 {
-    logs_.guarded("CLS:CLASS[GenerateError]", [&] {
+    logs_.guarded("CLS:CLASS[GenerateError]", [&] { Generate(file); });
+}
+
+void CGenerateReturnMail::Generate(const QString& file)
+{
+    {
         const QString path = SubfolderPath(logs_.folder(), QStringLiteral("OutBox")) + '/' + file;
         if (!QFileInfo(path).isFile())
             throw Fault(ErrFileNotFound, QStringLiteral("The failed message '%1' is missing").arg(path));
         CMessage message(logs_);
-        message.MOpen(path);
+        message.MLoad(path);
         const int count = message.MRcptToCount();
         // The recipient counter is one byte and steps once past the last recipient: with as many
         // recipients as a record holds it overflows, and the failed file is left as it is.
@@ -58,8 +63,8 @@ void CGenerateReturnMail::GenerateError(const QString& file)
         message.Essai = 0;
         message.ForSender = true;
         // Replaced in one step: the failed message or its report is always there.
-        message.MWrite(path);
-    });
+        message.MSave(path);
+    }
 }
 
 } // namespace postiq

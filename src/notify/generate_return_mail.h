@@ -14,7 +14,11 @@ public:
 
     // `file` is the bare name of a queue file in OutBox whose LastError says why it failed. The
     // report replaces it under the same name, flagged ForSender with a fresh attempt count.
+    // A fault on the way is the fatal program-error report.
     void GenerateError(const QString& file);
+    // The same, but a fault (a file that cannot be read or written) is thrown to the caller, and
+    // the failed message is then left as it was: delivery tries it again at the next tick.
+    void Generate(const QString& file);
 
 private:
     Logs& logs_;
