@@ -18,6 +18,7 @@
 #include "config/config_file.h"
 #include "config/settings.h"
 #include "log/logs.h"
+#include "platform/owner_only_file.h"
 #include "platform/program_folder.h"
 
 namespace postiq {
@@ -125,6 +126,7 @@ void ConfigurationDialog::buildPages()
               [](CConfiguration& c, int v) { c.ListenPort = int16_t(v); }, &CConfiguration::ListenPortDefined);
     addText(page, QStringLiteral("SmtpServer"), QStringLiteral("Serveur SMTP (pour tout message sortant):"),
             &CConfiguration::SmtpServer, &CConfiguration::SmtpServerDefined);
+    addPassword(page);
 
     page = addPage(QStringLiteral("frmRelay"), QStringLiteral("cat_relay_6"), QStringLiteral("Relai"), QString());
     addBoolean(page, QStringLiteral("Relay"), QStringLiteral("Etre serveur de relai pour le réseau 192.168.x.x:"),
@@ -317,8 +319,39 @@ void ConfigurationDialog::btnWrite_Click()
             edit.*(binding.flag) = binding.defaultBox->isChecked();
         }
         WriteConf(edit, logs_);
+        writePassword();
     });
     loader_.ChargerConfig(false);
+}
+
+// The provider's password is no setting: it never goes into Postiq.ini (which users share and
+// this dialog rewrites) but into its own file, readable by its owner only. The field is never
+// filled from it; an empty field leaves the file as it is.
+void ConfigurationDialog::addPassword(QWidget* page)
+{
+    auto* column = static_cast<QVBoxLayout*>(page->layout());
+    auto* label = new QLabel(QStringLiteral("Mot de passe du serveur SMTP (fichier smtp-password):"), page);
+    label->setObjectName(QStringLiteral("lblSmtpPassword"));
+    column->addWidget(label);
+    password_ = new QLineEdit(page);
+    password_->setObjectName(QStringLiteral("txtSmtpPassword"));
+    password_->setEchoMode(QLineEdit::Password);
+    password_->setMinimumWidth(220);
+    auto* line = new QHBoxLayout;
+    line->addSpacing(12);
+    line->addWidget(password_);
+    line->addStretch(1);
+    column->addLayout(line);
+}
+
+void ConfigurationDialog::writePassword()
+{
+    if (password_->text().isEmpty())
+        return;
+    const QString path = logs_.folder() + QStringLiteral("/smtp-password");
+    if (!WriteOwnerOnlyFile(path, password_->text().toUtf8() + '\n'))
+        throw Fault(ErrAccessDenied, QStringLiteral("Cannot write '%1'").arg(path));
+    password_->clear();
 }
 
 void ConfigurationDialog::selectCategory(const QString& nodeKey)

@@ -11,6 +11,7 @@
 
 class QCheckBox;
 class QComboBox;
+class QLineEdit;
 class QLabel;
 class QRadioButton;
 class QStackedWidget;
@@ -76,6 +77,8 @@ private:
                    bool CConfiguration::*flag);
     void addLanguage(QWidget* page);
     void fillLanguages();
+    void addPassword(QWidget* page);
+    void writePassword();
     void applySharedWords();
     void fillFromSettings();
     void nodeClicked(QTreeWidgetItem* item);
@@ -90,6 +93,7 @@ private:
     QLabel* title_ = nullptr;
     QLabel* image_ = nullptr;
     QComboBox* language_ = nullptr;
+    QLineEdit* password_ = nullptr;
     std::vector<Binding> bindings_;
     QList<QPair<QRadioButton*, QRadioButton*>> booleans_;
 };

@@ -1,5 +1,6 @@
 #include <QCheckBox>
 #include <QComboBox>
+#include <QFile>
 #include <QLabel>
 #include <QLineEdit>
 #include <QPushButton>
@@ -206,4 +207,23 @@ TEST_F(DialogFixture, CloseLeavesTheFileAlone)
     control<QPushButton>(*dialog, "btnClose").click();
     EXPECT_TRUE(spinUntil([&] { return bench.shell->configurationDialog() == nullptr; }, 2000));
     EXPECT_EQ(iniFile(), before);
+}
+
+// The provider's password goes into its own file, readable by its owner only, never into
+// Postiq.ini; the field is never filled from the file, and an empty field leaves it alone.
+TEST_F(DialogFixture, ThePasswordFieldWritesItsOwnFileOnly)
+{
+    QLineEdit& field = control<QLineEdit>(*dialog, "txtSmtpPassword");
+    EXPECT_EQ(field.echoMode(), QLineEdit::Password);
+    field.setText("s3cret pass");
+    control<QPushButton>(*dialog, "btnWrite").click();
+    const QString file = bench.path("smtp-password");
+    EXPECT_EQ(readFile(file), "s3cret pass\n");
+    const auto ownerGroupOther = QFile::permissions(file) & ~QFileDevice::Permissions(0x0700); // not the "user" bits
+    EXPECT_EQ(ownerGroupOther, QFile::ReadOwner | QFile::WriteOwner) << "mode 0600";
+    EXPECT_FALSE(iniFile().contains("s3cret"));
+    EXPECT_TRUE(field.text().isEmpty());
+
+    control<QPushButton>(*dialog, "btnWrite").click();
+    EXPECT_EQ(readFile(file), "s3cret pass\n");
 }
