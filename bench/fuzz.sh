@@ -8,7 +8,7 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 runs=${1:-1000000}
 shift || true
 targets=("$@")
-[ ${#targets[@]} -gt 0 ] || targets=(queue_file hosts_dns dns_records configuration language inbound_session)
+[ ${#targets[@]} -gt 0 ] || targets=(queue_file hosts_dns dns_records configuration language inbound_session version_reply)
 
 packages=(clang libclang-rt-14-dev cmake make pkg-config qt6-base-dev libldns-dev)
 missing=()

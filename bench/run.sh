@@ -175,12 +175,16 @@ echo "accept 1/4/20: $s_accept1 $s_accept4 $s_accept20 /s"
 echo "== Postfix"
 pf=$work/postfix
 mkdir -p "$pf/etc" "$pf/spool" "$pf/data"
+chown postfix "$pf/data" # Postfix's own files: the master's lock and the caches
 cat > "$pf/etc/main.cf" <<EOF
 compatibility_level = 3.6
 queue_directory = $pf/spool
 data_directory = $pf/data
 maillog_file = $pf/maillog
-inet_interfaces = $postfix_addr
+maillog_file_prefixes = $pf
+# Postfix wants the address of an interface here, and loopback has only 127.0.0.1 as one; the
+# SMTP server listens on the bench's own address and port all the same (master.cf below).
+inet_interfaces = 127.0.0.1
 inet_protocols = ipv4
 myhostname = bench.postfix.example
 mydestination =
