@@ -12,6 +12,7 @@ if [ "${POSTIQ_SANITIZE:-0}" = 1 ]; then
   cmake --build "$build" -j "$(nproc)"
   export ASAN_OPTIONS=${ASAN_OPTIONS:-abort_on_error=1:detect_leaks=1}
   export UBSAN_OPTIONS=${UBSAN_OPTIONS:-halt_on_error=1:print_stacktrace=1}
+  export LSAN_OPTIONS=${LSAN_OPTIONS:-suppressions=$root/tests/leak_suppressions.txt:print_suppressions=0}
 else
   source "$root/scripts/setup.sh"
   build="$root/build"
