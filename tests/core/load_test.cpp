@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <gtest/gtest.h>
 
-#include "core/postiq_process.h"
+#include "core/kept_local_relay.h"
 #include "store/message.h"
 #include "support/fakes.h"
 #include "support/mail_client.h"
@@ -26,23 +26,7 @@ struct Stored {
 };
 
 // The real relay, headless, keeping every message in its outbox.
-struct RunningRelay : ::testing::Test {
-    QTemporaryDir root;
-    QString folder = root.path() + QStringLiteral("/relay");
-    quint16 port = freeListenPort();
-    std::unique_ptr<PostiqProcess> relay;
-
-    void SetUp() override
-    {
-        QDir().mkpath(folder);
-        writeFile(folder + QStringLiteral("/Postiq.ini"),
-                  "ListenPort\t" + QByteArray::number(port) + "\r\nKeepLocal\tOn\r\n");
-        relay = std::make_unique<PostiqProcess>(folder, root.path() + QStringLiteral("/config"));
-        ASSERT_TRUE(spinUntil([&] { return readFile(mailLog()).contains("Start of SMTP service"); }, 10000))
-            << relay->standardError().constData();
-    }
-    QString mailLog() const { return folder + QStringLiteral("/maillog.txt"); }
-
+struct RunningRelay : KeptLocalRelay {
     // The process is only known to have died once its end has gone through the event loop.
     bool stillRunning()
     {

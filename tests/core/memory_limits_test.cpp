@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 #include <iostream>
 
-#include "core/postiq_process.h"
+#include "core/kept_local_relay.h"
 #include "support/fakes.h"
 #include "support/mail_client.h"
 #include "support/thread_clients.h"
@@ -40,20 +40,7 @@ qint64 memoryOf(qint64 pid, const char* field)
     return -1;
 }
 
-struct MeasuredRelay : ::testing::Test {
-    QTemporaryDir root;
-    QString folder = root.path() + QStringLiteral("/relay");
-    quint16 port = freeListenPort();
-    std::unique_ptr<PostiqProcess> relay;
-
-    void SetUp() override
-    {
-        QDir().mkpath(folder);
-        writeFile(folder + QStringLiteral("/Postiq.ini"),
-                  "ListenPort\t" + QByteArray::number(port) + "\r\nKeepLocal\tOn\r\n");
-        relay = std::make_unique<PostiqProcess>(folder, root.path() + QStringLiteral("/config"));
-        ASSERT_TRUE(spinUntil([&] { return readFile(folder + "/maillog.txt").contains("Start of SMTP service"); }, 10000));
-    }
+struct MeasuredRelay : KeptLocalRelay {
     qint64 rss() const { return memoryOf(relay->processId(), "VmRSS"); }
     qint64 peak() const { return memoryOf(relay->processId(), "VmHWM"); }
 };

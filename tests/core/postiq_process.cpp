@@ -42,15 +42,5 @@ int runToEnd(const QString& folder, const QString& configHome, const QStringList
     return status;
 }
 
-quint16 freeListenPort()
-{
-    for (int tries = 0; tries < 1000; ++tries) {
-        const auto port = quint16(QRandomGenerator::global()->bounded(20000, 32000));
-        QTcpServer probe;
-        if (probe.listen(QHostAddress::AnyIPv4, port))
-            return port;
-    }
-    return 0;
-}
 
 } // namespace postiq::test

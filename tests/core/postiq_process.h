@@ -4,6 +4,8 @@
 #include <QProcess>
 #include <QString>
 
+#include "support/fakes.h"
+
 namespace postiq::test {
 
 // The real program run headless on a program folder, with its registry in a temporary
@@ -28,8 +30,5 @@ private:
 // status (-1 when it did not end in time) and puts what it wrote on stderr in *standardError.
 int runToEnd(const QString& folder, const QString& configHome, const QStringList& arguments,
              QByteArray* standardError = nullptr);
-
-// A TCP port that nothing listens on right now, within the 16-bit signed range of the setting.
-quint16 freeListenPort();
 
 } // namespace postiq::test

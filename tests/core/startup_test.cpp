@@ -12,19 +12,6 @@ using namespace postiq::test;
 
 namespace {
 
-const QByteArray kHeaderOnlyIni =
-    "# Fichier de configuration de Postiq\r\n"
-    "# Placer un dièse '#' devant une ligne pour qu'elle devienne un commentaire\r\n"
-    "\r\n"
-    "# Version de Postiq pour ce fichier de configuration (dernière écriture logicielle)\r\n"
-    "# Postiq Version 3.0\r\n"
-    "\r\n"
-    "<Global>\r\n"
-    "</Global>\r\n"
-    "\r\n"
-    "<Registry>\r\n"
-    "</Registry>\r\n";
-
 const QRegularExpression kStamp(QStringLiteral("^[A-Z][a-z]{2} \\d\\d \\d{4} \\d\\d:\\d\\d:\\d\\d"));
 
 // The mail-log lines without their date stamps, checking that each has one.

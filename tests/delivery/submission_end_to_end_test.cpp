@@ -1,6 +1,5 @@
 #include <QDir>
 #include <QProcess>
-#include <QRandomGenerator>
 #include <QTemporaryDir>
 #include <gtest/gtest.h>
 
@@ -15,17 +14,6 @@ using namespace postiq::test;
 
 namespace {
 
-// A free port within the 16-bit signed range of the ListenPort setting.
-quint16 freePort()
-{
-    for (int tries = 0; tries < 1000; ++tries) {
-        const auto port = quint16(QRandomGenerator::global()->bounded(20000, 32000));
-        QTcpServer probe;
-        if (probe.listen(QHostAddress::AnyIPv4, port))
-            return port;
-    }
-    return 0;
-}
 
 // The real program, headless, sends a mail program's message through a provider's STARTTLS
 // server that requires the login: it arrives byte for byte, and the password is in no log.
@@ -39,7 +27,7 @@ TEST(SubmissionEndToEnd, HeadlessRelayLogsInOverStartTls)
     QTemporaryDir root;
     const QString folder = root.path() + QStringLiteral("/relay");
     QDir().mkpath(folder);
-    const quint16 port = freePort();
+    const quint16 port = freeListenPort();
     writeFile(folder + QStringLiteral("/Postiq.ini"),
               "ListenPort\t" + QByteArray::number(port) + "\r\nSmtpServer\tsmtp://me@isp.test@127.0.0.1:"
                   + QByteArray::number(server.serverPort()) + "\r\n");

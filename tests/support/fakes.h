@@ -69,6 +69,23 @@ struct LogBench {
     QString path(const QString& name) const { return dir.path() + '/' + name; }
 };
 
+// A TCP port that nothing listens on right now, within the 16-bit signed range of ListenPort.
+quint16 freeListenPort();
+
+// Postiq.ini as written with no setting overridden: the header and the empty sections.
+inline const QByteArray kHeaderOnlyIni =
+    "# Fichier de configuration de Postiq\r\n"
+    "# Placer un dièse '#' devant une ligne pour qu'elle devienne un commentaire\r\n"
+    "\r\n"
+    "# Version de Postiq pour ce fichier de configuration (dernière écriture logicielle)\r\n"
+    "# Postiq Version 3.0\r\n"
+    "\r\n"
+    "<Global>\r\n"
+    "</Global>\r\n"
+    "\r\n"
+    "<Registry>\r\n"
+    "</Registry>\r\n";
+
 // Whole contents of a file, or an empty array when it is missing.
 QByteArray readFile(const QString& path);
 // The complete lines (ended by CR LF) of a log file that contain `part`, without their CR LF.

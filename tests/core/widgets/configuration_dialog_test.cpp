@@ -18,19 +18,6 @@ using namespace postiq::test;
 
 namespace {
 
-const QByteArray kHeaderOnlyIni =
-    "# Fichier de configuration de Postiq\r\n"
-    "# Placer un dièse '#' devant une ligne pour qu'elle devienne un commentaire\r\n"
-    "\r\n"
-    "# Version de Postiq pour ce fichier de configuration (dernière écriture logicielle)\r\n"
-    "# Postiq Version 3.0\r\n"
-    "\r\n"
-    "<Global>\r\n"
-    "</Global>\r\n"
-    "\r\n"
-    "<Registry>\r\n"
-    "</Registry>\r\n";
-
 template <typename T>
 T& control(QWidget& form, const char* name)
 {
