@@ -52,6 +52,9 @@ void WidgetDesktop::messageBox(const QString& title, const QString& text, Icon i
     case Icon::Critical: kind = QMessageBox::Critical; break;
     }
     QMessageBox box(kind, title.isEmpty() ? QStringLiteral("Postiq") : title, text);
+    // Modal on purpose, and only where nothing else may run: the start-up refusals and questions
+    // come before the event loop starts, and the fatal report has silenced the relay first.
+    // Everything shown while mail flows goes through notice().
     box.exec();
 }
 
