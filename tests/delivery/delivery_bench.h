@@ -58,10 +58,7 @@ struct DeliveryBench {
     // Starts the inbound service on a free port.
     bool listen()
     {
-        QTcpServer probe;
-        probe.listen(QHostAddress::AnyIPv4);
-        port = probe.serverPort();
-        probe.close();
+        port = freeListenPort();
         settings.ActiveSettings.ListenPort = static_cast<int16_t>(port);
         service.Demarrer();
         return service.isListening();
