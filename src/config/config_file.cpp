@@ -13,7 +13,7 @@
 #include "config/settings.h"
 #include "log/logs.h"
 #include "log/version.h"
-#include "notify/dates.h"
+#include "log/dates.h"
 
 namespace postiq {
 

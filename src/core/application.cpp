@@ -10,7 +10,7 @@
 #include "core/registry_housekeeping.h"
 #include "dns/mx_lookup.h"
 #include "log/version.h"
-#include "notify/dates.h"
+#include "log/dates.h"
 #include "platform/desktop.h"
 #include "platform/instance_lock.h"
 #include "platform/registry.h"

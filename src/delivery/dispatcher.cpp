@@ -12,7 +12,7 @@
 #include "log/logs.h"
 #include "notify/generate_deferred_mail.h"
 #include "notify/generate_return_mail.h"
-#include "notify/dates.h"
+#include "log/dates.h"
 #include "platform/clock.h"
 #include "platform/folder_scan.h"
 #include "platform/program_folder.h"

@@ -4,7 +4,7 @@
 #include <new>
 
 #include "log/logs.h"
-#include "notify/dates.h"
+#include "log/dates.h"
 #include "smtp_in/connexion.h"
 
 namespace postiq {

@@ -16,7 +16,7 @@
 #include "log/logs.h"
 #include "notify/generate_deferred_mail.h"
 #include "notify/generate_return_mail.h"
-#include "notify/dates.h"
+#include "log/dates.h"
 #include "platform/desktop.h"
 #include "store/queue_files.h"
 

@@ -14,7 +14,7 @@
 #include "delivery/socket_errors.h"
 #include "delivery/tls_trust.h"
 #include "log/logs.h"
-#include "notify/dates.h"
+#include "log/dates.h"
 #include "platform/owner_only_file.h"
 
 namespace postiq {

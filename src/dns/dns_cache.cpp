@@ -7,7 +7,7 @@
 #include <cmath>
 
 #include "log/logs.h"
-#include "notify/dates.h"
+#include "log/dates.h"
 #include "platform/durable_file.h"
 
 namespace postiq {

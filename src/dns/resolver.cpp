@@ -6,7 +6,7 @@
 
 #include "config/settings.h"
 #include "log/logs.h"
-#include "notify/dates.h"
+#include "log/dates.h"
 
 namespace postiq {
 

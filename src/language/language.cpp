@@ -4,7 +4,7 @@
 
 #include "config/field_reader.h"
 #include "log/logs.h"
-#include "notify/dates.h"
+#include "log/dates.h"
 #include "platform/program_folder.h"
 
 namespace postiq {

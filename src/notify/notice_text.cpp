@@ -3,7 +3,7 @@
 #include <QString>
 
 #include "log/version.h"
-#include "notify/dates.h"
+#include "log/dates.h"
 
 namespace postiq {
 

@@ -8,7 +8,7 @@
 #include <chrono>
 
 #include "log/logs.h"
-#include "notify/dates.h"
+#include "log/dates.h"
 
 namespace postiq {
 

@@ -10,7 +10,7 @@
 #include "log/html.h"
 #include "log/logs.h"
 #include "log/version.h"
-#include "notify/dates.h"
+#include "log/dates.h"
 #include "store/address.h"
 #include "store/fresh_queue_name.h"
 #include "store/message.h"

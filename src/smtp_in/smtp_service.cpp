@@ -5,7 +5,7 @@
 #include "config/settings.h"
 #include "dns/dns_cache.h"
 #include "log/logs.h"
-#include "notify/dates.h"
+#include "log/dates.h"
 #include "platform/desktop.h"
 #include "smtp_in/connexion.h"
 

@@ -5,7 +5,7 @@
 #include <QFileInfo>
 
 #include "log/logs.h"
-#include "notify/dates.h"
+#include "log/dates.h"
 #include "platform/durable_file.h"
 #include "store/queue_file_format.h"
 

@@ -16,4 +16,9 @@ QByteArray GMTDate(const Clock& clock);
 QByteArray SerialDate(const QDateTime& localTime);
 QByteArray SerialDate(const Clock& clock);
 
+// "Thu, 05 Feb 2004 09:05:07 +0100": the date of mail headers (RFC 5322), in the local time with
+// the zone it really has at that instant.
+QByteArray Rfc5322Date(const QDateTime& localTime);
+QByteArray Rfc5322Date(const Clock& clock);
+
 } // namespace postiq

@@ -1,4 +1,4 @@
-#include "notify/dates.h"
+#include "log/dates.h"
 
 #include "platform/clock.h"
 
@@ -9,6 +9,7 @@ namespace postiq {
 namespace {
 const char* const kMonths[12] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                  "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+const char* const kDays[7] = {"Mon", "Tue", "Wed", "Thu", "Fri", "Sat", "Sun"};
 }
 
 // Written by hand: every log line carries one, so it must cost next to nothing.
@@ -30,5 +31,21 @@ QByteArray SerialDate(const QDateTime& localTime)
 }
 
 QByteArray SerialDate(const Clock& clock) { return SerialDate(clock.now()); }
+
+QByteArray Rfc5322Date(const QDateTime& localTime)
+{
+    const QDate date = localTime.date();
+    const QTime time = localTime.time();
+    const int offset = localTime.offsetFromUtc() / 60; // minutes east of UTC
+    const int magnitude = offset < 0 ? -offset : offset;
+    char text[48];
+    const int length = std::snprintf(text, sizeof text, "%s, %02d %s %04d %02d:%02d:%02d %c%02d%02d",
+                                     kDays[date.dayOfWeek() - 1], date.day(), kMonths[date.month() - 1], date.year(),
+                                     time.hour(), time.minute(), time.second(), offset < 0 ? '-' : '+',
+                                     magnitude / 60, magnitude % 60);
+    return QByteArray(text, length);
+}
+
+QByteArray Rfc5322Date(const Clock& clock) { return Rfc5322Date(clock.now()); }
 
 } // namespace postiq
