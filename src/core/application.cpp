@@ -28,7 +28,8 @@ Application::Application(const QString& programFolder, PlatformServices services
       services_(services),
       logs_(programFolder, settings_, services.desktop, services.clock),
       configLoader_(settings_, logs_, services.network, services.registry,
-                    [this](const QString& name) { language_.LOADFile(logs_, name); })
+                    [this](const QString& name) { language_.LOADFile(logs_, name); }),
+      queue_(programFolder)
 {
 }
 
@@ -56,6 +57,7 @@ void Application::start()
         createQueueFolders();
     });
     checkLogFilesWritable();
+    clearQueueLeftovers();
     prepareConfigurationFile();
     logs_.guarded(kStartUpSite, [this] {
         configLoader_.ChargerConfig(true);
@@ -116,14 +118,35 @@ void Application::checkLookupComponent()
 
 void Application::createQueueFolders()
 {
-    for (const char* name : {"OutBox", "Deferred", "Error", "language"}) {
-        const QString path = SubfolderPath(folder_, QString::fromLatin1(name));
-        if (QFileInfo(path).isDir())
-            continue;
-        if (!QDir().mkpath(path))
-            throw Fault(ErrAccessDenied, QStringLiteral("Cannot create the folder ") + path);
+    const auto logCreation = [this](const QByteArray& name) {
         logs_.MailLog(GMTDate(services_.clock) + " Postiq: '" + name + "' directory creation");
+    };
+    for (const QueueFolder folder : queue_.createMissingFolders())
+        logCreation(Queue::folderName(folder));
+    const QString language = SubfolderPath(folder_, QStringLiteral("language"));
+    if (QFileInfo(language).isDir())
+        return;
+    if (!QDir().mkpath(language))
+        throw Fault(ErrAccessDenied, QStringLiteral("Cannot create the folder ") + language);
+    logCreation("language");
+}
+
+void Application::clearQueueLeftovers()
+{
+    QueueLeftovers found;
+    try {
+        found = queue_.clearLeftovers();
+    } catch (const Fault& fault) {
+        logs_.ErrorLog(GMTDate(services_.clock) + " Postiq: the queue could not be cleared of an earlier run's "
+                       "leftovers: " + fault.description().toUtf8());
+        return;
     }
+    if (found.stagingFiles > 0)
+        logs_.ErrorLog(GMTDate(services_.clock) + " Postiq: " + QByteArray::number(found.stagingFiles)
+                       + " unfinished queue file(s) of an earlier run removed (never acknowledged)");
+    if (found.duplicates > 0)
+        logs_.ErrorLog(GMTDate(services_.clock) + " Postiq: " + QByteArray::number(found.duplicates)
+                       + " second copy(ies) of a message left by an interrupted move removed");
 }
 
 namespace {
@@ -173,15 +196,16 @@ void Application::silenceEverything()
         tables_->silenceAll();
 }
 
+// Twice in a row (the tray, the command line) changes nothing the second time.
 void Application::startService()
 {
-    if (service_)
+    if (service_ && !service_->isListening())
         service_->Demarrer();
 }
 
 void Application::stopService()
 {
-    if (service_)
+    if (service_ && service_->isListening())
         service_->Arreter();
 }
 

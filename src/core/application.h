@@ -13,6 +13,7 @@
 #include "log/logs.h"
 #include "smtp_in/connexion.h"
 #include "smtp_in/smtp_service.h"
+#include "store/queue.h"
 
 namespace postiq {
 
@@ -69,6 +70,7 @@ public:
     ConnectionTables& tables() { return *tables_; }
     SmtpService& service() { return *service_; }
     Dispatcher& dispatcher() { return *dispatcher_; }
+    Queue& queue() { return queue_; }
     ConfigLoader& configLoader() { return configLoader_; }
 
     // What the main window and the tray show.
@@ -94,6 +96,8 @@ private:
     void initialiseComponents();
     void checkLookupComponent();
     void createQueueFolders();
+    // What a relay that was killed left in the queue: unfinished files, a message in two folders.
+    void clearQueueLeftovers();
     void checkLogFilesWritable();
     void prepareConfigurationFile();
     // Before the fatal report's box: nothing of the relay may run while it waits for the user.
@@ -106,6 +110,7 @@ private:
     LanguageTable language_;
     DnsCache dnsCache_;
     ConfigLoader configLoader_;
+    Queue queue_;
     std::unique_ptr<InstanceLock> instanceLock_;
     std::unique_ptr<ConnectionTables> tables_;
     std::unique_ptr<SmtpService> service_;

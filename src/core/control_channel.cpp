@@ -19,8 +19,23 @@ QString controlServerName(const QString& programFolder)
     return QStringLiteral("postiq-") + QString::fromLatin1(hash.left(32));
 }
 
-ControlChannel::ControlChannel(const QString& serverName, RelayControls controls, QObject* parent)
-    : QObject(parent), serverName_(serverName), controls_(std::move(controls)), server_(new QLocalServer(this))
+QByteArray ControlAnswer::line() const
+{
+    switch (kind) {
+    case Kind::Done:
+        return text.isEmpty() ? QByteArray("ok") : "ok: " + text;
+    case Kind::NothingToDo:
+        return "nothing: " + text;
+    case Kind::Refused:
+        return "refused: " + text;
+    case Kind::Unknown:
+        break;
+    }
+    return "error: unknown command";
+}
+
+ControlChannel::ControlChannel(const QString& serverName, ControlHandler handler, QObject* parent)
+    : QObject(parent), serverName_(serverName), handler_(std::move(handler)), server_(new QLocalServer(this))
 {
     connect(server_, &QLocalServer::newConnection, this, &ControlChannel::acceptClients);
 }
@@ -73,22 +88,17 @@ void ControlChannel::readCommand(QLocalSocket* client)
 
 QByteArray ControlChannel::carryOut(const QByteArray& command)
 {
-    using Control = std::function<void()> RelayControls::*;
-    static constexpr std::pair<const char*, Control> kCommands[] = {
-        {"start", &RelayControls::startService},
-        {"stop", &RelayControls::stopService},
-        {"reload", &RelayControls::reloadConfiguration},
-        {"flush", &RelayControls::flushDeferred},
-        {"quit", &RelayControls::quit},
-    };
-    for (const auto& [name, control] : kCommands) {
-        if (command != name)
-            continue;
-        if (const std::function<void()>& run = controls_.*control)
-            run();
-        return "ok";
+    const qsizetype space = command.indexOf(' ');
+    const QByteArray verb = space < 0 ? command : command.left(space);
+    const QByteArray argument = space < 0 ? QByteArray() : command.mid(space + 1);
+    // Lower-case letters only: anything else cannot be a command, whatever the handler knows.
+    for (const char c : verb) {
+        if (c < 'a' || c > 'z')
+            return ControlAnswer::unknown().line();
     }
-    return "error: unknown command";
+    if (verb.isEmpty() || !handler_)
+        return ControlAnswer::unknown().line();
+    return handler_(verb, argument).line();
 }
 
 void ControlChannel::answer(QLocalSocket* client, const QByteArray& line)
@@ -130,8 +140,7 @@ void ControlRequest::sendCommand()
 void ControlRequest::readAnswer()
 {
     if (socket_->canReadLine()) {
-        const QString text = QString::fromUtf8(socket_->readLine().trimmed());
-        finish(text == QLatin1String("ok") ? Outcome::Done : Outcome::Failed, text);
+        answered(socket_->readLine().trimmed());
     } else if (socket_->bytesAvailable() > 1024) {
         finish(Outcome::Failed, QStringLiteral("the relay's answer is not a line"));
     }
@@ -140,8 +149,7 @@ void ControlRequest::readAnswer()
 void ControlRequest::connectionLost()
 {
     if (socket_->bytesAvailable() > 0) { // an answer without its line end
-        const QString text = QString::fromUtf8(socket_->readAll().trimmed());
-        finish(text == QLatin1String("ok") ? Outcome::Done : Outcome::Failed, text);
+        answered(socket_->readAll().trimmed());
         return;
     }
     finish(Outcome::Failed, QStringLiteral("the relay closed the connection without answering"));
@@ -160,6 +168,12 @@ void ControlRequest::socketFailed()
         finish(Outcome::Failed, socket_->errorString());
         return;
     }
+}
+
+void ControlRequest::answered(const QByteArray& line)
+{
+    const bool done = line == "ok" || line.startsWith("ok: ") || line.startsWith("nothing: ");
+    finish(done ? Outcome::Done : Outcome::Failed, QString::fromUtf8(line));
 }
 
 void ControlRequest::finish(Outcome outcome, const QString& text)

@@ -12,14 +12,22 @@ class QLocalSocket;
 
 namespace postiq {
 
-// The tray menu's commands, as the running relay carries them out.
-struct RelayControls {
-    std::function<void()> startService;        // "start"
-    std::function<void()> stopService;         // "stop"
-    std::function<void()> reloadConfiguration; // "reload"
-    std::function<void()> flushDeferred;       // "flush"
-    std::function<void()> quit;                // "quit"
+// What the relay answers a command. The line sent back is "ok" (or "ok: " and what was done),
+// "nothing: " and why there was nothing to do, "refused: " and why, or "error: unknown command".
+struct ControlAnswer {
+    enum class Kind { Done, NothingToDo, Refused, Unknown };
+    Kind kind = Kind::Unknown;
+    QByteArray text;
+
+    static ControlAnswer done(const QByteArray& text = {}) { return {Kind::Done, text}; }
+    static ControlAnswer nothingToDo(const QByteArray& text) { return {Kind::NothingToDo, text}; }
+    static ControlAnswer refused(const QByteArray& text) { return {Kind::Refused, text}; }
+    static ControlAnswer unknown() { return {}; }
+    QByteArray line() const;
 };
+
+// Carries out one command: its word and what followed it after one space (empty when nothing did).
+using ControlHandler = std::function<ControlAnswer(const QByteArray& verb, const QByteArray& argument)>;
 
 // The local socket name of the relay that runs on `programFolder`. It is made from the folder's
 // canonical path, so that every spelling of the folder meets the same relay, and hashed, because a
@@ -27,15 +35,15 @@ struct RelayControls {
 QString controlServerName(const QString& programFolder);
 
 // Lets a command line drive the running relay without a window. A client connects, sends one
-// command word and a line end, gets one line back ("ok", or "error: " and the reason) and is
-// disconnected. Nothing a client sends or fails to send can stall the event loop or stop the
+// command (a word, perhaps a space and an argument) and a line end, gets one line back (see
+// ControlAnswer) and is disconnected. Nothing a client sends or fails to send can stall the event loop or stop the
 // channel from serving the next client.
 class ControlChannel : public QObject {
     Q_OBJECT
 public:
     static constexpr int kMaxLine = 64;
 
-    ControlChannel(const QString& serverName, RelayControls controls, QObject* parent = nullptr);
+    ControlChannel(const QString& serverName, ControlHandler handler, QObject* parent = nullptr);
     ~ControlChannel() override;
 
     // Starts listening, accessible to this user only. A name left behind by a relay that ended
@@ -53,7 +61,7 @@ private:
     void answer(QLocalSocket* client, const QByteArray& line);
 
     QString serverName_;
-    RelayControls controls_;
+    ControlHandler handler_;
     QLocalServer* server_;
     std::chrono::milliseconds idleTimeout_{5000};
 };
@@ -64,9 +72,9 @@ class ControlRequest : public QObject {
     Q_OBJECT
 public:
     enum class Outcome {
-        Done,       // the relay answered "ok"
+        Done,       // the relay answered "ok" or "nothing"
         NotRunning, // nothing listens on that name
-        Failed,     // an error answer, a broken connection or no answer in time; see the text
+        Failed,     // a refusal or error answer, a broken connection or no answer in time; see the text
     };
 
     ControlRequest(const QString& serverName, const QByteArray& command, std::chrono::milliseconds timeout,
@@ -76,7 +84,7 @@ public:
     void send();
 
 signals:
-    // `text` is the relay's answer, or what went wrong.
+    // `text` is the relay's answer line, or what went wrong.
     void finished(postiq::ControlRequest::Outcome outcome, const QString& text);
 
 private:
@@ -84,6 +92,7 @@ private:
     void readAnswer();
     void connectionLost();
     void socketFailed();
+    void answered(const QByteArray& line);
     void finish(Outcome outcome, const QString& text);
 
     QString serverName_;

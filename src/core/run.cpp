@@ -10,6 +10,7 @@
 #include "core/command_line.h"
 #include "core/control_channel.h"
 #include "core/desktop_shell.h"
+#include "core/relay_commands.h"
 #include "log/version.h"
 #include "platform/clock.h"
 #include "platform/desktop.h"
@@ -59,6 +60,11 @@ int sendControlCommand(int argc, char** argv, const CommandLine& line)
                      [&](ControlRequest::Outcome outcome, const QString& text) {
                          switch (outcome) {
                          case ControlRequest::Outcome::Done:
+                             // "ok: what was done", "nothing: why": said as it is, without "ok".
+                             if (text.startsWith(QLatin1String("ok: ")))
+                                 std::printf("postiq: %s\n", qPrintable(text.mid(4)));
+                             else if (text != QLatin1String("ok"))
+                                 std::printf("postiq: %s\n", qPrintable(text));
                              status = ExitOk;
                              break;
                          case ControlRequest::Outcome::NotRunning:
@@ -149,11 +155,9 @@ int runPostiq(int argc, char** argv)
 
     // The instance lock is held from here on, so the channel may take over a stale socket name.
     ControlChannel control(controlServerName(absoluteFolder),
-                           {.startService = [&application] { application.startService(); },
-                            .stopService = [&application] { application.stopService(); },
-                            .reloadConfiguration = [&application] { application.reloadConfiguration(); },
-                            .flushDeferred = [&application] { application.flushDeferred(); },
-                            .quit = [&application] { application.quit(); }});
+                           [&application](const QByteArray& verb, const QByteArray& argument) {
+                               return CarryOutRelayCommand(application, verb, argument);
+                           });
     openControlChannel(control, desktop);
     return app->exec();
 }

@@ -14,4 +14,7 @@ QByteArray FreshQueueName(Logs& logs, const QByteArray& suffix = {});
 // The same with the random part drawn by `draw`, so that clashes can be forced.
 QByteArray FreshQueueName(Logs& logs, const QByteArray& suffix, const std::function<QByteArray()>& draw);
 
+// The random part itself (what RandomFileGet returns), for callers without logs.
+QByteArray DrawQueueName();
+
 } // namespace postiq

@@ -119,7 +119,7 @@ private:
 
 } // namespace
 
-void WriteQueueRecord(QIODevice& device, const CMessage& message)
+void WriteQueueRecordHead(QIODevice& device, const CMessage& message)
 {
     RecordWriter out(device);
     out.string(message.ID);
@@ -135,10 +135,23 @@ void WriteQueueRecord(QIODevice& device, const CMessage& message)
     out.number<qint32>(0);
     for (int index = 0; index <= count; ++index)
         out.string(message.RcptTo(index));
-    out.string(message.Data);
 }
 
-void ReadQueueRecord(QIODevice& device, CMessage& message)
+void WriteQueueRecord(QIODevice& device, const CMessage& message)
+{
+    WriteQueueRecordHead(device, message);
+    RecordWriter(device).string(message.Data);
+}
+
+QByteArray LongTextCount(quint32 size)
+{
+    QByteArray count(6, '\0');
+    qToLittleEndian<quint16>(kLongStringEscape, count.data());
+    qToLittleEndian<quint32>(size, count.data() + 2);
+    return count;
+}
+
+qint64 ReadQueueRecordHead(QIODevice& device, CMessage& message)
 {
     RecordReader in(device);
     message.MClear();
@@ -164,7 +177,22 @@ void ReadQueueRecord(QIODevice& device, CMessage& message)
     for (quint32 index = 1; index < elements; ++index)
         message.AddRcptTo(in.string("recipient"));
 
-    message.Data = in.string("content");
+    qint64 size = in.number<quint16>("content");
+    if (size == kLongStringEscape)
+        size = in.number<quint32>("content");
+    if (size > device.size() - device.pos())
+        throw Fault(ErrPastEndOfFile, QStringLiteral("The queue file ends inside its content (%1 bytes "
+                                                     "needed, %2 left)")
+                                          .arg(size)
+                                          .arg(device.size() - device.pos()));
+    return size;
+}
+
+void ReadQueueRecord(QIODevice& device, CMessage& message)
+{
+    const qint64 size = ReadQueueRecordHead(device, message);
+    RecordReader in(device);
+    message.Data = in.bytes(size, "content");
 }
 
 } // namespace postiq

@@ -42,16 +42,22 @@ struct RawClient {
     bool closedByServer() { return spinUntil([this] { return socket.state() == QLocalSocket::UnconnectedState; }); }
 };
 
-// A channel, listening over a name left behind by a killed relay, whose commands record that they ran.
+// A channel, listening over a name left behind by a killed relay, whose commands record that they
+// ran: "start", "stop", "reload", "quit" are done, "flush" has nothing to do, "delete X" is refused.
 struct ChannelBench : ::testing::Test {
     QStringList ran;
     QString name = uniqueServerName();
-    ControlChannel channel{name,
-                           {.startService = [this] { ran << "start"; },
-                            .stopService = [this] { ran << "stop"; },
-                            .reloadConfiguration = [this] { ran << "reload"; },
-                            .flushDeferred = [this] { ran << "flush"; },
-                            .quit = [this] { ran << "quit"; }}};
+    ControlChannel channel{name, [this](const QByteArray& verb, const QByteArray& argument) {
+                               if (verb == "delete" && !argument.isEmpty()) {
+                                   ran << QString::fromLatin1(verb + ' ' + argument);
+                                   return ControlAnswer::refused(argument + " is being delivered");
+                               }
+                               if (!argument.isEmpty() || !QByteArrayList{"start", "stop", "reload", "flush", "quit"}.contains(verb))
+                                   return ControlAnswer::unknown();
+                               ran << QString::fromLatin1(verb);
+                               return verb == "flush" ? ControlAnswer::nothingToDo("no message is deferred")
+                                                      : ControlAnswer::done();
+                           }};
 
     void SetUp() override
     {
@@ -61,20 +67,30 @@ struct ChannelBench : ::testing::Test {
     }
 };
 
-TEST_F(ChannelBench, EachCommandRunsItsControlAndIsAnsweredOk)
+TEST_F(ChannelBench, EachCommandRunsItsControlAndIsAnsweredWithItsOutcome)
 {
-    for (const char* command : {"start", "stop", "reload", "flush", "quit"}) {
+    const QPair<QByteArray, QByteArray> cases[] = {
+        {"start\r\n", "ok"},
+        {"stop\n", "ok"},
+        {"reload\n", "ok"},
+        {"flush\n", "nothing: no message is deferred"},
+        {"delete A1B2\n", "refused: A1B2 is being delivered"},
+        {"quit\n", "ok"},
+    };
+    for (const auto& [command, reply] : cases) {
         RawClient client(name);
-        EXPECT_EQ(client.answer(QByteArray(command) + "\r\n"), "ok") << command;
-        EXPECT_TRUE(client.closedByServer()) << command;
+        EXPECT_EQ(client.answer(command), reply) << command.constData();
+        EXPECT_TRUE(client.closedByServer()) << command.constData();
     }
-    EXPECT_EQ(ran, (QStringList{"start", "stop", "reload", "flush", "quit"}));
+    EXPECT_EQ(ran, (QStringList{"start", "stop", "reload", "flush", "delete A1B2", "quit"}));
 }
 
 TEST_F(ChannelBench, HostileInputIsRefusedAndTheChannelServesOn)
 {
     const QPair<QByteArray, QByteArray> cases[] = {
         {"QUIT\n", "error: unknown command"},
+        {"start-\n", "error: unknown command"},
+        {" start\n", "error: unknown command"},
         {"quit now\n", "error: unknown command"},
         {QByteArray("\xff\x00quit\x01\n", 8), "error: unknown command"},
         {QByteArray(100, 'a') + '\n', "error: line too long"},
@@ -156,6 +172,23 @@ TEST(ControlRequest, AnswersRefusalsStaleSocketsSilenceAndHangUps)
     request(fake.serverName());
     EXPECT_EQ(outcome, ControlRequest::Outcome::Failed);
     EXPECT_EQ(text, "error: busy");
+
+    // "nothing to do" is success; a refusal is not.
+    QLocalServer polite;
+    ASSERT_TRUE(polite.listen(uniqueServerName()));
+    QByteArray politeAnswer;
+    QObject::connect(&polite, &QLocalServer::newConnection, [&] {
+        QLocalSocket* peer = polite.nextPendingConnection();
+        QObject::connect(peer, &QLocalSocket::readyRead, [peer, &politeAnswer] { peer->write(politeAnswer); });
+    });
+    for (const auto& [line, expected] : {std::pair{"nothing: already stopped\n", ControlRequest::Outcome::Done},
+                                         std::pair{"ok: 2 deferred messages\n", ControlRequest::Outcome::Done},
+                                         std::pair{"refused: X is being delivered\n", ControlRequest::Outcome::Failed}}) {
+        politeAnswer = line;
+        request(polite.serverName());
+        EXPECT_EQ(outcome, expected) << line;
+        EXPECT_EQ(text, QString::fromLatin1(line).trimmed());
+    }
 
     QLocalServer mute;
     ASSERT_TRUE(mute.listen(uniqueServerName()));

@@ -86,6 +86,36 @@ TEST_F(ControlFixture, TheRunningRelayObeysTheCommandLine)
     EXPECT_TRUE(message.contains("no Postiq is running in")) << message.constData();
 }
 
+// Commands that do not apply are answered, with status 0 for "nothing to do", and the relay goes on.
+TEST_F(ControlFixture, CommandsThatDoNotApplyAreAnsweredAndTheRelayLives)
+{
+    PostiqProcess relay(folder, configHome);
+    ASSERT_TRUE(spinUntil([&] { return logCount("Start of SMTP service") == 1; }, 10000))
+        << relay.standardError().constData();
+    const QString socket = QDir::tempPath() + '/' + postiq::controlServerName(folder);
+    ASSERT_TRUE(spinUntil([&] { return QFileInfo::exists(socket); }));
+
+    const auto answer = [&](const char* option) {
+        QByteArray out, err;
+        const int status = runToEnd(folder, configHome, {QString::fromLatin1(option)}, &err, &out);
+        return std::pair{status, out + err};
+    };
+    for (int round = 0; round < 2; ++round) {
+        EXPECT_EQ(answer("--start"), std::pair(0, QByteArray("postiq: nothing: the SMTP service is already started\n")));
+        EXPECT_TRUE(relay.running());
+    }
+    EXPECT_EQ(answer("--stop"), std::pair(0, QByteArray("postiq: the SMTP service is stopped\n")));
+    EXPECT_EQ(answer("--stop"), std::pair(0, QByteArray("postiq: nothing: the SMTP service is already stopped\n")));
+    EXPECT_EQ(logCount(" Postiq SMTP service stopped\r\n"), 1);
+    EXPECT_EQ(answer("--flush"), std::pair(0, QByteArray("postiq: nothing: no message is deferred\n")));
+    EXPECT_EQ(answer("--start").first, 0);
+    EXPECT_EQ(logCount(" Postiq Start of SMTP service\r\n"), 2);
+    EXPECT_TRUE(relay.running());
+    EXPECT_FALSE(readFile(folder + QStringLiteral("/Debug.html")).contains("ERREUR PROGRAMME"));
+    EXPECT_EQ(control("--quit"), 0);
+    EXPECT_EQ(relay.waitForExit(), 0);
+}
+
 TEST_F(ControlFixture, WithNothingRunningAControlOptionSaysSoAndCreatesNothing)
 {
     const QString nowhere = root.path() + QStringLiteral("/nowhere");

@@ -33,12 +33,14 @@ int PostiqProcess::waitForExit()
 }
 
 int runToEnd(const QString& folder, const QString& configHome, const QStringList& arguments,
-             QByteArray* standardError)
+             QByteArray* standardError, QByteArray* standardOutput)
 {
     PostiqProcess run(folder, configHome, arguments);
     const int status = run.waitForExit();
     if (standardError)
         *standardError = run.standardError();
+    if (standardOutput)
+        *standardOutput = run.standardOutput();
     return status;
 }
 

@@ -1,0 +1,516 @@
+#include "store/queue.h"
+
+#include <QBuffer>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QHash>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <stdio.h>
+
+#include "platform/folder_scan.h"
+#include "platform/locked_file.h"
+#include "platform/program_folder.h"
+#include "store/address.h"
+#include "store/fresh_queue_name.h"
+#include "store/message.h"
+#include "store/queue_file_format.h"
+#include "store/queue_files.h"
+
+namespace postiq {
+
+namespace {
+// Far more than chance ever needs among nearly a million million names: reaching it means the
+// draw is broken, which must not hang the program.
+constexpr int kMaxDraws = 1000;
+// What a streamed text is written to disk by, and what a copy reads at a time.
+constexpr qsizetype kChunk = 256 * 1024;
+// A staging file created by someone else between the name's draw and its creation.
+constexpr int kNameTakenMeanwhile = ErrFileAccess;
+
+QString systemError(int number) { return QString::fromLocal8Bit(std::strerror(number)); }
+
+QByteArray serialised(const CMessage& message)
+{
+    QBuffer buffer;
+    buffer.open(QIODevice::WriteOnly);
+    WriteQueueRecord(buffer, message);
+    return buffer.data();
+}
+
+// Stages a copy of `from` (or `record`) beside `to`, then makes it durable under that name.
+void writeDurably(const QString& to, const QString& from, const QByteArray* record)
+{
+    QString error;
+    if (record) {
+        if (!ReplaceDurably(to, *record, &error))
+            throw QueueFault(ErrAccessDenied, error, errno == ENOSPC || errno == EDQUOT);
+        return;
+    }
+    QFile source(from);
+    if (!source.open(QIODevice::ReadOnly))
+        throw QueueFault(QFileInfo::exists(from) ? ErrFileAccess : ErrFileNotFound,
+                         QStringLiteral("Cannot open '%1': %2").arg(from, source.errorString()));
+    const QString staging = StagingPathOf(to);
+    QFile::remove(staging); // a copy of an earlier attempt that failed
+    LockedNewFile copy;
+    int number = 0;
+    bool written = copy.create(staging, &number);
+    while (written && !source.atEnd()) {
+        const QByteArray chunk = source.read(kChunk);
+        if (chunk.isEmpty() && source.error() != QFileDevice::NoError) {
+            number = EIO;
+            written = false;
+            break;
+        }
+        written = copy.write(chunk.constData(), chunk.size(), &number);
+    }
+    written = written && copy.sync(&number);
+    copy.close();
+    if (!written) {
+        QFile::remove(staging);
+        throw QueueFault(ErrAccessDenied, QStringLiteral("Cannot write '%1': %2").arg(to, systemError(number)),
+                         IsDiskFull(number));
+    }
+    if (std::rename(QFile::encodeName(staging).constData(), QFile::encodeName(to).constData()) != 0
+        || !SyncFolderOf(to, &error)) {
+        const QString reason = error.isEmpty() ? systemError(errno) : error;
+        QFile::remove(staging);
+        throw QueueFault(ErrAccessDenied, QStringLiteral("Cannot store '%1': %2").arg(to, reason));
+    }
+}
+} // namespace
+
+Queue::Queue(QString programFolder) : programFolder_(std::move(programFolder)) {}
+
+Queue::~Queue() = default;
+
+QByteArray Queue::folderName(QueueFolder folder)
+{
+    switch (folder) {
+    case QueueFolder::OutBox:
+        return "OutBox";
+    case QueueFolder::Deferred:
+        return "Deferred";
+    case QueueFolder::Error:
+        return "Error";
+    }
+    return {};
+}
+
+QString Queue::folderPath(QueueFolder folder) const
+{
+    return SubfolderPath(programFolder_, QString::fromLatin1(folderName(folder)));
+}
+
+QString Queue::filePath(QueueFolder folder, const QByteArray& name) const
+{
+    return folderPath(folder) + '/' + QFile::decodeName(name);
+}
+
+QList<QueueFolder> Queue::createMissingFolders() const
+{
+    QList<QueueFolder> created;
+    for (const QueueFolder folder : kQueueFolders) {
+        const QString path = folderPath(folder);
+        if (QFileInfo(path).isDir())
+            continue;
+        if (!QDir().mkpath(path))
+            throw QueueFault(ErrAccessDenied, QStringLiteral("Cannot create the folder ") + path);
+        created.append(folder);
+    }
+    return created;
+}
+
+QByteArray Queue::freshName(const QByteArray& suffix, const std::function<QByteArray()>& draw) const
+{
+    QStringList folders;
+    for (const QueueFolder folder : kQueueFolders)
+        folders.append(folderPath(folder));
+    const auto taken = [&folders](const QByteArray& name) {
+        for (const QString& folder : folders) {
+            // A name being written (staged, not yet committed) is taken as well.
+            const QString path = folder + '/' + QFile::decodeName(name);
+            if (QFileInfo::exists(path) || QFileInfo::exists(StagingPathOf(path)))
+                return true;
+        }
+        return false;
+    };
+    for (int attempt = 0; attempt < kMaxDraws; ++attempt) {
+        const QByteArray name = (draw ? draw() : DrawQueueName()) + suffix;
+        if (!taken(name))
+            return name;
+    }
+    throw QueueFault(ErrFileAccess, QStringLiteral("No free queue file name after %1 draws").arg(kMaxDraws));
+}
+
+std::optional<QueueFolder> Queue::find(const QByteArray& name) const
+{
+    // A name is a bare file name: anything that would reach outside the folder is no message.
+    if (name.isEmpty() || name.startsWith('.') || name.contains('/'))
+        return std::nullopt;
+    for (const QueueFolder folder : kQueueFolders) {
+        if (QFileInfo(filePath(folder, name)).isFile())
+            return folder;
+    }
+    return std::nullopt;
+}
+
+QList<QueueEntry> Queue::list(QueueFolder folder) const
+{
+    QList<QueueEntry> entries;
+    const QString path = folderPath(folder);
+    FolderScan scan(path);
+    while (const std::optional<QByteArray> name = scan.nextFile()) {
+        const QFileInfo info(path + '/' + QFile::decodeName(*name));
+        if (!info.exists())
+            continue; // gone since the scan saw it
+        entries.append(QueueEntry{folder, *name, info.size(), info.lastModified()});
+    }
+    return entries;
+}
+
+QList<QueueEntry> Queue::listAll() const
+{
+    QList<QueueEntry> entries;
+    for (const QueueFolder folder : kQueueFolders)
+        entries += list(folder);
+    return entries;
+}
+
+std::optional<QByteArray> Queue::next(QueueFolder folder, const std::function<bool(const QByteArray&)>& skip) const
+{
+    FolderScan scan(folderPath(folder));
+    while (std::optional<QByteArray> name = scan.nextFile()) {
+        if (!skip || !skip(*name))
+            return name;
+    }
+    return std::nullopt;
+}
+
+QList<StagedFile> Queue::stage(const CMessage& message) const
+{
+    // Domains in order of first appearance, each with its recipients.
+    QList<QByteArray> domains;
+    QHash<QByteArray, QList<QByteArray>> recipients;
+    for (int index = 1; index <= message.MRcptToCount(); ++index) {
+        const QByteArray address = message.RcptTo(index);
+        const qsizetype at = address.indexOf('@');
+        const QByteArray domain = at < 0 ? QByteArray() : address.mid(at + 1).chopped(address.endsWith('>') ? 1 : 0);
+        if (!recipients.contains(domain))
+            domains.append(domain);
+        recipients[domain].append(address);
+    }
+    QList<StagedFile> staged;
+    try {
+        if (domains.size() <= 1) {
+            std::unique_ptr<QueueWriter> writer = open(message);
+            writer->append(message.Data);
+            writer->finish();
+            staged.append(writer->staged());
+            writer->committed_ = true; // handed over: the caller commits or discards it
+            return staged;
+        }
+        for (qsizetype k = 0; k < domains.size(); ++k) {
+            CMessage part = message;
+            part.MClear();
+            part.Essai = message.Essai;
+            part.LastError = message.LastError;
+            part.From = message.From;
+            for (const QByteArray& address : recipients[domains[k]])
+                part.AddRcptTo(address);
+            std::unique_ptr<QueueWriter> writer = open(part, '-' + QByteArray::number(k + 1));
+            writer->append(message.Data);
+            writer->finish();
+            staged.append(writer->staged());
+            writer->committed_ = true;
+        }
+    } catch (...) {
+        DiscardStagedFiles(staged);
+        throw;
+    }
+    return staged;
+}
+
+QByteArrayList Queue::enqueue(const CMessage& message) const
+{
+    const QList<StagedFile> staged = stage(message);
+    QString error;
+    if (!CommitStagedFiles(staged, &error))
+        throw QueueFault(ErrAccessDenied, error, errno == ENOSPC || errno == EDQUOT);
+    QByteArrayList names;
+    for (const StagedFile& file : staged)
+        names.append(QFile::encodeName(QFileInfo(file.path).fileName()));
+    return names;
+}
+
+std::unique_ptr<QueueWriter> Queue::open(const CMessage& envelope, const QByteArray& suffix) const
+{
+    // Two writers (this process and another) may draw the same free name in the same instant:
+    // creating the staging file decides, and the loser draws again.
+    for (int attempt = 0;; ++attempt) {
+        const QByteArray name = freshName(suffix);
+        try {
+            return std::unique_ptr<QueueWriter>(new QueueWriter(filePath(QueueFolder::OutBox, name), name, envelope));
+        } catch (const QueueFault& fault) {
+            if (fault.number() != kNameTakenMeanwhile || attempt >= 3)
+                throw;
+        }
+    }
+}
+
+void Queue::read(QueueFolder folder, const QByteArray& name, CMessage& into) const
+{
+    const QString path = filePath(folder, name);
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        throw QueueFault(QFileInfo::exists(path) ? ErrFileAccess : ErrFileNotFound,
+                         QStringLiteral("Cannot open '%1': %2").arg(path, file.errorString()));
+    CMessage loaded = into; // filled apart, so that a fault leaves `into` as it was
+    ReadQueueRecord(file, loaded);
+    into = std::move(loaded);
+}
+
+qint64 Queue::readHead(QueueFolder folder, const QByteArray& name, CMessage& into) const
+{
+    const QString path = filePath(folder, name);
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        throw QueueFault(QFileInfo::exists(path) ? ErrFileAccess : ErrFileNotFound,
+                         QStringLiteral("Cannot open '%1': %2").arg(path, file.errorString()));
+    CMessage loaded = into;
+    const qint64 size = ReadQueueRecordHead(file, loaded);
+    into = std::move(loaded);
+    return size;
+}
+
+void Queue::move(QueueFolder from, QueueFolder to, const QByteArray& name, const CMessage* updated) const
+{
+    const QString source = filePath(from, name);
+    const QString target = filePath(to, name);
+    if (!QFileInfo(source).isFile())
+        throw QueueFault(ErrFileNotFound, QStringLiteral("No message '%1' in %2")
+                                              .arg(QString::fromLatin1(name), QString::fromLatin1(folderName(from))));
+    if (from == to) {
+        if (updated)
+            rewrite(from, name, *updated);
+        return;
+    }
+    if (updated) {
+        const QByteArray record = serialised(*updated);
+        writeDurably(target, source, &record);
+    } else {
+        writeDurably(target, source, nullptr);
+    }
+    try {
+        RemoveQueueFile(source);
+    } catch (const Fault& fault) {
+        // The original could not go: the copy is taken back, so that the message stays where it was.
+        QFile::remove(target);
+        QString ignored;
+        SyncFolderOf(target, &ignored);
+        throw QueueFault(fault.number(), fault.description());
+    }
+}
+
+int Queue::returnDeferred(std::optional<qint64> olderThanSeconds, const QDateTime& now, QStringList* errors) const
+{
+    int moved = 0;
+    for (const QueueEntry& entry : list(QueueFolder::Deferred)) {
+        if (olderThanSeconds && entry.modified.secsTo(now) <= *olderThanSeconds)
+            continue;
+        try {
+            backToOutBox(QueueFolder::Deferred, entry.name);
+            ++moved;
+        } catch (const QueueFault& fault) {
+            if (errors)
+                errors->append(fault.description());
+        }
+    }
+    return moved;
+}
+
+void Queue::rewrite(QueueFolder folder, const QByteArray& name, const CMessage& message) const
+{
+    const QString path = filePath(folder, name);
+    if (!QFileInfo(path).isFile())
+        throw QueueFault(ErrFileNotFound, QStringLiteral("No message '%1' in %2")
+                                              .arg(QString::fromLatin1(name), QString::fromLatin1(folderName(folder))));
+    const QByteArray record = serialised(message);
+    writeDurably(path, path, &record);
+}
+
+void Queue::remove(QueueFolder folder, const QByteArray& name) const
+{
+    try {
+        RemoveQueueFile(filePath(folder, name));
+    } catch (const Fault& fault) {
+        throw QueueFault(fault.number(), fault.description());
+    }
+}
+
+bool Queue::claim(const QByteArray& name)
+{
+    if (claims_.contains(name))
+        return false;
+    claims_.insert(name);
+    return true;
+}
+
+void Queue::release(const QByteArray& name) { claims_.remove(name); }
+
+QueueLeftovers Queue::clearLeftovers() const
+{
+    QueueLeftovers found;
+    QHash<QByteArray, QList<QueueEntry>> copies;
+    for (const QueueFolder folder : kQueueFolders) {
+        const QDir dir(folderPath(folder));
+        const QStringList hidden = dir.entryList({QStringLiteral(".*.new")}, QDir::Files | QDir::Hidden);
+        for (const QString& name : hidden) {
+            const QString path = dir.filePath(name);
+            if (LockedFileInUse(path)) // another process (a sendmail) is writing it now
+                continue;
+            if (QFile::remove(path))
+                ++found.stagingFiles;
+        }
+        for (const QueueEntry& entry : list(folder))
+            copies[entry.name].append(entry);
+    }
+    for (const QList<QueueEntry>& same : std::as_const(copies)) {
+        if (same.size() < 2)
+            continue;
+        // Listed OutBox first: on equal times the earlier folder wins.
+        qsizetype keep = 0;
+        for (qsizetype i = 1; i < same.size(); ++i) {
+            if (same[i].modified > same[keep].modified)
+                keep = i;
+        }
+        for (qsizetype i = 0; i < same.size(); ++i) {
+            if (i == keep)
+                continue;
+            try {
+                remove(same[i].folder, same[i].name);
+                ++found.duplicates;
+            } catch (const QueueFault&) {
+                // left for the next start; both copies are whole
+            }
+        }
+    }
+    if (found.stagingFiles > 0) {
+        for (const QueueFolder folder : kQueueFolders) {
+            QString ignored;
+            SyncFolderOf(folderPath(folder) + QStringLiteral("/."), &ignored);
+        }
+    }
+    return found;
+}
+
+// ---- QueueWriter ----
+
+struct QueueWriter::File {
+    LockedNewFile file;
+};
+
+QueueWriter::QueueWriter(const QString& path, const QByteArray& name, const CMessage& envelope)
+    : path_(path), stagingPath_(StagingPathOf(path)), name_(name), file_(std::make_unique<File>())
+{
+    int number = 0;
+    if (!file_->file.create(stagingPath_, &number))
+        throw QueueFault(number == EEXIST ? kNameTakenMeanwhile : ErrAccessDenied,
+                         QStringLiteral("Cannot create '%1': %2").arg(stagingPath_, systemError(number)),
+                         IsDiskFull(number));
+    CMessage head = envelope;
+    head.ID = name;
+    head.TxtEng = "\r\n==> DO NOT ALTER THIS FILE !\r\n";
+    head.TxtFr = "\r\n==> NE PAS MODIFIER CE FICHIER !\r\n";
+    if (!envelope.TxtEng.isEmpty() || !envelope.TxtFr.isEmpty()) {
+        head.TxtEng = envelope.TxtEng;
+        head.TxtFr = envelope.TxtFr;
+    }
+    QBuffer buffer(&buffer_);
+    buffer.open(QIODevice::WriteOnly);
+    WriteQueueRecordHead(buffer, head);
+    buffer.close();
+    countOffset_ = buffer_.size();
+    buffer_ += LongTextCount(0); // the real size is written by finish()
+}
+
+QueueWriter::~QueueWriter()
+{
+    if (!committed_)
+        discard();
+}
+
+void QueueWriter::fail(const QString& what, int number)
+{
+    discard();
+    throw QueueFault(ErrAccessDenied, QStringLiteral("%1 '%2': %3").arg(what, stagingPath_, systemError(number)),
+                     IsDiskFull(number));
+}
+
+void QueueWriter::flushBuffer()
+{
+    int number = 0;
+    if (!file_->file.isOpen())
+        throw QueueFault(ErrFileAccess, QStringLiteral("The queue file '%1' is closed").arg(stagingPath_));
+    if (!file_->file.write(buffer_.constData(), buffer_.size(), &number))
+        fail(QStringLiteral("Cannot write"), number);
+    buffer_.clear();
+}
+
+void QueueWriter::append(const QByteArray& text)
+{
+    if (finished_)
+        throw QueueFault(ErrInvalidCall, QStringLiteral("Text added to a finished queue file"));
+    if (quint64(textSize_) + quint64(text.size()) >= 0xFFFFFFFFu)
+        throw QueueFault(ErrOverflow, QStringLiteral("A message of 4 GB or more cannot be queued"));
+    buffer_ += text;
+    textSize_ += text.size();
+    if (buffer_.size() >= kChunk)
+        flushBuffer();
+}
+
+void QueueWriter::finish()
+{
+    if (finished_)
+        return;
+    flushBuffer();
+    int number = 0;
+    if (!file_->file.writeAt(countOffset_, LongTextCount(quint32(textSize_)), &number))
+        fail(QStringLiteral("Cannot write"), number);
+    finished_ = true;
+}
+
+void QueueWriter::commit()
+{
+    finish();
+    int number = 0;
+    if (!file_->file.sync(&number))
+        fail(QStringLiteral("Cannot save to disk"), number);
+    if (::renameat2(AT_FDCWD, QFile::encodeName(stagingPath_).constData(), AT_FDCWD,
+                    QFile::encodeName(path_).constData(), RENAME_NOREPLACE)
+        != 0)
+        fail(QStringLiteral("Cannot rename to its name"), errno);
+    QString error;
+    if (!SyncFolderOf(path_, &error)) {
+        QFile::remove(path_);
+        discard();
+        throw QueueFault(ErrAccessDenied, error);
+    }
+    committed_ = true;
+    file_->file.close();
+}
+
+void QueueWriter::discard()
+{
+    file_->file.close();
+    if (!committed_)
+        QFile::remove(stagingPath_);
+    committed_ = true; // nothing more to undo
+}
+
+} // namespace postiq

@@ -1,0 +1,174 @@
+#pragma once
+
+#include <QByteArray>
+#include <QByteArrayList>
+#include <QDateTime>
+#include <QList>
+#include <QSet>
+#include <QString>
+#include <functional>
+#include <memory>
+#include <optional>
+
+#include "log/fault.h"
+#include "platform/durable_file.h"
+
+namespace postiq {
+
+class CMessage;
+class QueueWriter;
+
+// The three folders a message lives in, in the order a listing shows them.
+enum class QueueFolder { OutBox, Deferred, Error };
+inline constexpr QueueFolder kQueueFolders[] = {QueueFolder::OutBox, QueueFolder::Deferred, QueueFolder::Error};
+
+// A queue operation that failed; nothing was changed by it. `diskFull` tells a full disk (or quota),
+// which passes with time, from everything else.
+class QueueFault : public Fault {
+public:
+    QueueFault(int number, const QString& description, bool diskFull = false)
+        : Fault(number, description), diskFull_(diskFull)
+    {
+    }
+    bool diskFull() const { return diskFull_; }
+
+private:
+    bool diskFull_;
+};
+
+// One queued file as a listing shows it.
+struct QueueEntry {
+    QueueFolder folder = QueueFolder::OutBox;
+    QByteArray name;
+    qint64 size = 0;
+    QDateTime modified;
+};
+
+// What the start-up cleanup found.
+struct QueueLeftovers {
+    int stagingFiles = 0; // hidden files of writes that never finished, removed
+    int duplicates = 0;   // second copies of a message left by a cut move, removed
+};
+
+// The queue of a program folder: OutBox, Deferred and Error, each found whatever the letter case
+// of its name. It is the only code that builds a queue path or moves a queue file, and every
+// change it makes survives a crash: a new file is written under a hidden staging name, saved to
+// disk and renamed (never over another file) before its folder is saved too; a move writes the
+// copy durably before the original goes, and takes the copy back when the original cannot go, so
+// a message is always in one folder (for an instant in two, never in none). A file's name is its
+// message ID. Operations that fail throw QueueFault and leave the queue as it was.
+//
+// Besides the files, the queue keeps which names are taken by a delivery in progress (claim), so
+// that the commands of the command line do not delete a message under a running delivery.
+class Queue {
+public:
+    explicit Queue(QString programFolder);
+    ~Queue();
+
+    const QString& programFolder() const { return programFolder_; }
+    static QByteArray folderName(QueueFolder folder);
+    QString folderPath(QueueFolder folder) const;
+    QString filePath(QueueFolder folder, const QByteArray& name) const;
+    // Creates the missing folders, in the order OutBox, Deferred, Error; returns those created.
+    QList<QueueFolder> createMissingFolders() const;
+
+    // A name that no file of the three folders holds, written or being written: the random draw
+    // (RandomFileGet by default) + suffix.
+    QByteArray freshName(const QByteArray& suffix = {},
+                         const std::function<QByteArray()>& draw = {}) const;
+    // The folder holding the name, if any.
+    std::optional<QueueFolder> find(const QByteArray& name) const;
+
+    // The files of one folder, or of all three, in the directory's order; hidden staging files
+    // and subfolders are not messages.
+    QList<QueueEntry> list(QueueFolder folder) const;
+    QList<QueueEntry> listAll() const;
+    // The first file of the folder for which `skip` says false, found without building a listing.
+    std::optional<QByteArray> next(QueueFolder folder,
+                                   const std::function<bool(const QByteArray&)>& skip = {}) const;
+
+    // ---- new messages, always into OutBox ----
+    // Splits the message into one file per recipient domain (in order of first appearance, names
+    // with "-1", "-2"...; a single domain keeps one plain name), writes each under its staging name
+    // and returns them, not yet durable: CommitStagedFiles makes a group of them visible at once.
+    QList<StagedFile> stage(const CMessage& message) const;
+    // The same, made durable before it returns: all the files or none. Returns the new IDs.
+    QByteArrayList enqueue(const CMessage& message) const;
+    // A writer for one new message whose text is streamed (see QueueWriter).
+    std::unique_ptr<QueueWriter> open(const CMessage& envelope, const QByteArray& suffix = {}) const;
+
+    // ---- reading ----
+    // Loads the whole record; a missing or unreadable file is a QueueFault (ErrFileNotFound when
+    // it is not there).
+    void read(QueueFolder folder, const QByteArray& name, CMessage& into) const;
+    // The record without its text, and the text's size.
+    qint64 readHead(QueueFolder folder, const QByteArray& name, CMessage& into) const;
+
+    // ---- moves; `updated`, when given, is the record written at the destination ----
+    void move(QueueFolder from, QueueFolder to, const QByteArray& name, const CMessage* updated = nullptr) const;
+    // OutBox -> Deferred; the file's time becomes the deferral time.
+    void defer(const QByteArray& name, const CMessage* updated = nullptr) const { move(QueueFolder::OutBox, QueueFolder::Deferred, name, updated); }
+    void moveToError(QueueFolder from, const QByteArray& name, const CMessage* updated = nullptr) const { move(from, QueueFolder::Error, name, updated); }
+    void backToOutBox(QueueFolder from, const QByteArray& name) const { move(from, QueueFolder::OutBox, name); }
+    // Every deferred file (or only those deferred more than `olderThanSeconds` ago) back to OutBox.
+    // A file that cannot move stays where it was and is named in *errors; the others go on.
+    int returnDeferred(std::optional<qint64> olderThanSeconds, const QDateTime& now,
+                       QStringList* errors = nullptr) const;
+    // Replaces the record in place, whole.
+    void rewrite(QueueFolder folder, const QByteArray& name, const CMessage& message) const;
+    void remove(QueueFolder folder, const QByteArray& name) const;
+
+    // ---- deliveries in progress (in memory only) ----
+    bool claim(const QByteArray& name);   // false when already claimed
+    void release(const QByteArray& name);
+    bool claimed(const QByteArray& name) const { return claims_.contains(name); }
+
+    // At start-up, before anything else touches the queue: removes the staging files that no live
+    // process is writing (they were never acknowledged) and keeps one copy of a message found in
+    // two folders (the one written last, which is the move's destination; OutBox on a tie).
+    QueueLeftovers clearLeftovers() const;
+
+private:
+    QString programFolder_;
+    QSet<QByteArray> claims_;
+};
+
+// One new message being written into OutBox under its hidden staging name, locked so that no
+// cleanup takes it for a leftover; its text is streamed through a small buffer, so that a message
+// of any size costs little memory. Nothing is visible under its own name before commit(); a
+// writer dropped before then removes what it wrote. Failures throw QueueFault.
+class QueueWriter {
+public:
+    ~QueueWriter();
+    QueueWriter(const QueueWriter&) = delete;
+    QueueWriter& operator=(const QueueWriter&) = delete;
+
+    const QByteArray& name() const { return name_; }
+    void append(const QByteArray& text);
+    qint64 textSize() const { return textSize_; }
+    // Completes the record: the file is whole but still hidden.
+    void finish();
+    StagedFile staged() const { return StagedFile{stagingPath_, path_}; }
+    // finish() if needed, then saved to disk and renamed to its name, the folder saved too.
+    void commit();
+    void discard();
+
+private:
+    friend class Queue;
+    QueueWriter(const QString& path, const QByteArray& name, const CMessage& envelope);
+    void flushBuffer();
+    [[noreturn]] void fail(const QString& what, int number);
+
+    QString path_;
+    QString stagingPath_;
+    QByteArray name_;
+    struct File;
+    std::unique_ptr<File> file_;
+    QByteArray buffer_;
+    qint64 countOffset_ = 0;
+    qint64 textSize_ = 0;
+    bool finished_ = false;
+    bool committed_ = false;
+};
+
+} // namespace postiq

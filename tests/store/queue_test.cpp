@@ -1,0 +1,255 @@
+#include <gtest/gtest.h>
+
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
+#include <algorithm>
+
+#include <sched.h>
+#include <sys/mount.h>
+#include <utime.h>
+
+#include "platform/locked_file.h"
+#include "store/message.h"
+#include "store/queue.h"
+#include "support/fakes.h"
+
+using namespace postiq;
+using namespace postiq::test;
+
+namespace {
+
+struct QueueBench : ::testing::Test {
+    QTemporaryDir root;
+    LogBench bench; // only for the records' logs
+    Queue queue{root.path()};
+
+    void SetUp() override { queue.createMissingFolders(); }
+
+    CMessage message(QList<QByteArray> recipients, const QByteArray& data = "Subject: t\r\n\r\nhi\r\n")
+    {
+        CMessage m(bench.logs);
+        m.From = "<me@here.org>";
+        for (const QByteArray& r : recipients)
+            m.AddRcptTo(r);
+        m.Data = data;
+        return m;
+    }
+    QStringList hidden(QueueFolder folder) const
+    {
+        return QDir(queue.folderPath(folder)).entryList({".*"}, QDir::Files | QDir::Hidden);
+    }
+    QByteArrayList names(QueueFolder folder) const
+    {
+        QByteArrayList names;
+        for (const QueueEntry& entry : queue.list(folder))
+            names.append(entry.name);
+        std::sort(names.begin(), names.end());
+        return names;
+    }
+    void age(QueueFolder folder, const QByteArray& name, int seconds)
+    {
+        const QDateTime then = QDateTime::currentDateTime().addSecs(-seconds);
+        utimbuf times{then.toSecsSinceEpoch(), then.toSecsSinceEpoch()};
+        ASSERT_EQ(::utime(QFile::encodeName(queue.filePath(folder, name)).constData(), &times), 0);
+    }
+};
+
+TEST_F(QueueBench, EnqueueSplitsPerDomainAndReadsBackWhole)
+{
+    const QByteArrayList one = queue.enqueue(message({"<a@x.org>", "<b@x.org>"}));
+    ASSERT_EQ(one.size(), 1);
+    CMessage back(bench.logs);
+    queue.read(QueueFolder::OutBox, one[0], back);
+    EXPECT_EQ(back.ID, one[0]);
+    EXPECT_EQ(back.MRcptToCount(), 2);
+    EXPECT_EQ(back.Data, QByteArray("Subject: t\r\n\r\nhi\r\n"));
+    EXPECT_EQ(back.TxtEng, QByteArray("\r\n==> DO NOT ALTER THIS FILE !\r\n"));
+
+    const QByteArrayList split = queue.enqueue(message({"<a@x.org>", "<c@y.net>", "<b@x.org>"}));
+    ASSERT_EQ(split.size(), 2);
+    EXPECT_TRUE(split[0].endsWith("-1") && split[1].endsWith("-2"));
+    queue.read(QueueFolder::OutBox, split[1], back);
+    EXPECT_EQ(back.MRcptToCount(), 1);
+    EXPECT_EQ(back.RcptTo(1), QByteArray("<c@y.net>"));
+    queue.read(QueueFolder::OutBox, split[0], back);
+    EXPECT_EQ(back.MRcptToCount(), 2);
+    EXPECT_EQ(back.RcptTo(2), QByteArray("<b@x.org>"));
+
+    EXPECT_EQ(queue.listAll().size(), 3);
+    EXPECT_TRUE(hidden(QueueFolder::OutBox).isEmpty());
+    for (const QueueEntry& entry : queue.list(QueueFolder::OutBox))
+        EXPECT_EQ(entry.size, QFileInfo(queue.filePath(entry.folder, entry.name)).size());
+
+    try {
+        queue.read(QueueFolder::Deferred, one[0], back);
+        ADD_FAILURE() << "read a message from the wrong folder";
+    } catch (const QueueFault& fault) {
+        EXPECT_EQ(fault.number(), ErrFileNotFound);
+    }
+}
+
+TEST_F(QueueBench, AStreamedTextIsInvisibleUntilCommittedAndGoneWhenDropped)
+{
+    QByteArray text;
+    for (int i = 0; i < 40000; ++i)
+        text += "line " + QByteArray::number(i) + " of a long message\r\n"; // over a megabyte
+    std::unique_ptr<QueueWriter> writer = queue.open(message({"<a@x.org>"}, {}));
+    for (qsizetype at = 0; at < text.size(); at += 1000)
+        writer->append(text.mid(at, 1000));
+    writer->finish();
+    EXPECT_TRUE(queue.list(QueueFolder::OutBox).isEmpty());
+    EXPECT_EQ(hidden(QueueFolder::OutBox).size(), 1);
+    writer->commit();
+    const QByteArray name = writer->name();
+    writer.reset();
+    CMessage back(bench.logs);
+    EXPECT_EQ(queue.readHead(QueueFolder::OutBox, name, back), text.size());
+    EXPECT_TRUE(back.Data.isEmpty());
+    queue.read(QueueFolder::OutBox, name, back);
+    EXPECT_EQ(back.Data, text);
+
+    writer = queue.open(message({"<a@x.org>"}));
+    writer->append("half a message");
+    writer.reset();
+    EXPECT_TRUE(hidden(QueueFolder::OutBox).isEmpty());
+    EXPECT_EQ(names(QueueFolder::OutBox), QByteArrayList{name});
+}
+
+TEST_F(QueueBench, MovesKeepOneCopyAndCarryTheUpdatedRecord)
+{
+    const QByteArray a = queue.enqueue(message({"<a@x.org>"}))[0];
+    const QByteArray b = queue.enqueue(message({"<b@x.org>"}))[0];
+    CMessage updated(bench.logs);
+    queue.read(QueueFolder::OutBox, a, updated);
+    updated.Essai = 3;
+    updated.LastError = "421 try later";
+    queue.defer(a, &updated);
+    queue.moveToError(QueueFolder::OutBox, b);
+    EXPECT_EQ(names(QueueFolder::OutBox), QByteArrayList{});
+    EXPECT_EQ(names(QueueFolder::Deferred), QByteArrayList{a});
+    EXPECT_EQ(names(QueueFolder::Error), QByteArrayList{b});
+    CMessage back(bench.logs);
+    queue.read(QueueFolder::Deferred, a, back);
+    EXPECT_EQ(back.Essai, 3);
+    EXPECT_EQ(back.LastError, QByteArray("421 try later"));
+    EXPECT_EQ(queue.find(a), QueueFolder::Deferred);
+    EXPECT_EQ(queue.find("../x"), std::nullopt);
+
+    // Only what waited longer than the delay goes back, unless all is asked for.
+    EXPECT_EQ(queue.returnDeferred(600, QDateTime::currentDateTime()), 0);
+    age(QueueFolder::Deferred, a, 601);
+    EXPECT_EQ(queue.returnDeferred(600, QDateTime::currentDateTime()), 1);
+    queue.backToOutBox(QueueFolder::Error, b);
+    EXPECT_EQ(queue.find(a), QueueFolder::OutBox);
+    EXPECT_EQ(queue.find(b), QueueFolder::OutBox);
+    EXPECT_EQ(queue.listAll().size(), 2);
+
+    back.LastError = "rewritten";
+    queue.rewrite(QueueFolder::OutBox, a, back);
+    queue.read(QueueFolder::OutBox, a, back);
+    EXPECT_EQ(back.LastError, QByteArray("rewritten"));
+    queue.remove(QueueFolder::OutBox, a);
+    EXPECT_EQ(names(QueueFolder::OutBox), QByteArrayList{b});
+    EXPECT_THROW(queue.defer(a), QueueFault);
+    EXPECT_THROW(queue.rewrite(QueueFolder::Error, a, back), QueueFault);
+    for (const QueueFolder folder : kQueueFolders)
+        EXPECT_TRUE(hidden(folder).isEmpty());
+
+    EXPECT_TRUE(queue.claim(b));
+    EXPECT_FALSE(queue.claim(b));
+    EXPECT_TRUE(queue.claimed(b));
+    queue.release(b);
+    EXPECT_FALSE(queue.claimed(b));
+}
+
+TEST(Queue, FoldersAreFoundWhateverTheirCase)
+{
+    QTemporaryDir root;
+    for (const char* name : {"outbox", "DEFERRED"})
+        QDir(root.path()).mkdir(name);
+    Queue queue(root.path());
+    EXPECT_EQ(queue.createMissingFolders(), QList<QueueFolder>{QueueFolder::Error});
+    EXPECT_EQ(queue.folderPath(QueueFolder::OutBox), root.path() + "/outbox");
+    EXPECT_EQ(queue.folderPath(QueueFolder::Deferred), root.path() + "/DEFERRED");
+    EXPECT_EQ(QDir(root.path()).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size(), 3);
+}
+
+TEST_F(QueueBench, LeftoversOfAKilledRelayAreClearedButALiveWriteIsLeftAlone)
+{
+    const QByteArray moved = queue.enqueue(message({"<a@x.org>"}))[0];
+    const QByteArray kept = queue.enqueue(message({"<b@x.org>"}))[0];
+    // A defer cut between its copy and the removal: the copy in Deferred is the newer one.
+    QFile::copy(queue.filePath(QueueFolder::OutBox, moved), queue.filePath(QueueFolder::Deferred, moved));
+    age(QueueFolder::OutBox, moved, 30);
+    // Staging files of writes that never finished, in every folder.
+    writeFile(queue.folderPath(QueueFolder::OutBox) + "/.A1.new", "torn");
+    writeFile(queue.folderPath(QueueFolder::Deferred) + "/.B2.new", "torn");
+    writeFile(queue.folderPath(QueueFolder::Error) + "/.C3.new", "torn");
+    // ...and one that another process is writing right now.
+    std::unique_ptr<QueueWriter> live = queue.open(message({"<c@x.org>"}));
+
+    const QueueLeftovers found = queue.clearLeftovers();
+    EXPECT_EQ(found.stagingFiles, 3);
+    EXPECT_EQ(found.duplicates, 1);
+    EXPECT_EQ(names(QueueFolder::OutBox), QByteArrayList{kept});
+    EXPECT_EQ(names(QueueFolder::Deferred), QByteArrayList{moved});
+    EXPECT_EQ(hidden(QueueFolder::OutBox).size(), 1);
+    EXPECT_TRUE(hidden(QueueFolder::Deferred).isEmpty());
+    live->commit();
+    EXPECT_EQ(queue.listAll().size(), 3);
+
+    const QueueLeftovers again = queue.clearLeftovers();
+    EXPECT_EQ(again.stagingFiles + again.duplicates, 0);
+}
+
+// The queue folders on a tiny file system of their own, in a private mount namespace.
+struct FullDisk : QueueBench {
+    void SetUp() override
+    {
+        if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+            GTEST_SKIP() << "no private mount namespace (needs root)";
+        ASSERT_EQ(::mount("tmpfs", QFile::encodeName(root.path()).constData(), "tmpfs", 0, "size=96k"), 0);
+        QueueBench::SetUp();
+    }
+    void TearDown() override { ::umount2(QFile::encodeName(root.path()).constData(), MNT_DETACH); }
+};
+
+TEST_F(FullDisk, AFullDiskIsATemporaryFaultThatLeavesNothingBehind)
+{
+    const QByteArray small = queue.enqueue(message({"<a@x.org>"}))[0];
+    try {
+        queue.enqueue(message({"<a@x.org>", "<b@y.org>"}, QByteArray(80 * 1024, 'x')));
+        ADD_FAILURE() << "queued more than the disk holds";
+    } catch (const QueueFault& fault) {
+        EXPECT_TRUE(fault.diskFull()) << fault.description().toStdString();
+    }
+    EXPECT_EQ(names(QueueFolder::OutBox), QByteArrayList{small});
+    EXPECT_TRUE(hidden(QueueFolder::OutBox).isEmpty());
+
+    // A streamed text that fills the disk half-way: nothing of it stays.
+    std::unique_ptr<QueueWriter> writer = queue.open(message({"<a@x.org>"}));
+    EXPECT_THROW(
+        {
+            for (int i = 0; i < 100; ++i)
+                writer->append(QByteArray(64 * 1024, 'y'));
+            writer->commit();
+        },
+        QueueFault);
+    writer.reset();
+    EXPECT_TRUE(hidden(QueueFolder::OutBox).isEmpty());
+
+    // A move that cannot write its copy leaves the message where it was.
+    const QByteArray big = queue.enqueue(message({"<a@x.org>"}, QByteArray(40 * 1024, 'w')))[0];
+    writeFile(root.path() + "/filler", QByteArray(40 * 1024, 'z'));
+    EXPECT_THROW(queue.defer(big), QueueFault);
+    EXPECT_EQ(queue.find(big), QueueFolder::OutBox);
+    EXPECT_TRUE(names(QueueFolder::Deferred).isEmpty());
+    EXPECT_TRUE(hidden(QueueFolder::Deferred).isEmpty());
+
+    // Once there is room again, the next message is taken.
+    QFile::remove(root.path() + "/filler");
+    EXPECT_EQ(queue.enqueue(message({"<a@x.org>"})).size(), 1);
+}
+
+} // namespace
