@@ -12,6 +12,18 @@ bool isControlOption(const QString& argument)
     }
     return false;
 }
+// The queue commands: "--queue", and "--show", "--retry", "--delete" with their ID (also after "=").
+QByteArray queueOption(const QString& argument)
+{
+    if (argument == QLatin1String("--queue"))
+        return "queue";
+    for (const char* verb : {"show", "retry", "delete"}) {
+        const QString option = QLatin1String("--") + QLatin1String(verb);
+        if (argument == option || argument.startsWith(option + '='))
+            return verb;
+    }
+    return {};
+}
 } // namespace
 
 CommandLine parseCommandLine(const QStringList& arguments, bool displayAvailable)
@@ -19,7 +31,7 @@ CommandLine parseCommandLine(const QStringList& arguments, bool displayAvailable
     CommandLine line;
     line.headless = !displayAvailable;
     for (int i = 0; i < arguments.size(); ++i) {
-        const QString& argument = arguments[i];
+        const QString argument = arguments[i];
         if (argument == QLatin1String("--headless")) {
             line.headless = true;
         } else if (argument == QLatin1String("--version")) {
@@ -38,7 +50,34 @@ CommandLine parseCommandLine(const QStringList& arguments, bool displayAvailable
                 line.error = QStringLiteral("--folder needs a folder");
                 return line;
             }
+        } else if (argument == QLatin1String("--sendmail")) {
+            // Everything after it belongs to the sendmail interface.
+            line.sendmail = true;
+            line.sendmailArguments = arguments.mid(i + 1);
+            line.headless = true;
+            break;
+        } else if (argument == QLatin1String("--json")) {
+            line.json = true;
+        } else if (const QByteArray verb = queueOption(argument); !verb.isEmpty()) {
+            if (!line.queueCommand.isEmpty() || !line.control.isEmpty()) {
+                line.error = QStringLiteral("%1 cannot be used with another command").arg(argument);
+                return line;
+            }
+            line.queueCommand = verb;
+            line.headless = true;
+            if (verb != "queue") {
+                const qsizetype equals = argument.indexOf('=');
+                line.queueArgument = (equals >= 0 ? argument.mid(equals + 1) : arguments.value(++i)).toUtf8();
+                if (line.queueArgument.isEmpty()) {
+                    line.error = QStringLiteral("--%1 needs a message ID").arg(QString::fromLatin1(verb));
+                    return line;
+                }
+            }
         } else if (isControlOption(argument)) {
+            if (!line.queueCommand.isEmpty()) {
+                line.error = QStringLiteral("%1 cannot be used with another command").arg(argument);
+                return line;
+            }
             if (!line.control.isEmpty()) {
                 line.error = QStringLiteral("--%1 and %2 cannot be used together")
                                  .arg(QString::fromLatin1(line.control), argument);
@@ -59,6 +98,8 @@ QString usageText()
     return QStringLiteral(
         "Usage: postiq [--folder DIR] [--headless]\n"
         "       postiq [--folder DIR] --start | --stop | --reload | --flush | --quit\n"
+        "       postiq [--folder DIR] --queue [--json] | --show ID | --retry ID|all | --delete ID\n"
+        "       postiq [--folder DIR] --sendmail [sendmail options] [recipient...]\n"
         "A mail relay for this computer: mail programs send to it over SMTP, it queues and delivers.\n"
         "\n"
         "  --folder DIR  program folder holding Postiq.ini, the logs, OutBox, Deferred, Error,\n"
@@ -76,6 +117,25 @@ QString usageText()
         "  --reload      read Postiq.ini again\n"
         "  --flush       move every deferred message back to OutBox and send at once\n"
         "  --quit        stop the service and end that Postiq\n"
+        "A command that does not apply (--start while the service runs, --flush with nothing\n"
+        "deferred) says so and exits with 0.\n"
+        "\n"
+        "The queue of the folder (DIR, else $POSTIQ_FOLDER, else /var/lib/postiq when you may\n"
+        "queue there, else ~/.local/share/postiq), whether or not a Postiq runs on it:\n"
+        "  --queue       list every message: ID, folder, size, arrival, attempts, sender,\n"
+        "                recipients, last error (--json: the same as one JSON document)\n"
+        "  --show ID     print the text of a message\n"
+        "  --retry ID    send a deferred (or failed) message again; --retry all: every deferred one\n"
+        "  --delete ID   remove a message (refused while it is being delivered)\n"
+        "Exit status 0 when done or nothing was to do, 1 when refused, 2 for bad options.\n"
+        "\n"
+        "  --sendmail    queue the message on standard input, as sendmail does (also when this\n"
+        "                program is called as 'sendmail'; as 'mailq' it is --queue). Options:\n"
+        "                -t recipients from To, Cc and Bcc (Bcc removed); -i, -oi a lone dot is\n"
+        "                text; -f ADDR sender; -F NAME full name; -v print the queue ID;\n"
+        "                -oem, -oee, -odi, -odb, -oQ..., -B, -N, -R accepted and ignored; -- ends\n"
+        "                the options. Exit status 0 queued, 64 bad usage, 65 bad message (no\n"
+        "                recipient), 73 cannot create the queue file, 75 full disk (try later).\n"
         "\n"
         "SIGINT and SIGTERM stop the relay cleanly.\n");
 }

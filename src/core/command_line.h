@@ -14,6 +14,14 @@ struct CommandLine {
     // "start", "stop", "reload", "flush" or "quit": the command for the relay already running on
     // the folder; empty to run the relay itself.
     QByteArray control;
+    // "queue", "show", "retry" or "delete": a queue command (see core/queue_commands.h), with
+    // its message ID in queueArgument and --json in json.
+    QByteArray queueCommand;
+    QByteArray queueArgument;
+    bool json = false;
+    // --sendmail: the sendmail interface, with the arguments that follow it.
+    bool sendmail = false;
+    QStringList sendmailArguments;
     QString error;         // set when the arguments cannot be understood
 };
 

@@ -10,7 +10,10 @@
 #include "core/command_line.h"
 #include "core/control_channel.h"
 #include "core/desktop_shell.h"
+#include "core/program_name.h"
+#include "core/queue_commands.h"
 #include "core/relay_commands.h"
+#include "core/sendmail.h"
 #include "log/version.h"
 #include "platform/clock.h"
 #include "platform/desktop.h"
@@ -98,7 +101,11 @@ int runPostiq(int argc, char** argv)
 {
     QuitSignals::blockInProcess(); // before any thread exists, so that every thread inherits it
 
+    if (const std::optional<int> status = RunByProgramName(argc, argv, argumentsAfterProgramName(argc, argv)))
+        return *status;
     const CommandLine line = parseCommandLine(argumentsAfterProgramName(argc, argv), displayAvailable());
+    if (line.sendmail && line.error.isEmpty())
+        return RunSendmail(argc, argv, line.sendmailArguments, line.folder);
     if (!line.error.isEmpty()) {
         std::fprintf(stderr, "postiq: %s\n\n%s", qPrintable(line.error), qPrintable(usageText()));
         return ExitRefused;
@@ -114,6 +121,8 @@ int runPostiq(int argc, char** argv)
 
     if (!line.control.isEmpty())
         return sendControlCommand(argc, argv, line);
+    if (!line.queueCommand.isEmpty())
+        return RunQueueCommand(argc, argv, {line.queueCommand, line.queueArgument, line.json, line.folder});
 
     std::unique_ptr<QCoreApplication> app;
     if (line.headless)

@@ -6,6 +6,8 @@
 #include <QFileInfo>
 #include <QHash>
 
+#include <algorithm>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -192,64 +194,104 @@ std::optional<QByteArray> Queue::next(QueueFolder folder, const std::function<bo
     return std::nullopt;
 }
 
-QList<StagedFile> Queue::stage(const CMessage& message) const
+namespace {
+// Recipients by domain, the domains in order of first appearance.
+QList<QByteArrayList> recipientsByDomain(const CMessage& message)
 {
-    // Domains in order of first appearance, each with its recipients.
     QList<QByteArray> domains;
-    QHash<QByteArray, QList<QByteArray>> recipients;
+    QList<QByteArrayList> groups;
     for (int index = 1; index <= message.MRcptToCount(); ++index) {
         const QByteArray address = message.RcptTo(index);
         const qsizetype at = address.indexOf('@');
         const QByteArray domain = at < 0 ? QByteArray() : address.mid(at + 1).chopped(address.endsWith('>') ? 1 : 0);
-        if (!recipients.contains(domain))
+        const qsizetype known = domains.indexOf(domain);
+        if (known >= 0) {
+            groups[known].append(address);
+        } else {
             domains.append(domain);
-        recipients[domain].append(address);
-    }
-    QList<StagedFile> staged;
-    try {
-        if (domains.size() <= 1) {
-            std::unique_ptr<QueueWriter> writer = open(message);
-            writer->append(message.Data);
-            writer->finish();
-            staged.append(writer->staged());
-            writer->committed_ = true; // handed over: the caller commits or discards it
-            return staged;
+            groups.append({address});
         }
-        for (qsizetype k = 0; k < domains.size(); ++k) {
+    }
+    return groups;
+}
+} // namespace
+
+int Queue::partsOf(const CMessage& message) { return std::max<int>(1, int(recipientsByDomain(message).size())); }
+
+QByteArray Queue::freshGroupName(int parts) const
+{
+    for (int attempt = 0; attempt < kMaxDraws; ++attempt) {
+        const QByteArray name = freshName();
+        bool free = true;
+        for (int k = 1; parts > 1 && k <= parts && free; ++k) {
+            const QByteArray part = name + '-' + QByteArray::number(k);
+            free = !find(part) && !QFileInfo::exists(StagingPathOf(filePath(QueueFolder::OutBox, part)));
+        }
+        if (free)
+            return name;
+    }
+    throw QueueFault(ErrFileAccess, QStringLiteral("No free queue file name after %1 draws").arg(kMaxDraws));
+}
+
+std::vector<std::unique_ptr<QueueWriter>> Queue::split(const CMessage& message, const QByteArray& group) const
+{
+    const QList<QByteArrayList> groups = recipientsByDomain(message);
+    std::vector<std::unique_ptr<QueueWriter>> writers;
+    if (groups.size() <= 1) {
+        writers.push_back(open(message, {}, group));
+    } else {
+        for (qsizetype k = 0; k < groups.size(); ++k) {
             CMessage part = message;
             part.MClear();
             part.Essai = message.Essai;
             part.LastError = message.LastError;
             part.From = message.From;
-            for (const QByteArray& address : recipients[domains[k]])
+            for (const QByteArray& address : groups[k])
                 part.AddRcptTo(address);
-            std::unique_ptr<QueueWriter> writer = open(part, '-' + QByteArray::number(k + 1));
-            writer->append(message.Data);
-            writer->finish();
-            staged.append(writer->staged());
-            writer->committed_ = true;
+            const QByteArray suffix = '-' + QByteArray::number(k + 1);
+            writers.push_back(open(part, suffix, group.isEmpty() ? QByteArray() : group + suffix));
         }
-    } catch (...) {
-        DiscardStagedFiles(staged);
-        throw;
+    }
+    for (const std::unique_ptr<QueueWriter>& writer : writers) {
+        writer->append(message.Data);
+        writer->finish();
+    }
+    return writers;
+}
+
+QList<StagedFile> Queue::stage(const CMessage& message) const
+{
+    QList<StagedFile> staged;
+    for (const std::unique_ptr<QueueWriter>& writer : split(message, {})) {
+        staged.append(writer->staged());
+        writer->committed_ = true; // handed over: the caller commits or discards it
     }
     return staged;
 }
 
-QByteArrayList Queue::enqueue(const CMessage& message) const
+QByteArrayList Queue::enqueue(const CMessage& message, const QByteArray& group) const
 {
-    const QList<StagedFile> staged = stage(message);
+    // The writers (and their locks) live until every file is committed.
+    const std::vector<std::unique_ptr<QueueWriter>> writers = split(message, group);
+    QList<StagedFile> staged;
+    QByteArrayList names;
+    for (const std::unique_ptr<QueueWriter>& writer : writers) {
+        staged.append(writer->staged());
+        names.append(writer->name());
+    }
     QString error;
     if (!CommitStagedFiles(staged, &error))
         throw QueueFault(ErrAccessDenied, error, errno == ENOSPC || errno == EDQUOT);
-    QByteArrayList names;
-    for (const StagedFile& file : staged)
-        names.append(QFile::encodeName(QFileInfo(file.path).fileName()));
+    for (const std::unique_ptr<QueueWriter>& writer : writers)
+        writer->committed_ = true;
     return names;
 }
 
-std::unique_ptr<QueueWriter> Queue::open(const CMessage& envelope, const QByteArray& suffix) const
+std::unique_ptr<QueueWriter> Queue::open(const CMessage& envelope, const QByteArray& suffix,
+                                         const QByteArray& chosen) const
 {
+    if (!chosen.isEmpty())
+        return std::unique_ptr<QueueWriter>(new QueueWriter(filePath(QueueFolder::OutBox, chosen), chosen, envelope));
     // Two writers (this process and another) may draw the same free name in the same instant:
     // creating the staging file decides, and the loser draws again.
     for (int attempt = 0;; ++attempt) {

@@ -9,6 +9,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <vector>
 
 #include "log/fault.h"
 #include "platform/durable_file.h"
@@ -92,10 +93,16 @@ public:
     // with "-1", "-2"...; a single domain keeps one plain name), writes each under its staging name
     // and returns them, not yet durable: CommitStagedFiles makes a group of them visible at once.
     QList<StagedFile> stage(const CMessage& message) const;
-    // The same, made durable before it returns: all the files or none. Returns the new IDs.
-    QByteArrayList enqueue(const CMessage& message) const;
+    // The same, made durable before it returns: all the files or none. Returns the new IDs. With a
+    // `group` name (from freshGroupName) the files are named after it instead of drawn apart.
+    QByteArrayList enqueue(const CMessage& message, const QByteArray& group = {}) const;
+    // A name free for a message split into `parts` files: itself, or each name + "-k".
+    QByteArray freshGroupName(int parts) const;
+    // The number of files a message makes: one per recipient domain (at least one).
+    static int partsOf(const CMessage& message);
     // A writer for one new message whose text is streamed (see QueueWriter).
-    std::unique_ptr<QueueWriter> open(const CMessage& envelope, const QByteArray& suffix = {}) const;
+    std::unique_ptr<QueueWriter> open(const CMessage& envelope, const QByteArray& suffix = {},
+                                      const QByteArray& name = {}) const;
 
     // ---- reading ----
     // Loads the whole record; a missing or unreadable file is a QueueFault (ErrFileNotFound when
@@ -129,6 +136,9 @@ public:
     QueueLeftovers clearLeftovers() const;
 
 private:
+    // The per-domain files of a message, written and finished but not committed.
+    std::vector<std::unique_ptr<QueueWriter>> split(const CMessage& message, const QByteArray& group) const;
+
     QString programFolder_;
     QSet<QByteArray> claims_;
 };
