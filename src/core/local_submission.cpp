@@ -77,7 +77,7 @@ QByteArray envelopeAddress(QByteArray text, const QByteArray& hostName)
 QByteArray quotedName(const QByteArray& name)
 {
     for (const char c : name) {
-        if (!(std::isalnum(static_cast<unsigned char>(c)) || c == ' ' || c == '-' || c == '.' || c == '\''
+        if (!(std::isalnum(static_cast<unsigned char>(c)) || c == ' ' || c == '-' || c == '\''
               || static_cast<unsigned char>(c) >= 128))
             return '"' + QByteArray(name).replace('\\', "\\\\").replace('"', "\\\"") + '"';
     }
