@@ -1,0 +1,131 @@
+#include <QDir>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QTemporaryDir>
+#include <gtest/gtest.h>
+
+#include "core/control_channel.h"
+#include "core/postiq_process.h"
+#include "store/message.h"
+#include "store/queue.h"
+#include "support/fakes.h"
+#include "support/mail_client.h"
+
+using namespace postiq;
+using namespace postiq::test;
+
+namespace {
+
+// A folder holding one message in each queue folder: waiting, deferred after two attempts, failed.
+struct QueueCommands : ::testing::Test {
+    QTemporaryDir root;
+    QString folder = root.path() + QStringLiteral("/relay");
+    QString configHome = root.path() + QStringLiteral("/config");
+    LogBench bench;
+    Queue queue{folder};
+    QByteArray waiting, deferred, failed;
+
+    void SetUp() override
+    {
+        QDir().mkpath(folder);
+        writeFile(folder + QStringLiteral("/Postiq.ini"),
+                  "ListenPort\t" + QByteArray::number(freeListenPort()) + "\r\nKeepLocal\tOn\r\n");
+        queue.createMissingFolders();
+        waiting = enqueue("<w@example.org>", "Subject: waiting\r\n\r\n..dotted\r\nline\r\n");
+        deferred = enqueue("<d@example.org>", "Subject: deferred\r\n\r\nx\r\n");
+        failed = enqueue("<f@example.org>", "Subject: failed\r\n\r\nx\r\n");
+        CMessage m(bench.logs);
+        queue.read(QueueFolder::OutBox, deferred, m);
+        m.Essai = 2;
+        m.LastError = "10061: refused";
+        queue.defer(deferred, &m);
+        queue.read(QueueFolder::OutBox, failed, m);
+        m.LastError = "550 no such user";
+        queue.moveToError(QueueFolder::OutBox, failed, &m);
+    }
+    QByteArray enqueue(const QByteArray& to, const QByteArray& data)
+    {
+        CMessage m(bench.logs);
+        m.From = "<s@example.org>";
+        m.AddRcptTo(to);
+        m.Data = data;
+        return queue.enqueue(m).first();
+    }
+    std::pair<int, QByteArray> command(const QStringList& arguments)
+    {
+        QByteArray out, err;
+        const int status = runToEnd(folder, configHome, arguments, &err, &out);
+        return {status, out + err};
+    }
+};
+
+} // namespace
+
+TEST_F(QueueCommands, ListShowRetryAndDeleteWithNoRelayRunning)
+{
+    auto [status, text] = command({"--queue"});
+    EXPECT_EQ(status, 0);
+    for (const QByteArray& id : {waiting, deferred, failed})
+        EXPECT_TRUE(text.contains(id)) << text.constData();
+    EXPECT_TRUE(text.contains("(10061: refused)"));
+    EXPECT_TRUE(text.contains("1 in OutBox, 1 in Deferred, 1 in Error")) << text.constData();
+
+    std::tie(status, text) = command({"--queue", "--json"});
+    const QJsonArray listed = QJsonDocument::fromJson(text).array();
+    ASSERT_EQ(listed.size(), 3) << text.constData();
+    const QJsonObject second = listed[1].toObject(); // by folder: OutBox, Deferred, Error
+    EXPECT_EQ(second["id"].toString(), QString::fromLatin1(deferred));
+    EXPECT_EQ(second["folder"].toString(), "Deferred");
+    EXPECT_EQ(second["attempts"].toInt(), 2);
+    EXPECT_EQ(second["sender"].toString(), "<s@example.org>");
+    EXPECT_EQ(second["recipients"].toArray().first().toString(), "<d@example.org>");
+    EXPECT_EQ(second["lastError"].toString(), "10061: refused");
+    EXPECT_GT(second["size"].toInt(), 0);
+
+    EXPECT_EQ(command({"--show", QString::fromLatin1(waiting)}),
+              std::pair(0, QByteArray("Subject: waiting\n\n.dotted\nline\n")));
+    EXPECT_EQ(command({"--show", "NOSUCH"}).first, 1);
+
+    EXPECT_EQ(command({"--retry", QString::fromLatin1(failed)}).first, 0);
+    EXPECT_EQ(queue.find(failed), QueueFolder::OutBox);
+    std::tie(status, text) = command({"--retry", "all"});
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(queue.find(deferred), QueueFolder::OutBox);
+    std::tie(status, text) = command({"--retry=all"});
+    EXPECT_EQ(std::pair(status, text), std::pair(0, QByteArray("postiq: nothing: no message is deferred\n")));
+
+    EXPECT_EQ(command({"--delete", QString::fromLatin1(waiting)}).first, 0);
+    EXPECT_EQ(queue.find(waiting), std::nullopt);
+    EXPECT_EQ(command({"--delete", QString::fromLatin1(waiting)}).first, 1);
+    EXPECT_EQ(command({"--delete", "../Postiq.ini"}).first, 1);
+    EXPECT_TRUE(QFile::exists(folder + "/Postiq.ini"));
+    EXPECT_EQ(command({"--delete"}).first, 2); // no ID
+    EXPECT_EQ(command({"--queue", "--start"}).first, 2);
+}
+
+TEST_F(QueueCommands, TheRunningRelayMovesAndDeletesItself)
+{
+    PostiqProcess relay(folder, configHome);
+    const QString mailLog = folder + QStringLiteral("/maillog.txt");
+    ASSERT_TRUE(spinUntil([&] { return readFile(mailLog).contains("Start of SMTP service"); }, 10000));
+    ASSERT_TRUE(spinUntil([&] { return QFileInfo::exists(QDir::tempPath() + '/' + postiq::controlServerName(folder)); }));
+
+    auto [status, text] = command({"--queue"});
+    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(text.contains(deferred)) << text.constData();
+
+    std::tie(status, text) = command({"--retry", QString::fromLatin1(deferred)});
+    EXPECT_EQ(std::pair(status, text), std::pair(0, "postiq: " + deferred + " sent back to OutBox\n"));
+    EXPECT_TRUE(readFile(mailLog).contains(deferred + " moved from Deferred to OutBox on request"));
+    EXPECT_EQ(queue.find(deferred), QueueFolder::OutBox);
+
+    std::tie(status, text) = command({"--delete", QString::fromLatin1(failed)});
+    EXPECT_EQ(std::pair(status, text), std::pair(0, "postiq: " + failed + " deleted\n"));
+    EXPECT_TRUE(readFile(mailLog).contains(failed + " deleted from Error on request"));
+    std::tie(status, text) = command({"--delete", QString::fromLatin1(failed)});
+    EXPECT_EQ(std::pair(status, text), std::pair(1, "postiq: no message " + failed + " in the queue\n"));
+    std::tie(status, text) = command({"--retry", "all"});
+    EXPECT_EQ(std::pair(status, text), std::pair(0, QByteArray("postiq: nothing: no message is deferred\n")));
+    EXPECT_TRUE(relay.running());
+}
