@@ -9,9 +9,7 @@
 
 #include "core/mail_folder.h"
 #include "core/relay_request.h"
-#include "log/logs.h"
-#include "platform/clock.h"
-#include "platform/desktop.h"
+#include "core/quiet_logs.h"
 #include "store/message.h"
 #include "store/queue.h"
 
@@ -20,11 +18,6 @@ namespace postiq {
 namespace {
 
 constexpr std::chrono::seconds kAnswerTime{10};
-
-struct NoDebug : DebugSwitch {
-    bool configLoaded() const override { return true; }
-    bool debugMode() const override { return false; }
-};
 
 // What a listing shows of one message.
 struct Listed {
@@ -191,10 +184,8 @@ int RunQueueCommand(int argc, char** argv, const QueueCommand& command)
     QCoreApplication app(argc, argv);
     const QString folder = MailFolder(command.folder);
     const Queue queue(folder);
-    NoDebug noDebug;
-    HeadlessDesktop desktop;
-    const SystemClock clock;
-    Logs logs(folder, noDebug, desktop, clock);
+    QuietLogs quiet(folder);
+    Logs& logs = quiet.logs;
 
     if (command.verb == "queue") {
         const QList<Listed> listed = listQueue(queue, logs);

@@ -9,9 +9,7 @@
 #include "core/queue_commands.h"
 #include "core/relay_request.h"
 #include "log/dates.h"
-#include "log/logs.h"
-#include "platform/clock.h"
-#include "platform/desktop.h"
+#include "core/quiet_logs.h"
 #include "platform/linux_network.h"
 #include "platform/login_name.h"
 #include "store/fresh_queue_name.h"
@@ -83,12 +81,6 @@ QByteArray readStandardInput(bool* tooBig)
     }
     return input;
 }
-
-// The debug log stays closed for a sendmail run: it belongs to the relay.
-struct NoDebug : DebugSwitch {
-    bool configLoaded() const override { return true; }
-    bool debugMode() const override { return false; }
-};
 
 // One line in the relay's mail log, if this user may write it; a queued message never fails for it.
 void noteInMailLog(const QString& folder, const QByteArray& line)
@@ -193,10 +185,8 @@ int RunSendmail(int argc, char** argv, const QStringList& arguments, const QStri
     if (PrepareSubmission(request, &submission, &problem) != SubmissionProblem::None)
         return fail(SendmailBadMessage, problem);
 
-    NoDebug noDebug;
-    HeadlessDesktop desktop;
-    Logs logs(folder, noDebug, desktop, clock);
-    CMessage message(logs);
+    QuietLogs quiet(folder);
+    CMessage message(quiet.logs);
     message.From = submission.sender;
     for (const QByteArray& recipient : std::as_const(submission.recipients))
         message.AddRcptTo(recipient);

@@ -305,29 +305,39 @@ std::unique_ptr<QueueWriter> Queue::open(const CMessage& envelope, const QByteAr
     }
 }
 
-void Queue::read(QueueFolder folder, const QByteArray& name, CMessage& into) const
+namespace {
+// Opens a queue file and reads it into `into` with `reader`; a fault leaves `into` as it was.
+template <typename Reader>
+auto loadRecord(const QString& path, CMessage& into, Reader reader)
 {
-    const QString path = filePath(folder, name);
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        throw QueueFault(QFileInfo::exists(path) ? ErrFileAccess : ErrFileNotFound,
-                         QStringLiteral("Cannot open '%1': %2").arg(path, file.errorString()));
-    CMessage loaded = into; // filled apart, so that a fault leaves `into` as it was
-    ReadQueueRecord(file, loaded);
-    into = std::move(loaded);
-}
-
-qint64 Queue::readHead(QueueFolder folder, const QByteArray& name, CMessage& into) const
-{
-    const QString path = filePath(folder, name);
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly))
         throw QueueFault(QFileInfo::exists(path) ? ErrFileAccess : ErrFileNotFound,
                          QStringLiteral("Cannot open '%1': %2").arg(path, file.errorString()));
     CMessage loaded = into;
-    const qint64 size = ReadQueueRecordHead(file, loaded);
-    into = std::move(loaded);
-    return size;
+    try {
+        auto result = reader(file, loaded);
+        into = std::move(loaded);
+        return result;
+    } catch (const QueueFault&) {
+        throw;
+    } catch (const Fault& fault) { // a torn or foreign file
+        throw QueueFault(fault.number(), QStringLiteral("'%1': %2").arg(path, fault.description()));
+    }
+}
+} // namespace
+
+void Queue::read(QueueFolder folder, const QByteArray& name, CMessage& into) const
+{
+    loadRecord(filePath(folder, name), into, [](QFile& file, CMessage& loaded) {
+        ReadQueueRecord(file, loaded);
+        return 0;
+    });
+}
+
+qint64 Queue::readHead(QueueFolder folder, const QByteArray& name, CMessage& into) const
+{
+    return loadRecord(filePath(folder, name), into, ReadQueueRecordHead);
 }
 
 void Queue::move(QueueFolder from, QueueFolder to, const QByteArray& name, const CMessage* updated) const
