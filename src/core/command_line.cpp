@@ -12,6 +12,7 @@ bool isControlOption(const QString& argument)
     }
     return false;
 }
+
 // The queue commands: "--queue", and "--show", "--retry", "--delete" with their ID (also after "=").
 QByteArray queueOption(const QString& argument)
 {
@@ -31,7 +32,7 @@ CommandLine parseCommandLine(const QStringList& arguments, bool displayAvailable
     CommandLine line;
     line.headless = !displayAvailable;
     for (int i = 0; i < arguments.size(); ++i) {
-        const QString argument = arguments[i];
+        const QString& argument = arguments[i];
         if (argument == QLatin1String("--headless")) {
             line.headless = true;
         } else if (argument == QLatin1String("--version")) {

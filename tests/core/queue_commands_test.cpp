@@ -2,6 +2,8 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QProcess>
+#include <QTcpServer>
 #include <QTemporaryDir>
 #include <gtest/gtest.h>
 
@@ -127,5 +129,38 @@ TEST_F(QueueCommands, TheRunningRelayMovesAndDeletesItself)
     EXPECT_EQ(std::pair(status, text), std::pair(1, "postiq: no message " + failed + " in the queue\n"));
     std::tie(status, text) = command({"--retry", "all"});
     EXPECT_EQ(std::pair(status, text), std::pair(0, QByteArray("postiq: nothing: no message is deferred\n")));
+    EXPECT_TRUE(relay.running());
+}
+
+// A message handed over through sendmail is dispatched at once; while its delivery hangs on a
+// server that never answers, the relay refuses to delete it.
+TEST_F(QueueCommands, AMessageBeingDeliveredIsNotDeletedUnderTheRelay)
+{
+    QTcpServer silent; // accepts and never greets
+    ASSERT_TRUE(silent.listen(QHostAddress::LocalHost));
+    writeFile(folder + QStringLiteral("/Postiq.ini"), "ListenPort\t" + QByteArray::number(freeListenPort())
+                                                          + "\r\nSmtpServer\t127.0.0.1:"
+                                                          + QByteArray::number(silent.serverPort()) + "\r\n");
+    Queue(folder).remove(QueueFolder::OutBox, waiting); // only the new one is waiting
+    PostiqProcess relay(folder, configHome);
+    const QString mailLog = folder + QStringLiteral("/maillog.txt");
+    ASSERT_TRUE(spinUntil([&] { return readFile(mailLog).contains("Start of SMTP service"); }, 10000));
+    ASSERT_TRUE(spinUntil([&] { return QFileInfo::exists(QDir::tempPath() + '/' + postiq::controlServerName(folder)); }));
+
+    QProcess sendmail;
+    sendmail.start(QStringLiteral(POSTIQ_BINARY), {"--folder", folder, "--sendmail", "-v", "to@example.org"});
+    sendmail.write("Subject: now\n\nplease\n");
+    sendmail.closeWriteChannel();
+    ASSERT_TRUE(sendmail.waitForFinished(10000));
+    ASSERT_EQ(sendmail.exitCode(), 0) << sendmail.readAllStandardError().constData();
+    const QByteArray id = sendmail.readAllStandardOutput().split(' ').value(3);
+    ASSERT_FALSE(id.isEmpty());
+    // Well before the outbox timer's 10 seconds: the relay was told.
+    ASSERT_TRUE(spinUntil([&] { return silent.hasPendingConnections(); }, 5000));
+
+    const auto [status, text] = command({"--delete", QString::fromLatin1(id)});
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(text, "postiq: " + id + " is being delivered right now; try again when the delivery is over\n");
+    EXPECT_EQ(queue.find(id), QueueFolder::OutBox);
     EXPECT_TRUE(relay.running());
 }
