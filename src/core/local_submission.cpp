@@ -192,7 +192,8 @@ SubmissionProblem PrepareSubmission(const SubmissionRequest& request, Submission
     if (sender.trimmed() == "<>") {
         submission->sender = "<>";
     } else {
-        submission->sender = envelopeAddress(sender, request.hostName);
+        // "-f 'Name <addr>'" gives the address in brackets, as a header would.
+        submission->sender = envelopeAddress(AddressesOf(sender).value(0, sender), request.hostName);
         if (submission->sender.isEmpty()) {
             *error = QStringLiteral("the sender '%1' is not a mail address").arg(QString::fromUtf8(sender));
             return SubmissionProblem::BadAddress;

@@ -68,7 +68,7 @@ TEST(LocalSubmission, DashTTakesToCcAndBccAndDropsBcc)
                                   {"extra@v.org"});
     r.recipientsFromHeaders = true;
     r.fullName = "Alice Q. User";
-    r.sender = "Alice@Box.Example";
+    r.sender = "Alice <Alice@Box.Example>";
     Submission s;
     const QByteArray data = prepared(r, &s);
     EXPECT_EQ(s.recipients, (QByteArrayList{"<extra@v.org>", "<ann@x.org>", "<jd@y.org>", "<c1@z.org>", "<c2@z.org>",

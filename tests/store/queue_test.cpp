@@ -135,6 +135,8 @@ TEST_F(QueueBench, MovesKeepOneCopyAndCarryTheUpdatedRecord)
     EXPECT_EQ(back.LastError, QByteArray("421 try later"));
     EXPECT_EQ(queue.find(a), QueueFolder::Deferred);
     EXPECT_EQ(queue.find("../x"), std::nullopt);
+    EXPECT_EQ(queue.next(QueueFolder::Deferred), a);
+    EXPECT_EQ(queue.next(QueueFolder::Deferred, [&](const QByteArray& name) { return name == a; }), std::nullopt);
 
     // Only what waited longer than the delay goes back, unless all is asked for.
     EXPECT_EQ(queue.returnDeferred(600, QDateTime::currentDateTime()), 0);
