@@ -269,6 +269,54 @@ QList<StagedFile> Queue::stage(const CMessage& message) const
     return staged;
 }
 
+QList<StagedFile> Queue::stageWritten(std::unique_ptr<QueueWriter> writer, const CMessage& envelope) const
+{
+    writer->finish();
+    const QList<QByteArrayList> groups = recipientsByDomain(envelope);
+    if (groups.size() <= 1) {
+        writer->committed_ = true; // handed over: the caller commits or discards it
+        return {writer->staged()};
+    }
+    QFile source(writer->staged().staging);
+    if (!source.open(QIODevice::ReadOnly))
+        throw QueueFault(ErrFileAccess, QStringLiteral("Cannot read '%1': %2").arg(source.fileName(), source.errorString()));
+    CMessage head = envelope;
+    qint64 textSize = 0;
+    try {
+        textSize = ReadQueueRecordHead(source, head);
+    } catch (const Fault& fault) {
+        throw QueueFault(fault.number(), fault.description());
+    }
+    const qint64 textStart = source.pos();
+    std::vector<std::unique_ptr<QueueWriter>> parts;
+    for (qsizetype k = 0; k < groups.size(); ++k) {
+        CMessage part = envelope;
+        part.MClear();
+        part.Essai = envelope.Essai;
+        part.LastError = envelope.LastError;
+        part.From = envelope.From;
+        for (const QByteArray& address : groups[k])
+            part.AddRcptTo(address);
+        parts.push_back(open(part, '-' + QByteArray::number(k + 1)));
+        source.seek(textStart);
+        for (qint64 left = textSize; left > 0;) {
+            const QByteArray chunk = source.read(std::min<qint64>(left, kChunk));
+            if (chunk.isEmpty())
+                throw QueueFault(ErrPastEndOfFile, QStringLiteral("'%1' ends inside its text").arg(source.fileName()));
+            parts.back()->append(chunk);
+            left -= chunk.size();
+        }
+        parts.back()->finish();
+    }
+    writer->discard();
+    QList<StagedFile> staged;
+    for (const std::unique_ptr<QueueWriter>& part : parts) {
+        staged.append(part->staged());
+        part->committed_ = true;
+    }
+    return staged;
+}
+
 QByteArrayList Queue::enqueue(const CMessage& message, const QByteArray& group) const
 {
     // The writers (and their locks) live until every file is committed.

@@ -100,6 +100,11 @@ public:
     QByteArray freshGroupName(int parts) const;
     // The number of files a message makes: one per recipient domain (at least one).
     static int partsOf(const CMessage& message);
+    // A streamed message once its text is complete, ready for a group commit: the writer's own
+    // file when its recipients are in one domain; otherwise one file per domain, each copied from
+    // the writer's file in chunks (never whole in memory), and the writer's file removed. All or
+    // nothing: on a fault no file of the message is left.
+    QList<StagedFile> stageWritten(std::unique_ptr<QueueWriter> writer, const CMessage& envelope) const;
     // A writer for one new message whose text is streamed (see QueueWriter).
     std::unique_ptr<QueueWriter> open(const CMessage& envelope, const QByteArray& suffix = {},
                                       const QByteArray& name = {}) const;

@@ -116,6 +116,31 @@ TEST_F(QueueBench, AStreamedTextIsInvisibleUntilCommittedAndGoneWhenDropped)
     EXPECT_EQ(names(QueueFolder::OutBox), QByteArrayList{name});
 }
 
+TEST_F(QueueBench, AStreamedMessageForSeveralDomainsIsSplitFromItsFile)
+{
+    const QByteArray text = QByteArray(700 * 1024, 't') + "\r\n";
+    const CMessage envelope = message({"<a@x.org>", "<b@y.org>", "<c@x.org>"}, {});
+    std::unique_ptr<QueueWriter> writer = queue.open(envelope);
+    writer->append(text);
+    const QList<StagedFile> staged = queue.stageWritten(std::move(writer), envelope);
+    ASSERT_EQ(staged.size(), 2);
+    EXPECT_EQ(hidden(QueueFolder::OutBox).size(), 2); // the parts only, the whole is gone
+    QString error;
+    ASSERT_TRUE(CommitStagedFiles(staged, &error)) << error.toStdString();
+    CMessage back(bench.logs);
+    for (const QueueEntry& entry : queue.list(QueueFolder::OutBox)) {
+        queue.read(QueueFolder::OutBox, entry.name, back);
+        EXPECT_EQ(back.Data, text);
+        EXPECT_EQ(back.MRcptToCount(), entry.name.endsWith("-1") ? 2 : 1);
+    }
+    EXPECT_TRUE(hidden(QueueFolder::OutBox).isEmpty());
+
+    // One domain: the writer's own file, as it is.
+    writer = queue.open(message({"<a@z.org>"}, {}));
+    writer->append("short\r\n");
+    EXPECT_EQ(queue.stageWritten(std::move(writer), message({"<a@z.org>"})).size(), 1);
+}
+
 TEST_F(QueueBench, MovesKeepOneCopyAndCarryTheUpdatedRecord)
 {
     const QByteArray a = queue.enqueue(message({"<a@x.org>"}))[0];
