@@ -214,6 +214,18 @@ QList<QByteArrayList> recipientsByDomain(const CMessage& message)
     }
     return groups;
 }
+// The record of one domain's part: the message's members, those recipients, no text.
+CMessage envelopeFor(const CMessage& message, const QByteArrayList& recipients)
+{
+    CMessage part = message; // ID, warning texts and ForSender are kept by MClear
+    part.MClear();
+    part.Essai = message.Essai;
+    part.LastError = message.LastError;
+    part.From = message.From;
+    for (const QByteArray& address : recipients)
+        part.AddRcptTo(address);
+    return part;
+}
 } // namespace
 
 int Queue::partsOf(const CMessage& message) { return std::max<int>(1, int(recipientsByDomain(message).size())); }
@@ -241,13 +253,7 @@ std::vector<std::unique_ptr<QueueWriter>> Queue::split(const CMessage& message, 
         writers.push_back(open(message, {}, group));
     } else {
         for (qsizetype k = 0; k < groups.size(); ++k) {
-            CMessage part = message;
-            part.MClear();
-            part.Essai = message.Essai;
-            part.LastError = message.LastError;
-            part.From = message.From;
-            for (const QByteArray& address : groups[k])
-                part.AddRcptTo(address);
+            const CMessage part = envelopeFor(message, groups[k]);
             const QByteArray suffix = '-' + QByteArray::number(k + 1);
             writers.push_back(open(part, suffix, group.isEmpty() ? QByteArray() : group + suffix));
         }
@@ -290,14 +296,7 @@ QList<StagedFile> Queue::stageWritten(std::unique_ptr<QueueWriter> writer, const
     const qint64 textStart = source.pos();
     std::vector<std::unique_ptr<QueueWriter>> parts;
     for (qsizetype k = 0; k < groups.size(); ++k) {
-        CMessage part = envelope;
-        part.MClear();
-        part.Essai = envelope.Essai;
-        part.LastError = envelope.LastError;
-        part.From = envelope.From;
-        for (const QByteArray& address : groups[k])
-            part.AddRcptTo(address);
-        parts.push_back(open(part, '-' + QByteArray::number(k + 1)));
+        parts.push_back(open(envelopeFor(envelope, groups[k]), '-' + QByteArray::number(k + 1)));
         source.seek(textStart);
         for (qint64 left = textSize; left > 0;) {
             const QByteArray chunk = source.read(std::min<qint64>(left, kChunk));
