@@ -22,6 +22,8 @@ CommandLine parseCommandLine(const QStringList& arguments, bool displayAvailable
         const QString& argument = arguments[i];
         if (argument == QLatin1String("--headless")) {
             line.headless = true;
+        } else if (argument == QLatin1String("--verbose")) {
+            line.verbose = true;
         } else if (argument == QLatin1String("--version")) {
             line.showVersion = true;
         } else if (argument == QLatin1String("--help") || argument == QLatin1String("-h")) {
@@ -57,7 +59,7 @@ CommandLine parseCommandLine(const QStringList& arguments, bool displayAvailable
 QString usageText()
 {
     return QStringLiteral(
-        "Usage: postiq [--folder DIR] [--headless]\n"
+        "Usage: postiq [--folder DIR] [--headless] [--verbose]\n"
         "       postiq [--folder DIR] --start | --stop | --reload | --flush | --quit\n"
         "A mail relay for this computer: mail programs send to it over SMTP, it queues and delivers.\n"
         "\n"
@@ -66,6 +68,9 @@ QString usageText()
         "                created when missing)\n"
         "  --headless    no tray icon and no windows; messages go to stderr (implied when\n"
         "                neither DISPLAY nor WAYLAND_DISPLAY is set)\n"
+        "  --verbose     print on stderr where the relay listens, every mail-log and error-log\n"
+        "                line, and what to do about a refusal (the default headless when stderr\n"
+        "                is a terminal or the systemd journal)\n"
         "  --version     print the version and exit\n"
         "  --help        print this help and exit\n"
         "\n"
