@@ -50,6 +50,9 @@ add_custom_target(postiq_docs ALL DEPENDS ${docs}/postiq.1.gz ${docs}/sendmail.8
                                           ${docs}/changelog.Debian.gz)
 install(FILES ${docs}/postiq.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES ${docs}/changelog.Debian.gz ${packaging}/copyright DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/postiq)
+# Packages built here are not uploaded to Debian, so their first changelog entry closes no
+# intent-to-package bug.
+install(FILES ${packaging}/lintian-overrides DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides RENAME postiq)
 
 # postiq-mta: the links by which postiq is the system's sendmail and mailq (relative, as they stay
 # within /usr), their manual pages, the folder they queue into, and the drop-in that lets every
@@ -67,6 +70,8 @@ install(FILES ${docs}/mailq.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPON
 install(FILES ${docs}/changelog.Debian.gz ${packaging}/copyright DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/postiq-mta
         COMPONENT mta)
 install(FILES ${packaging}/sendmail.conf DESTINATION /etc/postiq COMPONENT mta)
+install(FILES ${packaging}/mta-lintian-overrides DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides
+        RENAME postiq-mta COMPONENT mta)
 install(FILES ${packaging}/drop-box.conf DESTINATION ${POSTIQ_SYSTEMD_UNIT_DIR}/postiq.service.d COMPONENT mta)
 
 set(CPACK_GENERATOR DEB)
@@ -86,9 +91,9 @@ set(CPACK_COMPONENT_MTA_DESCRIPTION
     "Postiq as the system's sendmail and mailq\n"
     "Programs that send mail by running sendmail (cron, git send-email,\n"
     "PHP's mail(), mdadm, unattended-upgrades) queue it in the OutBox of the\n"
-    "system relay, postiq.service, which delivers it; mailq lists that\n"
-    "queue. Every local user may queue mail there; nobody but the relay\n"
-    "may read or remove it.")
+    "system relay, postiq.service, which delivers it. mailq lists that\n"
+    "queue. Every local user may queue mail there, and nobody but the\n"
+    "relay may read or remove it.")
 foreach(component POSTIQ MTA)
   string(REPLACE ";" "" CPACK_COMPONENT_${component}_DESCRIPTION "${CPACK_COMPONENT_${component}_DESCRIPTION}")
 endforeach()

@@ -31,7 +31,7 @@ fi
 # --- Lint: no error and no warning on either -----------------------------------------------------
 if command -v lintian >/dev/null; then
   # Informational tags and overrides aside, every line it prints is an error or a warning.
-  lint=$(lintian --allow-root --no-tag-display-limit "$deb" "$mta" 2>&1 | grep -E '^[EW]: ' || true)
+  lint=$(lintian --allow-root --tag-display-limit 0 "$deb" "$mta" 2>&1 | grep -E '^[EW]: ' || true)
   [ -z "$lint" ] || fail "lintian:
 $lint"
 else
