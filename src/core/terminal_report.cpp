@@ -42,6 +42,13 @@ const char kPortPrivileged[] =
     "port %2 needs a privilege this user lacks: grant the program the capability "
     "CAP_NET_BIND_SERVICE (the postiq system service has it), or set ListenPort to 1024 or above "
     "(2525, say) in %1/Postiq.ini";
+
+// The advice with the detail for %2 and the folder for %1, either of which the text may lack; the
+// folder goes in last, so that a folder named with a "%2" stays as it is.
+QByteArray filled(QString text, const QString& folder, const QString& detail)
+{
+    return "postiq: " + text.replace(QLatin1String("%2"), detail).replace(QLatin1String("%1"), folder).toUtf8();
+}
 } // namespace
 
 QByteArray terminal_text::listening(quint16 port, const QString& folder)
@@ -54,7 +61,7 @@ QByteArray terminal_text::refusalAdvice(const QString& refusal, const QString& f
     for (const RefusalRow& row : kRefusals) {
         const QRegularExpressionMatch match = QRegularExpression(QString::fromUtf8(row.refusal)).match(refusal);
         if (match.hasMatch())
-            return "postiq: " + QString::fromUtf8(row.advice).arg(folder, match.captured(1)).toUtf8();
+            return filled(QString::fromUtf8(row.advice), folder, match.captured(1));
     }
     return {};
 }
@@ -70,7 +77,7 @@ QByteArray terminal_text::logLineAdvice(const QByteArray& line, const QString& f
     // refuses the port before it looks whether it is taken, so the privilege decides.
     const QString port = match.captured(1);
     const char* problem = needsPrivilege(quint16(port.toUInt())) ? kPortPrivileged : kPortTaken;
-    return "postiq: " + (QLatin1String(problem) + QLatin1String(kThenRestart)).arg(folder, port).toUtf8();
+    return filled(QLatin1String(problem) + QLatin1String(kThenRestart), folder, port);
 }
 
 AdvisedDesktop::AdvisedDesktop(Desktop& shown, QString folder, bool journal)

@@ -121,6 +121,7 @@ TEST_F(TerminalFixture, ARefusedSecondStartSaysHowToDriveTheFirst)
     EXPECT_TRUE(refusal.contains("postiq: another Postiq already runs on " + folder.toUtf8()
                                  + ": drive it with postiq --folder " + folder.toUtf8()))
         << refusal.constData();
+    EXPECT_FALSE(refusal.contains("QString")) << refusal.constData(); // no warning of Qt's in the advice
     first.terminate();
     EXPECT_EQ(first.waitForExit(), 0);
 }
