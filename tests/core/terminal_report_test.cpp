@@ -4,6 +4,7 @@
 #include <QTcpServer>
 #include <QTemporaryDir>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "core/postiq_process.h"
@@ -156,6 +157,47 @@ TEST_F(TerminalFixture, APrivilegedPortNamesTheCapabilityAndAHighListenPort)
                                     + "/Postiq.ini"));
     postiq.terminate();
     EXPECT_TRUE(postiq.waitForFinished(10000));
+}
+
+// systemd connects stderr to the journal and names that stream in JOURNAL_STREAM: the relay reports
+// without being asked, and marks the error lines with the error priority.
+TEST_F(TerminalFixture, UnderSystemdTheLinesReachTheJournalWithTheirPriority)
+{
+    QTcpServer occupant;
+    const quint16 port = freeListenPort();
+    ASSERT_TRUE(occupant.listen(QHostAddress::AnyIPv4, port));
+    writeIni(port);
+    const QString journal = root.path() + QStringLiteral("/journal");
+    writeFile(journal, {});
+    struct stat stream {};
+    ASSERT_EQ(::stat(QFile::encodeName(journal).constData(), &stream), 0);
+
+    QProcess postiq;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("XDG_CONFIG_HOME"), configHome);
+    environment.insert(QStringLiteral("JOURNAL_STREAM"),
+                       QStringLiteral("%1:%2").arg(quint64(stream.st_dev)).arg(quint64(stream.st_ino)));
+    postiq.setProcessEnvironment(environment);
+    postiq.setStandardErrorFile(journal, QIODevice::Append);
+    postiq.start(QStringLiteral(POSTIQ_BINARY), {QStringLiteral("--headless"), QStringLiteral("--folder"), folder});
+    const QByteArray portText = QByteArray::number(port);
+    ASSERT_TRUE(spinUntil([&] { return readFile(journal).contains("is in use by another program"); }, 10000))
+        << readFile(journal).constData();
+    postiq.terminate();
+    EXPECT_TRUE(postiq.waitForFinished(10000));
+
+    const QList<QByteArray> lines = readFile(journal).split('\n');
+    const auto lineWith = [&](const QByteArray& part) {
+        for (const QByteArray& line : lines)
+            if (line.contains(part))
+                return line;
+        return QByteArray();
+    };
+    EXPECT_TRUE(lineWith(" Port " + portText + " utilisé").startsWith("<3>"));
+    EXPECT_TRUE(lineWith("postiq: port " + portText).startsWith("<3>postiq: port "));
+    const QByteArray configuration = lineWith("Chargement de la configuration");
+    EXPECT_FALSE(configuration.isEmpty());
+    EXPECT_FALSE(configuration.startsWith('<')); // the journal's default priority, information
 }
 
 TEST(TerminalText, OnlyTheUnavailablePortLineGetsAdvice)
