@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Shared by run.sh, test.sh and package.sh: installs the Debian packages the caller needs, then
 # configures build/ and builds there: everything, only the program when the caller sets
-# program_only=1, nothing when it sets skip_build. Sourced, so that the caller's `set -e` and working directory
-# apply.
+# program_only=1, nothing when it sets skip_build. Sourced, so that the caller's `set -e` and
+# working directory apply.
 #
 # The caller chooses what to install beyond the build's needs: with_test_peers=1 adds the programs
 # the suite talks to and checks with; extra_packages=(...) adds its own.

@@ -69,7 +69,8 @@ QByteArray terminal_text::refusalAdvice(const QString& refusal, const QString& f
 QByteArray terminal_text::logLineAdvice(const QByteArray& line, const QString& folder,
                                         const std::function<bool(quint16 port)>& needsPrivilege)
 {
-    static const QRegularExpression portUnavailable(QStringLiteral(" Port (\\d+) utilisé par une autre application$"));
+    static const QRegularExpression portUnavailable(
+        QStringLiteral(" Port (\\d+) utilisé par une autre application$"));
     const QRegularExpressionMatch match = portUnavailable.match(QString::fromUtf8(line));
     if (!match.hasMatch())
         return {};
