@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
-# Checks the Debian package without installing it on this machine: builds it from a configured
-# build folder (or takes the .deb given), unpacks it into a scratch root, then runs there the
-# commands of its systemd unit and of its desktop entry, each against a relay that must accept a
-# message, answer --reload and end cleanly.
+# Checks the two Debian packages without installing them on this machine: builds them from a
+# configured build folder (or takes the .deb files given), runs lintian on both, unpacks them into
+# a scratch root, then runs there the commands of the systemd unit and of the desktop entry, each
+# against a relay that must accept a message, answer --reload and end cleanly, and the packaged
+# sendmail and mailq links.
 #
-#   check_package.sh BUILD_DIR [PACKAGE.deb]
+#   check_package.sh BUILD_DIR [PACKAGE.deb MTA_PACKAGE.deb]
 set -euo pipefail
 
 build=$(cd "$1" && pwd)
@@ -18,18 +19,31 @@ trap cleanup EXIT
 
 fail() { echo "FAIL: $*" >&2; exit 1; }
 
-if [ $# -ge 2 ]; then
+if [ $# -ge 3 ]; then
   deb=$2
+  mta=$3
 else
   cpack --config "$build/CPackConfig.cmake" -G DEB -B "$scratch/out" >/dev/null
   deb=$(ls "$scratch"/out/postiq_*.deb)
+  mta=$(ls "$scratch"/out/postiq-mta_*.deb)
+fi
+
+# --- Lint: no error and no warning on either -----------------------------------------------------
+if command -v lintian >/dev/null; then
+  # Informational tags and overrides aside, every line it prints is an error or a warning.
+  lint=$(lintian --allow-root --tag-display-limit 0 "$deb" "$mta" 2>&1 | grep -E '^[EW]: ' || true)
+  [ -z "$lint" ] || fail "lintian:
+$lint"
+else
+  echo "lintian is not installed: the packages are not linted" >&2
 fi
 
 # --- What the package holds ---------------------------------------------------------------------
 contents=$(dpkg-deb -c "$deb")
 for path in ./usr/bin/postiq ./usr/lib/systemd/system/postiq.service \
             ./usr/share/applications/postiq.desktop ./usr/share/man/man1/postiq.1.gz \
-            ./usr/share/icons/hicolor/scalable/apps/postiq.svg ./usr/share/doc/postiq/changelog.Debian.gz; do
+            ./usr/share/icons/hicolor/scalable/apps/postiq.svg ./usr/share/doc/postiq/changelog.Debian.gz \
+            ./usr/share/doc/postiq/copyright; do
   grep -q " $path\$" <<<"$contents" || fail "the package lacks $path"
 done
 grep -v '^d' <<<"$contents" | grep -qv ' root/root ' && fail "a file not owned by root"
@@ -41,16 +55,42 @@ for library in adduser libqt6core6 libldns; do
   grep -q "$library" <<<"$depends" || fail "Depends lacks $library: $depends"
 done
 
+# postiq-mta: the links, their pages, the folder they queue into, and the fields that make it the
+# system's one mail transport agent.
+mta_contents=$(dpkg-deb -c "$mta")
+for link in "./usr/sbin/sendmail -> ../bin/postiq" "./usr/bin/mailq -> postiq" \
+            "./usr/lib/sendmail -> ../sbin/sendmail"; do
+  grep -qF " $link" <<<"$mta_contents" || fail "postiq-mta lacks the link $link"
+done
+for path in ./usr/share/man/man8/sendmail.8.gz ./usr/share/man/man1/mailq.1.gz ./etc/postiq/sendmail.conf \
+            ./usr/lib/systemd/system/postiq.service.d/drop-box.conf \
+            ./usr/share/doc/postiq-mta/copyright ./usr/share/doc/postiq-mta/changelog.Debian.gz; do
+  grep -q " $path\$" <<<"$mta_contents" || fail "postiq-mta lacks $path"
+done
+grep -v '^d' <<<"$mta_contents" | grep -qv ' root/root ' && fail "a file of postiq-mta not owned by root"
+field() { dpkg-deb -f "$mta" "$1"; }
+[ "$(field Architecture)" = all ] || fail "postiq-mta is not Architecture: all"
+for name in Provides Conflicts Replaces; do
+  [ "$(field "$name")" = mail-transport-agent ] || fail "postiq-mta's $name is not mail-transport-agent"
+done
+[ "$(field Depends)" = "postiq (= $(dpkg-deb -f "$deb" Version))" ] || fail "postiq-mta's Depends: $(field Depends)"
+for script in postinst postrm conffiles; do
+  dpkg-deb -I "$mta" "$script" >/dev/null || fail "postiq-mta lacks its $script"
+done
+
 rootfs="$scratch/root"
 dpkg-deb -x "$deb" "$rootfs"
+dpkg-deb -x "$mta" "$rootfs"
 bin="$rootfs/usr/bin/postiq"
 [ "$("$bin" --version)" = "Postiq 3.0" ] || fail "the installed program does not say its version"
 
 if command -v man >/dev/null; then
   man -l "$rootfs/usr/share/man/man1/postiq.1.gz" 2>/dev/null | grep -q 'postiq - mail relay for the desktop' ||
     fail "man -l does not show the page"
-  warnings=$(man --warnings -l "$rootfs/usr/share/man/man1/postiq.1.gz" 2>&1 >/dev/null)
-  [ -z "$warnings" ] || fail "the manual page has warnings: $warnings"
+  for page in man1/postiq.1.gz man8/sendmail.8.gz man1/mailq.1.gz; do
+    warnings=$(man --warnings -l "$rootfs/usr/share/man/$page" 2>&1 >/dev/null)
+    [ -z "$warnings" ] || fail "the manual page $page has warnings: $warnings"
+  done
 fi
 if command -v desktop-file-validate >/dev/null; then
   desktop-file-validate "$rootfs/usr/share/applications/postiq.desktop" || fail "the desktop entry is not valid"
@@ -160,4 +200,35 @@ XDG_CONFIG_HOME="$home/.config" "$bin" --folder "$data" --quit || fail "--quit f
 wait_end "$pid"
 [ "$status" -eq 0 ] || fail "the desktop entry's relay ended with $status: $(cat "$scratch/desktop.err")"
 
-echo "package ok: $deb"
+# --- The packaged sendmail and mailq ------------------------------------------------------------
+# A program that runs sendmail with a cron-like message, then mailq: both through the links as
+# installed, on a folder of their own.
+if "$bin" --help | grep -q -- --sendmail; then
+  mail_folder="$scratch/sendmail"
+  printf 'Subject: nightly\n\nall done\n' |
+    POSTIQ_FOLDER="$mail_folder" "$rootfs/usr/sbin/sendmail" -i you@example.net ||
+    fail "the packaged sendmail did not queue the message"
+  [ "$(queued "$mail_folder")" -eq 1 ] || fail "the packaged sendmail left $(queued "$mail_folder") files"
+  POSTIQ_FOLDER="$mail_folder" "$rootfs/usr/bin/mailq" | grep -q 'you@example.net' ||
+    fail "the packaged mailq does not list the message"
+
+  # The drop box as postiq-mta sets it up: a user queues, the relay's user reads what was queued.
+  if [ "$(id -u)" -eq 0 ] && command -v setpriv >/dev/null; then
+    drop="$scratch/drop"
+    mkdir -p "$drop/OutBox"
+    chown nobody:nogroup "$drop" "$drop/OutBox"
+    chmod 0751 "$drop" && chmod 3773 "$drop/OutBox"
+    chmod 0755 "$scratch"
+    as() { local user=$1; shift; setpriv --reuid="$user" --regid="$(id -g "$user")" --clear-groups "$@"; }
+    printf 'Subject: from a user\n\nhello\n' |
+      as daemon env HOME=/ POSTIQ_FOLDER="$drop" "$rootfs/usr/sbin/sendmail" -i you@example.net ||
+      fail "a local user cannot queue into the drop box"
+    file=$(find "$drop/OutBox" -maxdepth 1 -type f ! -name '.*' | head -n 1)
+    [ -n "$file" ] || fail "nothing in the drop box"
+    as nobody cat "$file" | grep -q 'from a user' || fail "the relay's user cannot read the queued file"
+  fi
+else
+  echo "this build has no sendmail interface: the packaged links are not run" >&2
+fi
+
+echo "package ok: $deb $mta"

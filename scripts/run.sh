@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, then starts the relay with the options given. Without
+# Installs what the build needs when it is missing, builds the program (not the test suite, so
+# that a second start takes seconds), then starts the relay with the options given. Without
 # --folder the relay uses the user's own data folder, never build/, so that cleaning the build
 # never takes queued mail with it.
 set -euo pipefail
-source "$(dirname "$0")/setup.sh"
+program_only=1 source "$(dirname "$0")/setup.sh"
 
 folder=()
 case " $* " in

@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, then runs the whole test suite.
+# Installs what is missing (the build's needs and the suite's peers), builds, then runs the whole
+# test suite.
 # POSTIQ_SANITIZE=1 builds it in build-sanitize/ with AddressSanitizer and UndefinedBehaviorSanitizer
 # instead: any report fails the test that caused it.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
+with_test_peers=1
 if [ "${POSTIQ_SANITIZE:-0}" = 1 ]; then
   skip_build=1
   source "$root/scripts/setup.sh"

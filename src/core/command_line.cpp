@@ -35,6 +35,8 @@ CommandLine parseCommandLine(const QStringList& arguments, bool displayAvailable
         const QString& argument = arguments[i];
         if (argument == QLatin1String("--headless")) {
             line.headless = true;
+        } else if (argument == QLatin1String("--verbose")) {
+            line.verbose = true;
         } else if (argument == QLatin1String("--version")) {
             line.showVersion = true;
         } else if (argument == QLatin1String("--help") || argument == QLatin1String("-h")) {
@@ -97,7 +99,7 @@ CommandLine parseCommandLine(const QStringList& arguments, bool displayAvailable
 QString usageText()
 {
     return QStringLiteral(
-        "Usage: postiq [--folder DIR] [--headless]\n"
+        "Usage: postiq [--folder DIR] [--headless] [--verbose]\n"
         "       postiq [--folder DIR] --start | --stop | --reload | --flush | --quit\n"
         "       postiq [--folder DIR] --queue [--json] | --show ID | --retry ID|all | --delete ID\n"
         "       postiq [--folder DIR] --sendmail [sendmail options] [recipient...]\n"
@@ -108,6 +110,9 @@ QString usageText()
         "                created when missing)\n"
         "  --headless    no tray icon and no windows; messages go to stderr (implied when\n"
         "                neither DISPLAY nor WAYLAND_DISPLAY is set)\n"
+        "  --verbose     print on stderr where the relay listens, every mail-log and error-log\n"
+        "                line, and what to do about a refusal (the default headless when stderr\n"
+        "                is a terminal or the systemd journal)\n"
         "  --version     print the version and exit\n"
         "  --help        print this help and exit\n"
         "\n"

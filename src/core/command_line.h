@@ -9,6 +9,7 @@ namespace postiq {
 struct CommandLine {
     QString folder;        // the program folder; empty means the executable's folder
     bool headless = false; // no tray and no windows
+    bool verbose = false;  // the terminal report even where stderr is not a terminal
     bool showVersion = false;
     bool showHelp = false;
     // "start", "stop", "reload", "flush" or "quit": the command for the relay already running on

@@ -14,6 +14,7 @@
 #include "core/queue_commands.h"
 #include "core/relay_commands.h"
 #include "core/sendmail.h"
+#include "core/terminal_report.h"
 #include "log/version.h"
 #include "platform/clock.h"
 #include "platform/desktop.h"
@@ -139,12 +140,14 @@ int runPostiq(int argc, char** argv)
 
     HeadlessDesktop headlessDesktop;
     WidgetDesktop widgetDesktop;
-    Desktop& desktop = line.headless ? static_cast<Desktop&>(headlessDesktop) : widgetDesktop;
+    const QString absoluteFolder = QDir(folder).absolutePath();
+    TerminalReport terminal(TerminalReport::wanted(line.verbose, line.headless), absoluteFolder,
+                            line.headless ? static_cast<Desktop&>(headlessDesktop) : widgetDesktop);
+    Desktop& desktop = terminal.desktop();
     XdgRegistry registry;
     LinuxNetworkDiscovery network;
     SystemClock clock;
 
-    const QString absoluteFolder = QDir(folder).absolutePath();
     Application application(absoluteFolder, {desktop, registry, network, clock});
     std::unique_ptr<DesktopShell> shell;
     if (!line.headless) {
@@ -155,6 +158,7 @@ int runPostiq(int argc, char** argv)
     }
     QObject::connect(&application, &Application::finished, app.get(), [] { QCoreApplication::exit(ExitOk); },
                      Qt::QueuedConnection);
+    terminal.follow(application);
     application.start();
 
     // Only now: a quit signal that came during start-up (perhaps while a question was on screen)

@@ -46,9 +46,16 @@ void Logs::MailLog(const QByteArray& line)
 {
     DbgAdd("[MAILLOG]: " + line + "<BR>", DbgMailLog);
     append(QStringLiteral("maillog.txt"), line + kCrLf);
+    if (lineEcho_)
+        lineEcho_(QStringLiteral("maillog.txt"), line);
 }
 
-void Logs::ErrorLog(const QByteArray& line) { append(QStringLiteral("error.txt"), line + kCrLf); }
+void Logs::ErrorLog(const QByteArray& line)
+{
+    append(QStringLiteral("error.txt"), line + kCrLf);
+    if (lineEcho_)
+        lineEcho_(QStringLiteral("error.txt"), line);
+}
 
 void Logs::UpdateLog(const QByteArray& line) { append(QStringLiteral("update.txt"), line + kCrLf); }
 

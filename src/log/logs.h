@@ -55,6 +55,10 @@ public:
         DbgAdd(copy, kind);
     }
 
+    // Called with each line once it is in maillog.txt or error.txt (the terminal report).
+    using LineEcho = std::function<void(const QString& file, const QByteArray& line)>;
+    void setLineEcho(LineEcho echo) { lineEcho_ = std::move(echo); }
+
     // Run before a fatal report shows its box: it stops whatever could still run while the box
     // waits for the user (listener, timers, socket handlers).
     void setBeforeFatalReport(std::function<void()> hook) { beforeFatalReport_ = std::move(hook); }
@@ -89,6 +93,7 @@ private:
     Desktop& desktop_;
     const Clock& clock_;
     std::function<void()> beforeFatalReport_;
+    LineEcho lineEcho_;
 };
 
 } // namespace postiq
