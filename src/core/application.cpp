@@ -187,6 +187,7 @@ void Application::stopService()
 
 void Application::reloadConfiguration()
 {
+    logs_.reopenFiles(); // a log moved away by hand starts afresh at once
     configLoader_.ChargerConfig(true);
 }
 
