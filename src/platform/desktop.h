@@ -40,7 +40,8 @@ public:
     [[noreturn]] void endProgram(int status) override;
 };
 
-// Both kinds of desktop write there: details for the terminal, and the end of the program.
+// Shared with the desktop plugin's message boxes: a line for the terminal, and the end of the
+// process at once.
 void writeToStderr(const QString& title, const QString& text);
 [[noreturn]] void exitNow(int status);
 
