@@ -211,6 +211,7 @@ void Application::stopService()
 
 void Application::reloadConfiguration()
 {
+    logs_.reopenFiles(); // a log moved away by hand starts afresh at once
     configLoader_.ChargerConfig(true);
 }
 

@@ -7,7 +7,7 @@
 
 namespace postiq {
 
-QString MailFolder(const QString& option)
+QString MailFolder(const QString& option, const QString& configuration)
 {
     if (!option.isEmpty())
         return QDir(option).absolutePath();

@@ -1,4 +1,3 @@
-#include <QApplication>
 #include <QCoreApplication>
 #include <QDir>
 #include <QTimer>
@@ -9,7 +8,7 @@
 #include "core/application.h"
 #include "core/command_line.h"
 #include "core/control_channel.h"
-#include "core/desktop_shell.h"
+#include "core/desktop_plugin.h"
 #include "core/program_name.h"
 #include "core/queue_commands.h"
 #include "core/relay_commands.h"
@@ -125,11 +124,18 @@ int runPostiq(int argc, char** argv)
     if (!line.queueCommand.isEmpty())
         return RunQueueCommand(argc, argv, {line.queueCommand, line.queueArgument, line.json, line.folder});
 
+    // The widget application comes with the desktop plugin; without it, or headless, the relay
+    // runs on a core application and maps no widget or GUI library.
+    std::unique_ptr<DesktopFace> face;
+    if (!line.headless) {
+        QString pluginError;
+        face = loadDesktopFace(argc, argv, &pluginError);
+        if (!face)
+            std::fprintf(stderr, "postiq: %s; running headless\n", qPrintable(pluginError));
+    }
     std::unique_ptr<QCoreApplication> app;
-    if (line.headless)
+    if (!face)
         app = std::make_unique<QCoreApplication>(argc, argv);
-    else
-        app = std::make_unique<QApplication>(argc, argv);
 
     const QString folder = line.folder.isEmpty() ? defaultProgramFolder() : line.folder;
     QString folderError;
@@ -139,25 +145,20 @@ int runPostiq(int argc, char** argv)
     }
 
     HeadlessDesktop headlessDesktop;
-    WidgetDesktop widgetDesktop;
     const QString absoluteFolder = QDir(folder).absolutePath();
-    TerminalReport terminal(TerminalReport::wanted(line.verbose, line.headless), absoluteFolder,
-                            line.headless ? static_cast<Desktop&>(headlessDesktop) : widgetDesktop);
+    TerminalReport terminal(TerminalReport::wanted(line.verbose, !face), absoluteFolder,
+                            face ? face->desktop() : static_cast<Desktop&>(headlessDesktop));
     Desktop& desktop = terminal.desktop();
     XdgRegistry registry;
     LinuxNetworkDiscovery network;
     SystemClock clock;
 
     Application application(absoluteFolder, {desktop, registry, network, clock});
-    std::unique_ptr<DesktopShell> shell;
-    if (!line.headless) {
-        // Hidden windows and closed boxes never end the program; only the quit entry does.
-        QApplication::setQuitOnLastWindowClosed(false);
-        shell = std::make_unique<DesktopShell>(application, desktop,
-                                               DesktopShell::Options{updateServer(), QSystemTrayIcon::isSystemTrayAvailable()});
-    }
-    QObject::connect(&application, &Application::finished, app.get(), [] { QCoreApplication::exit(ExitOk); },
-                     Qt::QueuedConnection);
+    std::unique_ptr<QObject> shell;
+    if (face)
+        shell = face->attach(application, updateServer());
+    QObject::connect(&application, &Application::finished, QCoreApplication::instance(),
+                     [] { QCoreApplication::exit(ExitOk); }, Qt::QueuedConnection);
     terminal.follow(application);
     application.start();
 
@@ -172,7 +173,7 @@ int runPostiq(int argc, char** argv)
                                return CarryOutRelayCommand(application, verb, argument);
                            });
     openControlChannel(control, desktop);
-    return app->exec();
+    return QCoreApplication::exec();
 }
 
 } // namespace postiq

@@ -1,7 +1,6 @@
 #include "log/logs.h"
 
-#include <QFile>
-
+#include "log/dates.h"
 #include "log/version.h"
 #include "platform/desktop.h"
 
@@ -28,63 +27,69 @@ KindStyle styleOf(int kind)
 } // namespace
 
 Logs::Logs(QString folder, const DebugSwitch& debug, Desktop& desktop, const Clock& clock)
-    : folder_(std::move(folder)), debug_(debug), desktop_(desktop), clock_(clock)
+    : folder_(std::move(folder)), debug_(debug), desktop_(desktop), clock_(clock),
+      mailLog_(folder_ + QStringLiteral("/maillog.txt")), errorLog_(folder_ + QStringLiteral("/error.txt")),
+      updateLog_(folder_ + QStringLiteral("/update.txt")), debugLog_(folder_ + QStringLiteral("/Debug.html"))
 {
 }
 
-void Logs::append(const QString& fileName, const QByteArray& bytes)
+void Logs::append(AppendFile& file, const QByteArray& bytes)
 {
-    QFile file(folder_ + '/' + fileName);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Append)
-        || file.write(bytes) != bytes.size() || !file.flush()) {
-        throw Fault(ErrAccessDenied,
-                    QStringLiteral("Cannot write '%1': %2").arg(fileName, file.errorString()));
+    if (!file.append(bytes)) {
+        ++lostLines_;
+        return;
     }
+    reportLostLines();
+}
+
+void Logs::reportLostLines()
+{
+    if (lostLines_ == 0)
+        return;
+    const QByteArray text = lostLines_ == 1
+        ? QByteArray(" Postiq: 1 log line could not be written and was lost")
+        : " Postiq: " + QByteArray::number(lostLines_) + " log lines could not be written and were lost";
+    // Counted again only once the error log has taken the line.
+    if (errorLog_.append(GMTDate(clock_) + text + kCrLf))
+        lostLines_ = 0;
+}
+
+void Logs::reopenFiles()
+{
+    for (AppendFile* file : {&mailLog_, &errorLog_, &updateLog_, &debugLog_})
+        file->reopen();
 }
 
 void Logs::MailLog(const QByteArray& line)
 {
     DbgAdd("[MAILLOG]: " + line + "<BR>", DbgMailLog);
-    append(QStringLiteral("maillog.txt"), line + kCrLf);
+    append(mailLog_, line + kCrLf);
     if (lineEcho_)
         lineEcho_(QStringLiteral("maillog.txt"), line);
 }
 
 void Logs::ErrorLog(const QByteArray& line)
 {
-    append(QStringLiteral("error.txt"), line + kCrLf);
+    append(errorLog_, line + kCrLf);
     if (lineEcho_)
         lineEcho_(QStringLiteral("error.txt"), line);
 }
 
-void Logs::UpdateLog(const QByteArray& line) { append(QStringLiteral("update.txt"), line + kCrLf); }
+void Logs::UpdateLog(const QByteArray& line) { append(updateLog_, line + kCrLf); }
 
 void Logs::DbgAdd(QByteArray& message, int kind)
 {
     const KindStyle style = styleOf(kind);
     const QByteArray open = QByteArray("<FONT face='Verdana' size='2'") + style.colour + ">" + style.glyph;
-    try {
-        if (debug_.configLoaded()) {
-            if (!debug_.debugMode())
-                return;
-            message += kCrLf;
-            append(QStringLiteral("Debug.html"), open + message + "</FONT>" + kCrLf);
-        } else {
-            message += kCrLf;
-            append(QStringLiteral("Debug.html"),
-                   "<HR><FONT face='Verdana' size='2'><I>DEBUG - SAFE MODE - CONFIG NOT LOADING</I></FONT>"
-                       + kCrLf + open + message + "</FONT><HR>" + kCrLf);
-        }
-    } catch (const Fault& fault) {
-        // The program-error report writes to this log itself, so a failure here has its own box.
-        const QString text = QStringLiteral("Erreur fatale dans la procédure DbgAdd !\r\n\r\n"
-                                            "Source: Postiq\r\nNuméro: %1\r\nDescription: %2\r\n\r\n"
-                                            "L'application ne peut continuer ...")
-                                 .arg(fault.number())
-                                 .arg(fault.description());
-        silenceBeforeFatalBox();
-        desktop_.messageBox(QString(), text, Desktop::Icon::Critical);
-        desktop_.endProgram(ExitProgramError);
+    if (debug_.configLoaded()) {
+        if (!debug_.debugMode())
+            return;
+        message += kCrLf;
+        append(debugLog_, open + message + "</FONT>" + kCrLf);
+    } else {
+        message += kCrLf;
+        append(debugLog_, "<HR><FONT face='Verdana' size='2'><I>DEBUG - SAFE MODE - CONFIG NOT LOADING</I></FONT>"
+                              + kCrLf + open + message + "</FONT><HR>" + kCrLf);
     }
 }
 

@@ -5,6 +5,7 @@
 #include <functional>
 
 #include "log/fault.h"
+#include "platform/append_file.h"
 
 namespace postiq {
 
@@ -29,11 +30,16 @@ enum DebugKind : int {
     DbgCache = 4,
 };
 
-// The text logs of the program folder and the fatal program-error report. Each write opens its
-// file in append mode, writes one line and closes it, so that a crash never loses a written line.
+// The text logs of the program folder and the fatal program-error report. The four files stay
+// open for appending and each line goes out whole in one write, so that a crash never loses a
+// written line and another program may read (or rotate) the files at any time. A line that
+// cannot be written is dropped, never fatal: the relay's work matters more than its record, and
+// once writing works again one line in the error log says how many were lost.
 class Logs {
 public:
     Logs(QString folder, const DebugSwitch& debug, Desktop& desktop, const Clock& clock);
+    Logs(const Logs&) = delete;
+    Logs& operator=(const Logs&) = delete;
 
     const QString& folder() const { return folder_; }
     // The clock that log lines are stamped with (GMTDate), carried here so that every writer has it.
@@ -43,6 +49,11 @@ public:
     void MailLog(const QByteArray& line);
     void ErrorLog(const QByteArray& line);
     void UpdateLog(const QByteArray& line);
+
+    // Closes the four files; each opens again at its next line ("Recharger", a rotation by hand).
+    void reopenFiles();
+    // Lines dropped since the error log last told of them.
+    quint64 lostLines() const { return lostLines_; }
 
     // Whether a debug entry would be written now: a caller can spare building one that is not.
     bool debugWritten() const { return !debug_.configLoaded() || debug_.debugMode(); }
@@ -85,7 +96,8 @@ public:
     }
 
 private:
-    void append(const QString& fileName, const QByteArray& bytes);
+    void append(AppendFile& file, const QByteArray& bytes);
+    void reportLostLines();
     void silenceBeforeFatalBox();
 
     QString folder_;
@@ -94,6 +106,11 @@ private:
     const Clock& clock_;
     std::function<void()> beforeFatalReport_;
     LineEcho lineEcho_;
+    AppendFile mailLog_;
+    AppendFile errorLog_;
+    AppendFile updateLog_;
+    AppendFile debugLog_;
+    quint64 lostLines_ = 0;
 };
 
 } // namespace postiq

@@ -10,6 +10,8 @@ namespace postiq {
 
 QString defaultProgramFolder() { return QCoreApplication::applicationDirPath(); }
 
+QString executableFolder() { return QFileInfo(QFileInfo(QStringLiteral("/proc/self/exe")).canonicalFilePath()).absolutePath(); }
+
 bool prepareProgramFolder(const QString& dir, QString* error)
 {
     auto failWith = [error](const QString& message) {

@@ -9,8 +9,12 @@ namespace postiq {
 // application object.
 QString defaultProgramFolder();
 
+// The folder of the running executable, read from the system without the application object.
+QString executableFolder();
+
 // Creates the folder when it is missing and checks that files can be created in it. On failure
 // returns False with a message for the user in *error.
+
 bool prepareProgramFolder(const QString& dir, QString* error);
 
 // The path of the program folder's subfolder `name`, found without regard to letter case (an

@@ -74,13 +74,46 @@ TEST(ReportProgramError, TellsTheUserAndEndsWithStatusOne)
                          "</B></FONT>\r\n</FONT>\r\n"));
 }
 
-TEST(DbgAdd, AnUnwritableLogHasItsOwnFatalBox)
+// Full disk, I/O error or a folder in a log's place: every log drops its line and the program goes
+// on; the first line written afterwards is followed by one error-log line that counts the loss.
+TEST(Logs, UnwritableLinesAreDroppedAndCountedOnceWritingWorksAgain)
 {
     LogBench bench;
     bench.debug.debug = true;
-    QDir(bench.dir.path()).mkdir("Debug.html"); // a folder where the file should be
-    EXPECT_THROW(bench.logs.DbgAdd("x"), ProgramEnded);
-    ASSERT_EQ(bench.desktop.boxes.size(), 1);
-    EXPECT_TRUE(bench.desktop.boxes[0].text.startsWith("Erreur fatale dans la procédure DbgAdd !\r\n\r\nSource: "));
-    EXPECT_TRUE(bench.desktop.boxes[0].text.endsWith("\r\n\r\nL'application ne peut continuer ..."));
+    QDir(bench.dir.path()).mkdir("Debug.html");
+    for (const char* name : {"maillog.txt", "error.txt", "update.txt"})
+        ASSERT_TRUE(QFile::link("/dev/full", bench.path(name)));
+
+    bench.logs.MailLog("m1"); // its debug echo is lost too
+    bench.logs.ErrorLog("e1");
+    bench.logs.UpdateLog("u1");
+    bench.logs.DbgAdd("d1");
+    EXPECT_TRUE(bench.desktop.boxes.isEmpty());
+    EXPECT_EQ(bench.logs.lostLines(), 5u);
+
+    // The error log still full: a line written elsewhere cannot report the loss yet.
+    QDir(bench.dir.path()).rmdir("Debug.html");
+    bench.logs.reopenFiles();
+    bench.logs.DbgAdd("d2");
+    EXPECT_EQ(bench.logs.lostLines(), 5u);
+
+    for (const char* name : {"maillog.txt", "error.txt", "update.txt"})
+        QFile::remove(bench.path(name));
+    bench.logs.reopenFiles();
+    bench.logs.UpdateLog("u2");
+    bench.logs.ErrorLog("e2");
+    EXPECT_EQ(bench.logs.lostLines(), 0u);
+    EXPECT_EQ(readFile(bench.path("update.txt")), QByteArray("u2\r\n"));
+    EXPECT_EQ(readFile(bench.path("error.txt")),
+              QByteArray("Feb 05 2004 09:05:07 Postiq: 5 log lines could not be written and were lost\r\ne2\r\n"));
+
+    QFile::remove(bench.path("update.txt"));
+    ASSERT_TRUE(QFile::link("/dev/full", bench.path("update.txt")));
+    bench.logs.reopenFiles();
+    bench.logs.UpdateLog("u3");
+    bench.debug.debug = false;
+    bench.logs.MailLog("m2");
+    EXPECT_TRUE(readFile(bench.path("error.txt"))
+                    .endsWith("e2\r\nFeb 05 2004 09:05:07 Postiq: 1 log line could not be written and was lost\r\n"));
+    EXPECT_EQ(readFile(bench.path("maillog.txt")), QByteArray("m2\r\n"));
 }

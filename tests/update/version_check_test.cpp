@@ -1,12 +1,9 @@
-#include <QLabel>
-#include <QPushButton>
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QTimer>
 #include <gtest/gtest.h>
 
 #include "support/mail_client.h"
-#include "update/update_announcement.h"
 #include "update/version_check.h"
 
 using namespace postiq;
@@ -116,27 +113,4 @@ TEST(VersionCheck, ReplyParsingAndTheNewerRule)
     EXPECT_EQ(parseUpdateServer("example.org")->port, 80);
     EXPECT_EQ(parseUpdateServer("host:0"), std::nullopt);
     EXPECT_EQ(parseUpdateServer(""), std::nullopt);
-}
-
-TEST(UpdateAnnouncement, ShowsBothLinesAndClosesOnUpdateOrTimeOut)
-{
-    int opened = 0;
-    auto* window = new UpdateAnnouncement("3.1", "3.0", [&] { ++opened; });
-    QPointer<UpdateAnnouncement> alive(window);
-    window->show();
-    EXPECT_EQ(window->objectName(), QString("FRMExistUpdate"));
-    EXPECT_EQ(window->findChild<QLabel*>("lblNewVersion")->text(), QString(" La version 3.1 est disponible !"));
-    EXPECT_EQ(window->findChild<QLabel*>("lblCurrentVersion")->text(), QString(" Version actuelle: 3.0"));
-    EXPECT_TRUE(window->tmrTimeOut.isActive());
-    EXPECT_EQ(window->tmrTimeOut.intervalAsDuration(), UpdateAnnouncement::kTimeout);
-    window->findChild<QPushButton*>("btnUpdate")->click();
-    EXPECT_EQ(opened, 1);
-    EXPECT_TRUE(spinUntil([&] { return alive.isNull(); }, 2000));
-
-    auto* waiting = new UpdateAnnouncement("3.1", "3.0", {});
-    QPointer<UpdateAnnouncement> waitingAlive(waiting);
-    waiting->show();
-    waiting->tmrTimeOut.setInterval(10);
-    waiting->tmrTimeOut.start();
-    EXPECT_TRUE(spinUntil([&] { return waitingAlive.isNull(); }, 2000));
 }

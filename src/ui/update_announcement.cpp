@@ -1,4 +1,4 @@
-#include "update/update_announcement.h"
+#include "ui/update_announcement.h"
 
 #include <QIcon>
 #include <QLabel>

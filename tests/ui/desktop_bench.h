@@ -5,10 +5,10 @@
 #include <memory>
 
 #include "core/application.h"
-#include "core/desktop_shell.h"
 #include "platform/network_discovery.h"
 #include "support/fakes.h"
 #include "support/memory_registry.h"
+#include "ui/desktop_shell.h"
 
 namespace postiq::test {
 

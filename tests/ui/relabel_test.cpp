@@ -6,8 +6,8 @@
 #include <QTreeWidget>
 #include <gtest/gtest.h>
 
-#include "core/widgets/desktop_bench.h"
-#include "language/relabel.h"
+#include "ui/desktop_bench.h"
+#include "ui/relabel.h"
 
 using namespace postiq;
 using namespace postiq::test;

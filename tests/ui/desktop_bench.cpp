@@ -1,4 +1,4 @@
-#include "core/widgets/desktop_bench.h"
+#include "ui/desktop_bench.h"
 
 #include <QDir>
 

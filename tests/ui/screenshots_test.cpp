@@ -7,8 +7,8 @@
 #include <QTreeWidget>
 #include <gtest/gtest.h>
 
-#include "core/widgets/desktop_bench.h"
 #include "support/mail_client.h"
+#include "ui/desktop_bench.h"
 
 using namespace postiq;
 using namespace postiq::test;

@@ -6,10 +6,10 @@
 #include <QSystemTrayIcon>
 #include <memory>
 
-#include "core/main_window.h"
-#include "core/tray_menu.h"
-#include "config/configuration_dialog.h"
-#include "update/update_announcement.h"
+#include "ui/configuration_dialog.h"
+#include "ui/main_window.h"
+#include "ui/tray_menu.h"
+#include "ui/update_announcement.h"
 #include "update/version_check.h"
 
 namespace postiq {

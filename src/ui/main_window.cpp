@@ -1,4 +1,4 @@
-#include "core/main_window.h"
+#include "ui/main_window.h"
 
 #include <QCloseEvent>
 #include <QHeaderView>

@@ -1,15 +1,15 @@
-#include "core/desktop_shell.h"
+#include "ui/desktop_shell.h"
 
 #include <QIcon>
 #include <QMenuBar>
 #include <QVBoxLayout>
 
-#include "config/configuration_dialog.h"
 #include "core/application.h"
-#include "language/relabel.h"
 #include "log/version.h"
 #include "platform/desktop.h"
-#include "update/update_announcement.h"
+#include "ui/configuration_dialog.h"
+#include "ui/relabel.h"
+#include "ui/update_announcement.h"
 
 namespace postiq {
 

@@ -8,8 +8,9 @@
 #include <QTcpSocket>
 #include <gtest/gtest.h>
 
-#include "core/widgets/desktop_bench.h"
 #include "support/mail_client.h"
+#include "ui/desktop_bench.h"
+#include "ui/widget_desktop.h"
 
 using namespace postiq;
 using namespace postiq::test;

@@ -1,4 +1,4 @@
-#include "language/relabel.h"
+#include "ui/relabel.h"
 
 #include <QAbstractButton>
 #include <QAction>

@@ -1,4 +1,4 @@
-#include "core/tray_menu.h"
+#include "ui/tray_menu.h"
 
 namespace postiq {
 

@@ -1,4 +1,4 @@
-#include "config/configuration_dialog.h"
+#include "ui/configuration_dialog.h"
 
 #include <QCheckBox>
 #include <QComboBox>
