@@ -2,6 +2,7 @@
 
 #include <QPointer>
 #include <QTcpSocket>
+#include <algorithm>
 #include <utility>
 
 #include "config/settings.h"
@@ -24,6 +25,9 @@ const QByteArray kCrLf = "\r\n";
 constexpr int kMostRecipients = 255;
 // Held bytes from which a session counts as large for the memory handed back after it.
 constexpr qsizetype kLargeBytes = 1024 * 1024;
+// How long a client that was cut off may still send (dropped) after its reply went out: closing
+// on unread bytes resets the connection, and the client could lose the reply that says why.
+constexpr std::chrono::milliseconds kCutOffGrace{1000};
 
 constexpr uint32_t bit(InboundState state) { return 1u << state; }
 // Where commands are read: everywhere but in a message, while it is committed and after QUIT.
@@ -138,9 +142,11 @@ void InboundSession::dataArrived()
 
 void InboundSession::sendComplete()
 {
-    if (finished_ || socket_->bytesToWrite() > 0)
+    if (finished_ || socket_->bytesToWrite() > 0 || state_ != Quitting)
         return;
-    if (state_ == Quitting)
+    if (cutOff_)
+        idle_.start(std::min(kCutOffGrace, server_.idleLimit())); // closed when it expires
+    else
         closeAndFinish();
 }
 
