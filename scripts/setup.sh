@@ -7,6 +7,8 @@
 # screenshots; dpkg-dev and man-db: the package's library dependencies and its manual page.
 packages=(g++ cmake make pkg-config qt6-base-dev libqt6svg6 libldns-dev libgtest-dev libgmock-dev
           openssl xvfb xauth trayer dpkg-dev man-db)
+# What the caller needs besides (test.sh: the mail programs the tests run against the relay).
+packages+=(${extra_packages[@]+"${extra_packages[@]}"})
 
 missing=()
 for p in "${packages[@]}"; do
