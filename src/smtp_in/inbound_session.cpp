@@ -25,9 +25,11 @@ const QByteArray kCrLf = "\r\n";
 constexpr int kMostRecipients = 255;
 // Held bytes from which a session counts as large for the memory handed back after it.
 constexpr qsizetype kLargeBytes = 1024 * 1024;
-// How long a client that was cut off may still send (dropped) after its reply went out: closing
-// on unread bytes resets the connection, and the client could lose the reply that says why.
+// How long, and how much, a client that was cut off may still send (dropped) after its reply:
+// closing on unread bytes resets the connection, and the client could lose the reply that says
+// why; a client that floods on is closed all the same.
 constexpr std::chrono::milliseconds kCutOffGrace{1000};
+constexpr qsizetype kMostDroppedBytes = 16 * 1024 * 1024;
 
 constexpr uint32_t bit(InboundState state) { return 1u << state; }
 // Where commands are read: everywhere but in a message, while it is committed and after QUIT.
@@ -127,7 +129,13 @@ void InboundSession::dataArrived()
     if (finished_ || state_ == Committing)
         return;
     const QByteArray bytes = socket_->readAll();
-    if (bytes.isEmpty() || cutOff_)
+    if (cutOff_) {
+        dropped_ += bytes.size();
+        if (dropped_ > kMostDroppedBytes)
+            closeAndFinish();
+        return;
+    }
+    if (bytes.isEmpty())
         return;
     idle_.start(server_.idleLimit());
     if (logs_.debugWritten()) { // escaping a whole message body is not free

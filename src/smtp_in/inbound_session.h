@@ -115,6 +115,7 @@ private:
     QTimer idle_;
     bool lostWhileCommitting_ = false; // handled once the message's commit is over
     bool cutOff_ = false;              // told to go: whatever else it sends is dropped
+    qsizetype dropped_ = 0;            // what it sent after that
     bool large_ = false;               // held a large message at some point
     bool finished_ = false;
 };

@@ -50,7 +50,7 @@ TEST(OutboundSession, ThreeRecipientsOneTransaction)
     const ExchangerSession& s = b.exchanger.session(0);
     EXPECT_EQ(s.commands, (QList<QByteArray>{"HELO relay.test", "MAIL FROM: <s@src.test>", "RCPT TO: <a@dst.test>",
                                              "RCPT TO: <b@other.test>", "RCPT TO: <c@dst.test>", "DATA", "QUIT"}));
-    EXPECT_EQ(s.body, "Subject: three\r\n\r\nbody\r\n\r\n") << "the text, then CR LF before the dot";
+    EXPECT_EQ(s.body, "Subject: three\r\n\r\nbody\r\n") << "the text, and the dot right after its last line end";
     const QByteArray relay = ", relay=127.0.0.2[127.0.0.2], status=sent (250 2.0.0 Queued as FAKE)";
     EXPECT_EQ(b.mailLog("smtpdistant"),
               (QList<QByteArray>{" Postiq/smtpdistant[1]: OK3 connect to 127.0.0.2 [127.0.0.2]",
@@ -70,7 +70,7 @@ TEST(OutboundSession, NothingInTheTextEndsTheDataEarly)
     SessionBench b;
     b.deliver("DOTS", {"<a@dst.test>"}, "a\n.\nQUIT\r.\r\n..b\r\n");
     const ExchangerSession& s = b.exchanger.session(0);
-    EXPECT_EQ(s.body, "a\r\n.\r\nQUIT\r\n.\r\n.b\r\n\r\n"); // as the server reads it, unstuffed
+    EXPECT_EQ(s.body, "a\r\n.\r\nQUIT\r\n.\r\n..b\r\n"); // as the server reads it, unstuffed
     EXPECT_EQ(s.commands.last(), "QUIT");
     EXPECT_EQ(s.commands.count("QUIT"), 1);
     EXPECT_TRUE(b.files("OutBox").isEmpty());
