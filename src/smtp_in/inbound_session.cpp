@@ -165,8 +165,7 @@ void InboundSession::connectionLost(const char* site)
     logs_.guarded(site, [&] {
         if (finished_)
             return;
-        if (state_ != Committing)
-            dataArrived(); // what the client sent before it went is still its request
+        dataArrived(); // what the client sent before it went is still its request
         if (finished_)
             return;
         if (state_ == Committing) {
