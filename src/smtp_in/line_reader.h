@@ -29,6 +29,7 @@ public:
 private:
     QByteArray buffer_;
     qsizetype start_ = 0; // what lies before has been handed out
+    qsizetype searched_ = 0; // no line end lies between start_ and here, so a long line is read once
 };
 
 } // namespace postiq
