@@ -46,7 +46,7 @@ struct Relay {
     bool slotsFree() const
     {
         for (int n = 1; n < ConnectionTables::kUpperBound; ++n)
-            if (tables.Smtp(n))
+            if (tables.InSession(n))
                 return false;
         return true;
     }

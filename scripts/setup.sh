@@ -16,7 +16,7 @@ build_packages=(g++ cmake make pkg-config qt6-base-dev libqt6svg6 libldns-dev li
 # smtp-sink and sendmail, aiosmtpd, swaks, msmtp, neomutt, curl, mailx, git send-email), the DNS
 # server, the keyring and its session bus, the test authority (openssl), the virtual screen and
 # tray host of the screenshots, and the package checks (dpkg-dev, lintian, man-db).
-test_packages=(postfix python3-aiosmtpd swaks msmtp neomutt curl bsd-mailx git-email dnsmasq-base
+test_packages=(postfix python3 python3-aiosmtpd swaks msmtp neomutt curl bsd-mailx git-email dnsmasq-base
                gnome-keyring libsecret-tools dbus-x11 openssl xvfb xauth trayer dpkg-dev lintian
                man-db)
 

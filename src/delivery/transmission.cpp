@@ -1,7 +1,5 @@
 #include "delivery/transmission.h"
 
-#include <cstring>
-
 namespace postiq {
 
 QByteArray TransmissionText(const QByteArray& data)
@@ -15,15 +13,15 @@ QByteArray TransmissionText(const QByteArray& data)
         const char* lineEnd = p;
         while (lineEnd < end && *lineEnd != '\r' && *lineEnd != '\n')
             ++lineEnd;
-        if (lineEnd - p == 1 && *p == '.')
-            out += '.'; // a lone dot would end the data here
+        if (*p == '.')
+            out += '.'; // the receiver takes the first of a line's leading dots away
         out.append(p, lineEnd - p);
+        out += "\r\n"; // a proper CR LF, a bare CR or a bare LF alike, and one for a last line without
         if (lineEnd == end)
             break;
-        out += "\r\n"; // a proper CR LF, a bare CR or a bare LF alike
         p = lineEnd + ((*lineEnd == '\r' && lineEnd + 1 < end && lineEnd[1] == '\n') ? 2 : 1);
     }
-    return out + "\r\n.\r\n";
+    return out + ".\r\n";
 }
 
 } // namespace postiq

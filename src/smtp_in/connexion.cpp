@@ -56,10 +56,17 @@ ConnectionTables::~ConnectionTables()
 
 void ConnectionTables::silenceAll()
 {
-    for (SocketArray* array : {&smtp_, &smtpDistant_}) {
-        for (QPointer<QTcpSocket>& socket : *array) {
-            if (socket)
-                socket->disconnect();
+    for (QPointer<QTcpSocket>& socket : smtpDistant_) {
+        if (socket)
+            socket->disconnect();
+    }
+    for (QPointer<QObject>& session : inSessions_) {
+        if (!session)
+            continue;
+        for (QObject* part : session->findChildren<QObject*>()) {
+            part->disconnect();
+            if (auto* timer = qobject_cast<QTimer*>(part))
+                timer->stop();
         }
     }
     listener_->disconnect();
@@ -90,15 +97,9 @@ QPointer<QTcpSocket>& ConnectionTables::unloadedInstance(SocketArray& sockets, i
     return sockets[n];
 }
 
-QTcpSocket* ConnectionTables::Smtp(int n) const
+QObject* ConnectionTables::InSession(int n) const
 {
-    return n >= 1 && n <= kUpperBound ? smtp_[n].data() : nullptr;
-}
-
-void ConnectionTables::LoadSmtp(int n, QTcpSocket* accepted)
-{
-    unloadedInstance(smtp_, n, "Smtp") = accepted;
-    accepted->setParent(&socketOwner_);
+    return n >= 1 && n <= kUpperBound ? inSessions_[n].data() : nullptr;
 }
 
 QTcpSocket* ConnectionTables::SmtpDistant(int n) const
@@ -166,26 +167,25 @@ bool ConnectionTables::HasFreeCnxIn()
     return false;
 }
 
-CConnexion& ConnectionTables::LoadCnxIn(uint8_t i, QTcpSocket* accepted)
+CConnexion& ConnectionTables::LoadCnxIn(uint8_t i, const QByteArray& peer, QObject* session)
 {
-    LoadSmtp(i, accepted);
     CConnexion& cnx = CnxIn(i);
+    if (inSessions_[i])
+        throw entryFault(ErrInvalidCall, "CnxIn", i, "connection slot already taken");
+    inSessions_[i] = session;
     cnx.Connexion = i;
     cnx.CnxType = "IN";
-    const QString host = accepted->peerName();
-    cnx.SrvClient = host.isEmpty() ? PlainAddressText(accepted->peerAddress()) : host.toUtf8();
+    cnx.SrvClient = peer;
     return cnx;
 }
 
-void ConnectionTables::releaseSlot(CConnexion& cnx, SocketArray& sockets, const char* arrayName,
-                                   const QByteArray& cnxType, uint8_t n)
+void ConnectionTables::releaseSlot(CConnexion& cnx, const QByteArray& cnxType, uint8_t n,
+                                   const std::function<void()>& unload)
 {
     cnx.setStatus(0);
     cnx.SmtpCommand.clear();
     cnx.Message.MClear();
-    if (!sockets[n])
-        throw entryFault(ErrInvalidCall, arrayName, n, "socket instance not loaded");
-    destroyInstance(sockets[n]);
+    unload();
     logs_.DbgAdd("<FONT face='Verdana' size='2'>Release connexion " + cnxType.toLower() + ": "
                  + number(n) + "</FONT><BR>");
     if (view_)
@@ -194,8 +194,13 @@ void ConnectionTables::releaseSlot(CConnexion& cnx, SocketArray& sockets, const 
 
 void ConnectionTables::ReleaseSmtpLocal(uint8_t n)
 {
-    logs_.guarded("MOD:MODConnexion[ReleaseSmtpLocal]",
-                  [&] { releaseSlot(CnxIn(n), smtp_, "Smtp", "IN", n); });
+    logs_.guarded("MOD:MODConnexion[ReleaseSmtpLocal]", [&] {
+        releaseSlot(CnxIn(n), "IN", n, [&] {
+            if (!inSessions_[n])
+                throw entryFault(ErrInvalidCall, "CnxIn", n, "no session holds this slot");
+            inSessions_[n].clear(); // the session goes by itself
+        });
+    });
 }
 
 void ConnectionTables::ReleaseSmtpDistant(uint8_t n)
@@ -203,7 +208,11 @@ void ConnectionTables::ReleaseSmtpDistant(uint8_t n)
     logs_.guarded("MOD:MODConnexion[ReleaseSmtpDistant]", [&] {
         CConnexion& cnx = CnxOut(n);
         cnx.DNS.MX.Clear();
-        releaseSlot(cnx, smtpDistant_, "SmtpDistant", "OUT", n);
+        releaseSlot(cnx, "OUT", n, [&] {
+            if (!smtpDistant_[n])
+                throw entryFault(ErrInvalidCall, "SmtpDistant", n, "socket instance not loaded");
+            destroyInstance(smtpDistant_[n]);
+        });
         // A freed outbound slot means the queue can move again.
         if (enableOutboxTimer)
             enableOutboxTimer();

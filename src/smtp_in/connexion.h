@@ -31,7 +31,9 @@ public:
 };
 
 // One numbered connection slot, inbound ("IN") or outbound ("OUT"). It is free exactly when its
-// Status is 0; a busy slot owns the socket instance of the same number.
+// Status is 0. An IN slot is the row the connections view reads: its inbound session owns the
+// connection and keeps the row's state, peer and message ID up to date. A busy OUT slot owns the
+// socket instance of the same number.
 class CConnexion {
 public:
     // `view` is the tables' view pointer, read at each change so that the window can come later.
@@ -42,8 +44,8 @@ public:
     uint8_t Connexion = 0;     // the slot's own number
     QByteArray CnxType;        // "IN" or "OUT"
     QByteArray SrvClient;      // IN: the client's host name or address; OUT: the server talked to
-    QByteArray SmtpCommand;    // text received since the last complete unit was handled
-    CMessage Message;          // the message being received or delivered
+    QByteArray SmtpCommand;    // OUT: text received since the last complete reply was handled
+    CMessage Message;          // IN: the ID of the last message stored; OUT: the message delivered
     QString CurrentOutFile;    // OUT: the queue file being delivered
     uint8_t CurrentRcptTo = 0; // OUT: the recipient being worked on
     CDns DNS;                  // OUT: the resolver state of this delivery
@@ -57,8 +59,8 @@ private:
     int32_t status_ = 0;
 };
 
-// The two slot tables with their socket instances. Usable IN slots are 1 to 99: the search wraps
-// to 1 and never hands out 0 or 100.
+// The two slot tables. Usable IN slots are 1 to 99: the search wraps to 1 and never hands out 0 or
+// 100. For IN slots the tables only hand out numbers; each OUT slot has its socket instance.
 class ConnectionTables {
 public:
     static constexpr int kUpperBound = 100;
@@ -78,12 +80,10 @@ public:
     uint8_t LastCnxIn = 1;  // the IN slot handed out last
     uint8_t LastCnxOut = 1; // the OUT slot handed out last (the dispatcher moves it)
 
-    // Socket array Smtp: instance 0 is the listener, instance n (1..100) the socket of IN slot n,
-    // or nullptr when not loaded.
+    // The listener of the inbound side.
     QTcpServer& SmtpListener();
-    QTcpSocket* Smtp(int n) const;
-    // Loads instance n with an accepted connection; the tables own it from here on.
-    void LoadSmtp(int n, QTcpSocket* accepted);
+    // The session that holds IN slot n (it owns its connection), or nullptr when the slot is free.
+    QObject* InSession(int n) const;
 
     // Socket array SmtpDistant: the socket of OUT slot n, or nullptr when not loaded.
     QTcpSocket* SmtpDistant(int n) const;
@@ -95,16 +95,18 @@ public:
     std::optional<uint8_t> FindFreeCnxIn();
     // Whether any IN slot from 1 to 99 is free; moves nothing.
     bool HasFreeCnxIn();
-    // Takes IN slot i for an accepted connection: socket instance, number, type and peer.
-    CConnexion& LoadCnxIn(uint8_t i, QTcpSocket* accepted);
+    // Takes IN slot i for the session of an accepted connection: number, type and peer.
+    CConnexion& LoadCnxIn(uint8_t i, const QByteArray& peer, QObject* session);
 
-    // Free a slot: state, buffer and message reset, socket instance destroyed, view refreshed.
-    // A slot without a socket instance is a fault, raised after the resets.
+    // Free a slot: state, buffer and message reset, OUT socket instance destroyed, view refreshed.
+    // An IN slot without its session or an OUT slot without its socket instance is a fault,
+    // raised after the resets.
     void ReleaseSmtpLocal(uint8_t n);
     void ReleaseSmtpDistant(uint8_t n);
 
-    // Cuts every socket and the listener off from their handlers (the objects stay): nothing of a
-    // connection runs any more, as when the program ends.
+    // Cuts every socket, every inbound session's sockets and timers, and the listener off from
+    // their handlers (the objects stay): nothing of a connection runs any more, as when the
+    // program ends.
     void silenceAll();
 
     // Set by the delivery side: re-enables the outbox scan when an OUT slot frees up.
@@ -118,10 +120,10 @@ private:
     // Instance n of a socket array, which must exist and be free; a fault otherwise.
     static QPointer<QTcpSocket>& unloadedInstance(SocketArray& sockets, int n, const char* arrayName);
     static void destroyInstance(QPointer<QTcpSocket>& socket);
-    // What both releases share; a missing socket is a fault raised after the resets. The caller
-    // looks the slot up first, which bounds n.
-    void releaseSlot(CConnexion& cnx, SocketArray& sockets, const char* arrayName,
-                     const QByteArray& cnxType, uint8_t n);
+    // What both releases share; `unload` lets the connection go, and a missing one is a fault
+    // raised after the resets. The caller looks the slot up first, which bounds n.
+    void releaseSlot(CConnexion& cnx, const QByteArray& cnxType, uint8_t n,
+                     const std::function<void()>& unload);
     QByteArray stamp() const;
 
     Logs& logs_;
@@ -133,7 +135,7 @@ private:
     // Parent of every socket instance, so that instances still alive go with the tables.
     QObject socketOwner_;
     QTcpServer* listener_ = nullptr;
-    SocketArray smtp_;
+    std::array<QPointer<QObject>, kUpperBound + 1> inSessions_;
     SocketArray smtpDistant_;
 };
 

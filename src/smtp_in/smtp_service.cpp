@@ -19,7 +19,7 @@ constexpr int kListenBacklog = 128;
 SmtpService::SmtpService(Settings& settings, Logs& logs, DnsCache& cache, ConnectionTables& tables,
                          ServiceView* view, QObject* parent)
     : QObject(parent), settings_(settings), logs_(logs), cache_(cache), tables_(tables),
-      view_(view), session_(logs, settings, tables)
+      view_(view), sessions_(logs, settings, tables)
 {
 }
 

@@ -2,7 +2,7 @@
 
 #include <QObject>
 
-#include "smtp_in/inbound_session.h"
+#include "smtp_in/inbound_server.h"
 
 namespace postiq {
 
@@ -34,7 +34,7 @@ public:
     void Arreter();
     bool isListening() const;
     // The sessions it serves (their limits can be shortened in tests).
-    InboundSession& sessions() { return session_; }
+    InboundServer& sessions() { return sessions_; }
 
 private:
     void reportPortUnavailable(quint16 port);
@@ -44,7 +44,7 @@ private:
     DnsCache& cache_;
     ConnectionTables& tables_;
     ServiceView* view_;
-    InboundSession session_;
+    InboundServer sessions_;
 };
 
 } // namespace postiq

@@ -48,7 +48,7 @@ QByteArray GetDomain(Logs& logs, const QByteArray& address)
 }
 
 void ParseRcptTo(Logs& logs, const CMessage& message, const QString& outBoxFolder,
-                 QList<StagedFile>* staged)
+                 QList<StagedFile>* staged, const std::function<QByteArray(const QByteArray& id)>& header)
 {
     logs.guarded("MOD:MESSAGE[ParseRcptTo]", [&] {
         // The record refuses more than 255 recipients, so there are never more domains either.
@@ -77,6 +77,8 @@ void ParseRcptTo(Logs& logs, const CMessage& message, const QString& outBoxFolde
                     work.AddRcptTo(message.RcptTo(index));
             }
             work.ID = FreshQueueName(logs, '-' + QByteArray::number(k));
+            if (header)
+                work.Data = header(work.ID) + message.Data;
             const QString path = outBoxFolder + '/' + QString::fromLatin1(work.ID);
             if (staged)
                 staged->append(work.MStage(path));

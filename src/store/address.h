@@ -3,6 +3,7 @@
 #include <QByteArray>
 #include <QList>
 #include <QString>
+#include <functional>
 
 #include "platform/durable_file.h"
 
@@ -21,7 +22,9 @@ QByteArray GetDomain(Logs& logs, const QByteArray& address);
 // Writes a message with several recipients into OutBox as one queue file per recipient domain,
 // in order of the domains' first appearance, named FreshQueueName with the suffix "-" + k.
 // With `staged`, the files are only staged (CMessage::MStage) and listed there for one commit.
+// With `header`, each file's text starts with what it gives for that file's name.
 void ParseRcptTo(Logs& logs, const CMessage& message, const QString& outBoxFolder,
-                 QList<StagedFile>* staged = nullptr);
+                 QList<StagedFile>* staged = nullptr,
+                 const std::function<QByteArray(const QByteArray& id)>& header = {});
 
 } // namespace postiq

@@ -68,13 +68,15 @@ TEST(Dispatcher, KeepLocalFoldersAndHiddenFilesAreLeftAlone)
     EXPECT_EQ(b.dns.queries, 0);
 }
 
-// Only what could end the data early is changed: a lone dot and bare line ends.
+// Every line that begins with a dot gets one more; the end follows the text's own last line end.
 TEST(Dispatcher, TransmissionFormOfTheText)
 {
-    EXPECT_EQ(TransmissionText(""), "\r\n.\r\n");
-    EXPECT_EQ(TransmissionText("a\r\n.\r\n..b\r\n.c\r\n"), "a\r\n..\r\n..b\r\n.c\r\n\r\n.\r\n");
+    EXPECT_EQ(TransmissionText(""), ".\r\n");
+    EXPECT_EQ(TransmissionText("a\r\n.\r\n..b\r\n.c\r\n"), "a\r\n..\r\n...b\r\n..c\r\n.\r\n");
+    EXPECT_EQ(TransmissionText("a\r\n\r\n"), "a\r\n\r\n.\r\n"); // an empty last line is the text's own
+    // Bare line ends of older queue files go as CR LF; a last line without one gets it.
     EXPECT_EQ(TransmissionText("a\n.\nb\rc\r\r\n."), "a\r\n..\r\nb\r\nc\r\n\r\n..\r\n.\r\n");
-    EXPECT_EQ(TransmissionText(".\r\n"), "..\r\n\r\n.\r\n");
+    EXPECT_EQ(TransmissionText("x\x80\xff"), "x\x80\xff\r\n.\r\n");
 }
 
 } // namespace

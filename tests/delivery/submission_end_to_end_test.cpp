@@ -63,7 +63,7 @@ TEST(SubmissionEndToEnd, HeadlessRelayLogsInOverStartTls)
     EXPECT_EQ(s.commands.mid(0, 4), (QList<QByteArray>{"EHLO " + s.commands.value(0).mid(5), "STARTTLS",
                                                        "EHLO " + s.commands.value(0).mid(5),
                                                        "AUTH PLAIN " + QByteArray("\0me@isp.test\0open sesame", 24).toBase64()}));
-    EXPECT_EQ(s.body, QByteArray(content).replace("\r\n..", "\r\n.") + "\r\n");
+    EXPECT_EQ(WithoutReceived(s.body), Unstuffed(content));
     EXPECT_TRUE(spinUntil([&] { return readFile(mailLog).contains("status=sent (250 2.0.0 Queued as SUB)"); }));
     EXPECT_FALSE(readFile(mailLog).contains("open sesame"));
     EXPECT_FALSE(readFile(mailLog).contains("me@isp.test"));

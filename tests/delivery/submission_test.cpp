@@ -133,7 +133,7 @@ TEST(Submission, StartTlsWithAuthPlainFromAMailProgram)
                                              "AUTH PLAIN " + plainCredentials("me@isp.test", kPassword),
                                              "MAIL FROM: <a@x.com>", "RCPT TO: <b@dst.test>", "DATA", "QUIT"}));
     EXPECT_EQ(s.commandsBeforeTls, 2);
-    EXPECT_EQ(s.body, QByteArray(content).replace("\r\n..", "\r\n.") + "\r\n");
+    EXPECT_EQ(WithoutReceived(s.body), Unstuffed(content));
     EXPECT_TRUE(b.files("OutBox").isEmpty());
     const QList<QByteArray> lines = b.mailLog("smtpdistant");
     ASSERT_EQ(lines.size(), 2);

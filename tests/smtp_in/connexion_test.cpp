@@ -48,14 +48,17 @@ TEST(ConnectionTables, ReleasesResetTheSlotDestroyItsSocketAndRefreshTheView)
     SmtpBench bench;
     bench.settings.ActiveSettings.DebugMode = true;
     ConnectionTables& tables = bench.tables;
-    CConnexion& in = tables.LoadCnxIn(7, new QTcpSocket);
+    QObject session;
+    CConnexion& in = tables.LoadCnxIn(7, "127.0.0.1", &session);
+    EXPECT_EQ(in.SrvClient, "127.0.0.1");
+    EXPECT_EQ(tables.InSession(7), &session);
     in.SmtpCommand = "HE";
     in.Message.AddRcptTo("<b@y.org>");
     in.setStatus(SenderOk);
     tables.ReleaseSmtpLocal(7);
     EXPECT_TRUE(in.SmtpCommand.isEmpty());
     EXPECT_EQ(in.Message.MRcptToCount(), 0);
-    EXPECT_EQ(tables.Smtp(7), nullptr);
+    EXPECT_EQ(tables.InSession(7), nullptr); // the slot no longer names it
 
     int wakeUps = 0;
     tables.enableOutboxTimer = [&] { ++wakeUps; };
@@ -73,7 +76,7 @@ TEST(ConnectionTables, ReleasesResetTheSlotDestroyItsSocketAndRefreshTheView)
     // A busy state is shown at once and each release refreshes the row; setting 0 shows nothing.
     EXPECT_EQ(bench.views.rows, (QList<QPair<QByteArray, int>>{{"IN", 7}, {"IN", 7}, {"OUT", 3}, {"OUT", 3}}));
 
-    // A slot without its socket is a fatal fault, raised after the resets.
+    // A slot without its session is a fatal fault, raised after the resets.
     in.setStatus(Greeted);
     in.SmtpCommand = "partial";
     EXPECT_THROW(tables.ReleaseSmtpLocal(7), ProgramEnded);

@@ -4,7 +4,7 @@
 #include <memory>
 
 #include "smtp_bench.h"
-#include "smtp_in/inbound_session.h"
+#include "smtp_in/inbound_server.h"
 
 using namespace postiq;
 using namespace postiq::test;
@@ -19,7 +19,7 @@ struct CommitBench {
     Logs logs{dir.path(), settings, desktop, clock};
     DnsCache cache;
     ConnectionTables tables{logs, settings, cache};
-    InboundSession session{logs, settings, tables};
+    InboundServer session{logs, settings, tables};
     quint16 port = 0;
 
     CommitBench()
@@ -150,7 +150,7 @@ TEST(GroupCommit, AWaitingClientIsAnsweredInOrderAndOneThatLeavesStillHasItsMess
     ASSERT_TRUE(spinUntil([&] { return bench.log("maillog.txt").contains("lost connection"); }));
     EXPECT_EQ(bench.log("maillog.txt").count("status=outbox"), 2);
     EXPECT_EQ(QDir(bench.path(QStringLiteral("OutBox"))).entryList(QDir::Files).size(), 2);
-    EXPECT_TRUE(spinUntil([&] { return bench.tables.Smtp(1) == nullptr && bench.tables.Smtp(2) == nullptr; }));
+    EXPECT_TRUE(spinUntil([&] { return bench.tables.InSession(1) == nullptr && bench.tables.InSession(2) == nullptr; }));
 }
 
 // The disk round itself is all or nothing: a name taken meanwhile is never replaced, and nothing

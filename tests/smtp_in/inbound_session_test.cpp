@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <list>
 
+#include "log/dates.h"
 #include "smtp_bench.h"
 
 using namespace postiq;
@@ -12,11 +13,11 @@ TEST(InboundSession, AnswersEachCommandByStateAndVerb)
 {
     const Dialogue dialogues[] = {
         // Lines in pieces are answered once, when complete; verbs in any case; the sender reply
-        // echoes the raw text, the recipient reply the trimmed one; a refused sender may be given
-        // again, also after a message.
+        // echoes the text up to the end of the address, the recipient reply the trimmed address;
+        // a refused sender may be given again, also after a message; the null sender is valid.
         {{"he", ""},
          {"lo Box.Local\r\n", "250 Hello Box.Local"},
-         {"mail from: <A@X.com>\r\n", "250 sender is  <a@x.com> sender ok"},
+         {"mail from: <A@X.com> \r\n", "250 sender is  <a@x.com> sender ok"},
          {"rcpt to:  <B@Y.org> \r\n", "250 recipient is <b@y.org> recipient ok"},
          {"data\r\n", kGoAhead},
          {"Hel", ""},
@@ -24,19 +25,40 @@ TEST(InboundSession, AnswersEachCommandByStateAndVerb)
          {".\r", ""},
          {"\n", kAccepted},
          {"MAIL FROM: a@x.com\r\n", "504 sender is  a@x.com sender is not a valid email"},
-         {"MAIL FROM:<>\r\n", "504 sender is <> sender is not a valid email"},
          {"MAIL <a@x.com>\r\n", "504 sender is  sender is not a valid email"},
-         {"MAIL FROM:<a@x.com>\r\n", "250 sender is <a@x.com> sender ok"},
+         {"MAIL FROM:<>\r\n", "250 sender is <> sender ok"},
          {"RCPT TO:<b@y>\r\n", "504 recipient is <b@y> recipient is not a valid email"},
          {"noop\r\n", "250 Noop Ok."}},
-        // Known verbs out of sequence; RSET before HELO lets MAIL follow.
+        // Known verbs out of sequence; RSET before HELO lets MAIL follow; HELO again starts afresh.
         {{"MAIL FROM:<a@x.com>\r\n", "500 Unrecognized command."},
          {"RCPT TO:<b@y.org>\r\n", "500 Unrecognized command."},
          {"DATA\r\n", "500 Unrecognized command."},
          {"RSET\r\n", "250 Reset Ok."},
          {"MAIL FROM:<a@x.com>\r\n", "250 sender is <a@x.com> sender ok"},
-         {"HELO box\r\n", "500 Unrecognized command."}},
+         {"MAIL FROM:<c@x.com>\r\n", "500 Unrecognized command."},
+         {"HELO again\r\n", "250 Hello again"},
+         {"RCPT TO:<b@y.org>\r\n", "500 Unrecognized command."}},
         {{"HELO\r\n", "250 Hello "}}, // no name at all
+        // EHLO and the parameters of MAIL; a refused parameter leaves the state as it was, and DATA
+        // wants a recipient.
+        {{"EHLO client.example\r\n", "250-Hello client.example"},
+         {"", "250-PIPELINING"},
+         {"", "250-8BITMIME"},
+         {"", "250 SIZE 67108864"},
+         {"MAIL FROM:<a@b.example> SIZE=67108865\r\n", "552 Message size exceeds fixed maximum message size"},
+         {"MAIL FROM:<a@b.example> SIZE=1000000000000000000000000000000\r\n",
+          "552 Message size exceeds fixed maximum message size"},
+         {"MAIL FROM:<a@b.example> AUTH=<>\r\n", "555 Unsupported parameter"},
+         {"MAIL FROM:<a@b.example> SIZE=12k\r\n", "555 Unsupported parameter"},
+         {"RCPT TO:<b@y.org>\r\n", "500 Unrecognized command."},
+         {"MAIL FROM:<a@b.example>  SIZE=67108864 BODY=8BITMIME\r\n", "250 sender is <a@b.example> sender ok"},
+         {"DATA\r\n", "554 No valid recipients"},
+         {"RCPT TO:<b@y.org>\r\n", "250 recipient is <b@y.org> recipient ok"},
+         {"EHLO x\r\n", "250-Hello x"},
+         {"", "250-PIPELINING"},
+         {"", "250-8BITMIME"},
+         {"", "250 SIZE 67108864"},
+         {"DATA\r\n", "500 Unrecognized command."}},
     };
     SmtpBench bench;
     ASSERT_TRUE(bench.start());
@@ -47,23 +69,30 @@ TEST(InboundSession, AnswersEachCommandByStateAndVerb)
     }
 }
 
-TEST(InboundSession, StoresAMessageByteForByte)
+// The queue keeps the message as the client wrote it: dots unstuffed, every line end CR LF, 8-bit
+// bytes untouched; only CR LF "." CR LF ends it. On top, a Received header names the file.
+TEST(InboundSession, StoresTheMessageAsWrittenUnderAReceivedHeader)
 {
     SmtpBench bench;
+    bench.settings.LocalHostName = QStringLiteral("relay.test");
     ASSERT_TRUE(bench.start());
-    // Header, blank line, body; no unstuffing, no re-encoding, and a dot line followed by more
-    // text in the same unit is content.
-    const QByteArray content = "Subject: test\r\n\r\nbody line\r\n..stuffed\r\n.\r\nQUIT\r\n\x80\xff\r\n";
+    const QByteArray sent = "Subject: test\r\n\r\nbody line\r\n..stuffed\r\n...two\r\n.lone\r\nbare LF\nbare CR\r"
+                            "y\n.\r\nz\r\n.\nnot the end\r\n\x80\xff\r\n" + QByteArray(998, 'w') + "\r\n";
+    const QByteArray written = "Subject: test\r\n\r\nbody line\r\n.stuffed\r\n..two\r\n.lone\r\nbare LF\r\nbare CR\r\n"
+                               "y\r\n.\r\nz\r\n.\r\nnot the end\r\n\x80\xff\r\n" + QByteArray(998, 'w') + "\r\n";
     Client client(bench.port);
-    play(client, kEnvelope + Dialogue{{content, ""}, {".\r\n", kAccepted}});
+    play(client, kEnvelope + Dialogue{{sent, ""}, {".\r\n", kAccepted}});
     const QStringList files = bench.outBox();
     ASSERT_EQ(files.size(), 1);
+    const QByteArray id = files[0].toLatin1();
+    const QByteArray received = "Received: from box ([127.0.0.1])\r\n\tby relay.test (Postiq) with SMTP id " + id
+        + ";\r\n\t" + Rfc5322Date(bench.clock) + "\r\n";
     const auto field = [](const QByteArray& t) { return QByteArray(1, char(t.size() & 0xFF)) + char(t.size() >> 8) + t; };
-    const QByteArray expected = field(files[0].toLatin1()) + field("\r\n==> DO NOT ALTER THIS FILE !\r\n")
+    const QByteArray expected = field(id) + field("\r\n==> DO NOT ALTER THIS FILE !\r\n")
         + field("\r\n==> NE PAS MODIFIER CE FICHIER !\r\n")
         + QByteArray(1, '\0') + field("") + QByteArray(2, '\0') // Essai, LastError, ForSender
         + field("<a@x.com>") + QByteArray("\x01\x00\x02\x00\x00\x00\x00\x00\x00\x00", 10) + field("")
-        + field("<b@y.org>") + field(content);
+        + field("<b@y.org>") + field(received + written);
     EXPECT_EQ(readFile(bench.path("OutBox/" + files[0])), expected);
 }
 
@@ -74,7 +103,7 @@ TEST(InboundSession, CarriesSeveralMessagesOnOneConnectionAndLogsThem)
     ASSERT_TRUE(bench.start());
     Client client(bench.port);
     play(client, {{"", kGreeting},
-                  {"EHLO box\r\n", "500 Unrecognized command."},
+                  {"VRFY box\r\n", "500 Unrecognized command."},
                   {"HELO box\r\n", "250 Hello box"},
                   // Three recipients in two domains: one file per domain.
                   {"MAIL FROM:<s@w.net>\r\n", "250 sender is <s@w.net> sender ok"},
@@ -84,8 +113,9 @@ TEST(InboundSession, CarriesSeveralMessagesOnOneConnectionAndLogsThem)
                   {"DATA\r\n", kGoAhead},
                   {"one\r\n", ""},
                   {".\r\n", kAccepted},
-                  // No recipient at all: still one file.
+                  // One recipient: one file without a suffix.
                   {"MAIL FROM:<c@x.com>\r\n", "250 sender is <c@x.com> sender ok"},
+                  {"RCPT TO:<d@z.net>\r\n", "250 recipient is <d@z.net> recipient ok"},
                   {"DATA\r\n", kGoAhead},
                   {"two\r\n.\r\n", kAccepted},
                   {"NOOP\r\n", "250 Noop Ok."},
@@ -99,17 +129,21 @@ TEST(InboundSession, CarriesSeveralMessagesOnOneConnectionAndLogsThem)
         QByteArray recipients;
         for (int i = 1; i <= message.MRcptToCount(); ++i)
             recipients += message.RcptTo(i);
-        stored << file.section('-', 1).toLatin1() + '|' + message.From + '|' + recipients + '|' + message.Data;
+        stored << file.section('-', 1).toLatin1() + '|' + message.From + '|' + recipients + '|'
+                + WithoutReceived(message.Data);
+        // Each file of a split message names itself in its own header.
+        EXPECT_TRUE(message.Data.startsWith("Received: from box ([127.0.0.1])\r\n\tby "));
+        EXPECT_TRUE(message.Data.contains(" (Postiq) with SMTP id " + file.toLatin1() + ";\r\n\t"));
     }
     std::sort(stored.begin(), stored.end());
     EXPECT_EQ(stored, (QList<QByteArray>{"1|<s@w.net>|<a@x.com><c@x.com>|one\r\n", "2|<s@w.net>|<b@y.org>|one\r\n",
-                                         "|<c@x.com>||two\r\n"}));
+                                         "|<c@x.com>|<d@z.net>|two\r\n"}));
 
     // The first recipient alone is named; "client=" comes with the first MAIL only.
     EXPECT_EQ(bench.mailLog("smtplocal"),
               (QList<QByteArray>{kSlot1 + ": connect from  [127.0.0.1]", kSlot1 + ": 500 Unrecognized command",
                                  kSlot1 + ": client= [127.0.0.1]", kSlot1 + ":  to=<a@x.com> status=outbox",
-                                 kSlot1 + ":  to= status=outbox",
+                                 kSlot1 + ":  to=<d@z.net> status=outbox",
                                  kSlot1 + ": disconnect from  [127.0.0.1]"}));
     const QByteArray debug = readFile(bench.path("Debug.html"));
     for (const QByteArray& entry :

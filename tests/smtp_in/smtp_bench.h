@@ -11,6 +11,7 @@
 
 #include "config/settings.h"
 #include "dns/dns_cache.h"
+#include "smtp_in/inbound_session.h"
 #include "smtp_in/smtp_service.h"
 #include "support/fakes.h"
 #include "support/mail_client.h"
@@ -60,7 +61,7 @@ struct SmtpBench {
         return logLines(path(QStringLiteral("maillog.txt")), part);
     }
     QStringList outBox() const { return QDir(path(QStringLiteral("OutBox"))).entryList(QDir::Files); }
-    bool slotFreed(int n) { return spinUntil([this, n] { return tables.Smtp(n) == nullptr; }); }
+    bool slotFreed(int n) { return spinUntil([this, n] { return tables.InSession(n) == nullptr; }); }
 };
 
 inline const QByteArray kStamp = "Feb 05 2004 09:05:07";

@@ -12,6 +12,7 @@ TEST(SmtpService, StartStopStartWhileAClientInProgressFinishes)
     bench.service.Arreter();
     EXPECT_TRUE(Client(bench.port).closed()); // newcomers are refused by the system
     play(client, {{"MAIL FROM:<a@x.com>\r\n", "250 sender is <a@x.com> sender ok"},
+                  {"RCPT TO:<b@y.org>\r\n", "250 recipient is <b@y.org> recipient ok"},
                   {"DATA\r\n", kGoAhead},
                   {"Hi\r\n.\r\n", kAccepted},
                   {"QUIT\r\n", "221 Postiq Goodbye"}});

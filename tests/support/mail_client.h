@@ -64,6 +64,29 @@ inline const Dialogue kEnvelope = {{"", kGreeting},
                                    {"RCPT TO:<b@y.org>\r\n", "250 recipient is <b@y.org> recipient ok"},
                                    {"DATA\r\n", kGoAhead}};
 
+// A stored text without the Received header that the relay puts on top.
+inline QByteArray WithoutReceived(const QByteArray& text)
+{
+    if (!text.startsWith("Received: "))
+        return text;
+    qsizetype end = 0;
+    do {
+        end = text.indexOf("\r\n", end);
+        if (end < 0)
+            return {};
+        end += 2;
+    } while (end < text.size() && text[end] == '\t'); // folded lines belong to the header
+    return text.mid(end);
+}
+
+// A text as it was written, from what went on the wire: the first of a line's leading dots goes.
+inline QByteArray Unstuffed(QByteArray sent)
+{
+    if (sent.startsWith(".."))
+        sent.remove(0, 1);
+    return sent.replace("\r\n..", "\r\n.");
+}
+
 inline void play(Client& client, const Dialogue& rows)
 {
     for (const auto& [bytes, reply] : rows) // a row that expects no reply waits a moment for none
