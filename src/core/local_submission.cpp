@@ -250,8 +250,6 @@ SubmissionProblem PrepareSubmission(const SubmissionRequest& request, Submission
 
     QByteArray data;
     const auto add = [&data](const QByteArray& line) {
-        if (line.startsWith('.'))
-            data += '.'; // stored as the SMTP side stores text: dot-stuffed
         data += line + "\r\n";
     };
     for (const QByteArray& line : header)

@@ -22,7 +22,8 @@ struct SubmissionRequest {
 };
 
 // What is queued, as the SMTP side would store it: envelope addresses lower-cased in angle
-// brackets, the text with CR LF line ends and dot-stuffed, its header completed.
+// brackets, the text with CR LF line ends (never dot-stuffed: the queue holds the message itself),
+// its header completed.
 struct Submission {
     QByteArray sender;
     QByteArrayList recipients;
