@@ -1,14 +1,19 @@
 #pragma once
 
 #include <QByteArray>
+#include <QDateTime>
 #include <QObject>
 #include <QSet>
 #include <QString>
 #include <QTimer>
+#include <array>
 #include <cstdint>
 #include <optional>
 
+#include "delivery/delivery_queue.h"
+#include "delivery/disposition.h"
 #include "delivery/outbound_session.h"
+#include "smtp_in/connexion.h"
 
 namespace postiq {
 
@@ -17,9 +22,10 @@ class Logs;
 class Settings;
 
 // Moves due files from Deferred back to OutBox, and hands each OutBox file that no busy OUT slot
-// holds to a free slot: message loaded, attempt counted, route resolved, connection started. The
-// outbox timer runs only while the queue has nothing new; the sessions call VerifOutBox at their
-// milestones, which chains the dispatch of the whole queue.
+// holds to a free slot: message loaded, attempt counted, route resolved, one session per
+// connection started. Each session's outcome goes through the disposition table, which may send
+// the slot on to the next host. The outbox timer runs only while the queue has nothing new; the
+// sessions' milestones call VerifOutBox, which chains the dispatch of the whole queue.
 class Dispatcher : public QObject {
     Q_OBJECT
 public:
@@ -51,7 +57,8 @@ public:
     // timer enabled, another dispatch.
     void postAfterSession();
 
-    OutboundSession& session() { return session_; }
+    // How long each connection may wait (tests shorten them).
+    OutboundTimeouts timeouts;
 
     QTimer tmrVerifOutBox;
     QTimer tmrVerifDeferred;
@@ -64,15 +71,29 @@ private:
     // Steps that follow the route lookup of a dispatch on slot i.
     void routeResolved(uint8_t i, const QString& file, const QByteArray& domain);
     void noRoute(uint8_t i, const QString& file, const QByteArray& domain);
+    // Starts a session with the slot's current host.
+    void startSession(uint8_t i, bool clearOnly);
+    // Where the disposition table sends the slot once its session has ended.
+    void sessionEnded(uint8_t i, quint64 generation, const DeliveryOutcome& outcome);
+    void dispose(uint8_t i, const DeliveryOutcome& outcome);
     // Loads the OutBox file into `message`; false when it could not be read and went to Error.
     bool loadOrSetAside(CMessage& message, const QString& file);
     // Copies every (or every due) deferred file back to OutBox; false stops at the first fault.
     void moveDeferredBack(bool onlyDue);
 
+    // What a busy slot's delivery needs beyond the slot record.
+    struct SlotDelivery {
+        QDateTime arrival;       // when the message was queued
+        quint64 generation = 0;  // tells a late outcome from the slot's current one
+        bool triedInClear = false;
+    };
+
     Logs& logs_;
     Settings& settings_;
     ConnectionTables& tables_;
-    OutboundSession session_;
+    DeliveryQueue queue_;
+    Disposition disposition_;
+    std::array<SlotDelivery, ConnectionTables::kUpperBound + 1> slots_;
 };
 
 } // namespace postiq

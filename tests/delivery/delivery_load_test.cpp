@@ -19,7 +19,7 @@ QByteArray domain(int k) { return "d" + QByteArray::number(k) + ".test"; }
 TEST(DeliveryLoad, ThreeHundredMessagesToSlowExchangers)
 {
     DeliveryBench b;
-    b.dispatcher.session().timeouts = {std::chrono::seconds(20), std::chrono::seconds(20)};
+    b.dispatcher.timeouts = {std::chrono::seconds(20), std::chrono::seconds(20)};
     ASSERT_TRUE(b.listen());
     ExchangerScript slow;
     slow.endOfData = reply("250 2.0.0 Queued", 40);
@@ -88,7 +88,7 @@ namespace {
 TEST(DeliveryLoad, HostileExchangersLoseNothing)
 {
     DeliveryBench b;
-    b.dispatcher.session().timeouts = {std::chrono::milliseconds(800), std::chrono::milliseconds(800)};
+    b.dispatcher.timeouts = {std::chrono::milliseconds(800), std::chrono::milliseconds(800)};
     const QList<ExchangerScript> behaviours = [] {
         QList<ExchangerScript> list(8);
         list[0].greeting = reply("\x01\x02\xff garbage");
