@@ -159,8 +159,7 @@ NextStep Disposition::giveUp(Facts& facts)
         one.diagnostic = detail;
         fates << one;
     }
-    queueNotice(facts, NoticeKind::Bounce, fates);
-    queue_.remove(facts.in.file);
+    noticeThen(facts, NoticeKind::Bounce, fates, [&] { queue_.remove(facts.in.file); });
     return NextStep::Release;
 }
 
@@ -182,8 +181,7 @@ NextStep Disposition::bounceAll(Facts& facts)
         mailLog(refusalLine(facts, message.RcptTo(i), reply) + "return error to=" + message.From);
         fates << fate(facts, message.RcptTo(i), reply, true, ".0.0");
     }
-    queueNotice(facts, NoticeKind::Bounce, fates);
-    queue_.remove(facts.in.file);
+    noticeThen(facts, NoticeKind::Bounce, fates, [&] { queue_.remove(facts.in.file); });
     return NextStep::Release;
 }
 
@@ -221,8 +219,7 @@ NextStep Disposition::bounceNoRoute(Facts& facts)
     QList<RecipientFate> fates;
     for (int i = 1; i <= message.MRcptToCount(); ++i)
         fates << RecipientFate{message.RcptTo(i), "5.1.2", {}, facts.failure};
-    queueNotice(facts, NoticeKind::Bounce, fates);
-    queue_.remove(facts.in.file);
+    noticeThen(facts, NoticeKind::Bounce, fates, [&] { queue_.remove(facts.in.file); });
     return NextStep::Release;
 }
 
@@ -276,7 +273,8 @@ NextStep Disposition::settleRecipients(Facts& facts)
     };
     if (!refused.isEmpty()) {
         if (facts.kind == Kind::Ordinary) {
-            queueNotice(facts, NoticeKind::Bounce, refusedFates);
+            // Queued before anything else moves: a crash can repeat it, never lose it.
+            noticeThen(facts, NoticeKind::Bounce, refusedFates, [] {});
         } else {
             const QString name = deferred.isEmpty() ? facts.in.file : queue_.freshName();
             CMessage part = only(refused, lastRefusal);
@@ -290,9 +288,11 @@ NextStep Disposition::settleRecipients(Facts& facts)
     }
     if (!deferred.isEmpty()) {
         const CMessage part = only(deferred, deferredFates.value(0).diagnostic);
+        const auto defer = [&] { queue_.moveTo("Deferred", facts.in.file, part, facts.in.file); };
         if (facts.kind == Kind::Ordinary)
-            queueNotice(facts, NoticeKind::Delay, deferredFates);
-        queue_.moveTo("Deferred", facts.in.file, part, facts.in.file);
+            noticeThen(facts, NoticeKind::Delay, deferredFates, defer);
+        else
+            defer();
         return NextStep::Release;
     }
     queue_.remove(facts.in.file); // no copy of a sent message is kept
@@ -307,13 +307,15 @@ void Disposition::defer(Facts& facts, bool notify)
     CMessage& message = facts.message;
     mailLog(failureLine(facts, "deferred, attempt=" + number(message.Essai), false));
     message.LastError = facts.failure;
-    if (notify) {
-        QList<RecipientFate> fates;
-        for (int i = 1; i <= message.MRcptToCount(); ++i)
-            fates << fate(facts, message.RcptTo(i), facts.in.outcome.reply, false, ".4.1");
-        queueNotice(facts, NoticeKind::Delay, fates);
+    const auto move = [&] { queue_.moveTo("Deferred", facts.in.file, message, facts.in.file); };
+    if (!notify) {
+        move();
+        return;
     }
-    queue_.moveTo("Deferred", facts.in.file, message, facts.in.file);
+    QList<RecipientFate> fates;
+    for (int i = 1; i <= message.MRcptToCount(); ++i)
+        fates << fate(facts, message.RcptTo(i), facts.in.outcome.reply, false, ".4.1");
+    noticeThen(facts, NoticeKind::Delay, fates, move);
 }
 
 void Disposition::toError(Facts& facts, const CMessage& record, const QString& name, bool blankInErrorLine)
@@ -323,7 +325,10 @@ void Disposition::toError(Facts& facts, const CMessage& record, const QString& n
     logs_.ErrorLog(GMTDate(logs_.clock()) + (blankInErrorLine ? " " : "") + kNotRoutable);
 }
 
-void Disposition::queueNotice(Facts& facts, NoticeKind kind, const QList<RecipientFate>& fates)
+// The notice is queued first; when the move that goes with it fails, the notice goes again, so
+// that the next attempt does not send it twice.
+void Disposition::noticeThen(Facts& facts, NoticeKind kind, const QList<RecipientFate>& fates,
+                             const std::function<void()>& move)
 {
     NoticeRequest request;
     request.kind = kind;
@@ -331,7 +336,8 @@ void Disposition::queueNotice(Facts& facts, NoticeKind kind, const QList<Recipie
     request.arrival = facts.in.arrival;
     request.recipients = fates;
     CMessage notice = BuildNotice(logs_, settings_, logs_.clock(), request);
-    queue_.enqueue(notice);
+    const QString name = queue_.enqueue(notice);
+    UndoingOnFault(move, [&] { queue_.remove(name); });
 }
 
 // The enhanced status of a recipient: the server's own when its reply opens with one, else one

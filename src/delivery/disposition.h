@@ -5,6 +5,7 @@
 #include <QList>
 #include <QString>
 #include <cstdint>
+#include <functional>
 
 #include "delivery/delivery_outcome.h"
 #include "delivery/delivery_queue.h"
@@ -75,7 +76,7 @@ private:
     // Shared steps.
     void defer(Facts& facts, bool notify);
     void toError(Facts& facts, const CMessage& record, const QString& name, bool blankInErrorLine);
-    void queueNotice(Facts& facts, NoticeKind kind, const QList<RecipientFate>& fates);
+    void noticeThen(Facts& facts, NoticeKind kind, const QList<RecipientFate>& fates, const std::function<void()>& move);
     RecipientFate fate(const Facts& facts, const QByteArray& address, const ServerReply& reply, bool failed,
                        const char* fallbackDetail) const;
     QByteArray failureLine(const Facts& facts, const QByteArray& status, bool withAttempt) const;

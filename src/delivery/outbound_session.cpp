@@ -481,6 +481,7 @@ void OutboundSession::finish(DeliveryOutcome outcome, bool sayQuit)
     if (sayQuit && socket_.state() == QAbstractSocket::ConnectedState) {
         setState(Finished);
         sendCommand("QUIT");
+        socket_.flush(); // through TLS too, before the slot lets the socket go
         socket_.disconnectFromHost(); // the reply to QUIT is not awaited
     } else {
         socket_.abort();

@@ -66,7 +66,7 @@ TEST(DeliveryLoad, ThreeHundredMessagesToSlowExchangers)
             ASSERT_TRUE(session.dataEnded);
             const QByteArray id = session.body.mid(9, session.body.indexOf("\r\n") - 9);
             EXPECT_FALSE(seen.contains(id)) << "delivered twice: " << id.constData();
-            EXPECT_TRUE(session.commands.contains("RCPT TO: <r" + id.mid(1) + "@" + domain(k) + ">"));
+            EXPECT_TRUE(session.commands.contains("RCPT TO:<r" + id.mid(1) + "@" + domain(k) + ">"));
             seen.insert(id);
             ++bodies;
         }
