@@ -73,6 +73,14 @@ TEST(DeliveryLoad, ThreeHundredMessagesToSlowExchangers)
     }
     EXPECT_EQ(bodies, kMessages);
     EXPECT_EQ(b.mailLog("status=sent").size(), kMessages);
+    // Sessions overlap, yet each line names the message of its own slot: M<i> went to r<i>.
+    for (const QByteArray& line : b.mailLog(" connect to ") + b.mailLog("status=sent")) {
+        const qsizetype at = line.indexOf("]: M") + 4;
+        const QByteArray number = line.mid(at, line.indexOf(' ', at) - at);
+        if (line.contains("status=sent"))
+            EXPECT_TRUE(line.contains(" to=<r" + number + "@")) << line.constData();
+        EXPECT_TRUE(line.contains(" Postiq/smtpdistant[")) << line.constData();
+    }
     EXPECT_TRUE(b.files("OutBox").isEmpty()) << b.files("OutBox").join(' ').toStdString();
     EXPECT_EQ(b.files("Deferred").size(), 1) << "only the inbound message, whose domain has no mail host";
     EXPECT_GT(mostBusy, 10) << "deliveries overlap";
