@@ -239,8 +239,9 @@ void OutboundSession::socketError()
 void OutboundSession::watchdogExpired()
 {
     Trapped(logs_, "M:MAIN[SmtpDistant_Error]", [&] {
+        // A handshake that never ends is a failed one: the host may still take the mail in clear.
         if (!finished_)
-            fail(ErrTimedOut, "Socket operation timed out");
+            fail(cnx_.Status() == TlsHandshake ? ErrTlsFailed : ErrTimedOut, "Socket operation timed out");
     });
 }
 
@@ -487,8 +488,14 @@ void OutboundSession::finish(DeliveryOutcome outcome, bool sayQuit)
         socket_.abort();
     }
     // The dispatcher decides after the events already pending, never inside a socket's signal.
+    // The session goes afterwards; the slot may already have handed its socket to the next one.
     QMetaObject::invokeMethod(
-        this, [this, outcome] { done_(outcome); }, Qt::QueuedConnection);
+        this,
+        [this, outcome] {
+            deleteLater();
+            done_(outcome);
+        },
+        Qt::QueuedConnection);
 }
 
 } // namespace postiq

@@ -182,6 +182,31 @@ TEST(OutboundSession, RepliesReadAsTheyAreMeant)
         EXPECT_EQ(b.exchanger.session(i).commands.last(), "QUIT") << i;
 }
 
+// An exchanger that offers STARTTLS but cannot carry it through is tried once more in clear,
+// with a line that says so; the message is not held up.
+TEST(OutboundSession, AFailedHandshakeIsRetriedInClear)
+{
+    SessionBench b;
+    ExchangerScript broken;
+    broken.helo = reply("250-mx.fake.example\r\n250-SIZE 1000000\r\n250 STARTTLS");
+    broken.unknown = reply("220 2.0.0 Ready to start TLS"); // and then no TLS at all
+    b.exchanger.setScript(broken);
+    b.deliver("CLEAR", {"<a@dst.test>"});
+
+    ASSERT_EQ(b.exchanger.sessionCount(), 2);
+    EXPECT_EQ(b.exchanger.session(0).commands.mid(0, 2), (QList<QByteArray>{"EHLO relay.test", "STARTTLS"}));
+    EXPECT_EQ(b.exchanger.session(1).commands.mid(0, 2),
+              (QList<QByteArray>{"EHLO relay.test", "MAIL FROM:<s@src.test> SIZE=18"}));
+    EXPECT_TRUE(b.exchanger.session(1).dataEnded);
+    const QList<QByteArray> retry = b.mailLog("TLS handshake failed");
+    ASSERT_EQ(retry.size(), 1);
+    EXPECT_TRUE(retry[0].startsWith(" Postiq/smtpdistant[1]: CLEAR TLS handshake failed (")) << retry[0].constData();
+    EXPECT_TRUE(retry[0].endsWith(") with 127.0.0.2 [127.0.0.2], status=retrying without TLS")) << retry[0].constData();
+    EXPECT_EQ(b.mailLog("CLEAR connect to").size(), 2);
+    EXPECT_TRUE(b.files("OutBox").isEmpty());
+    EXPECT_TRUE(b.files("Deferred").isEmpty());
+}
+
 // A server that never speaks, and one that stops in the middle, end as a time-out; the next mail
 // exchanger gets the message.
 TEST(OutboundSession, SilentServersTimeOutAndTheNextExchangerTakesOver)
