@@ -8,10 +8,9 @@
 
 #include "config/settings.h"
 #include "delivery/error_trap.h"
-#include "delivery/queue_folders.h"
-#include "log/logs.h"
 #include "delivery/server_route.h"
 #include "log/dates.h"
+#include "log/logs.h"
 #include "platform/clock.h"
 #include "platform/folder_scan.h"
 #include "platform/program_folder.h"
