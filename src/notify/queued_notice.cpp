@@ -1,0 +1,34 @@
+#include "notify/queued_notice.h"
+
+#include <QFileInfo>
+
+namespace postiq {
+
+namespace {
+
+// "550 ..." or "451-...": a server's reply rather than a socket error ("10061: ...").
+bool isReply(const QByteArray& text)
+{
+    const auto digit = [&](int i) { return text.size() > i && text[i] >= '0' && text[i] <= '9'; };
+    return (text.startsWith('4') || text.startsWith('5')) && digit(1) && digit(2)
+        && (text.size() == 3 || text[3] == ' ' || text[3] == '-');
+}
+
+} // namespace
+
+NoticeRequest NoticeAboutQueueFile(NoticeKind kind, const CMessage& message, const QString& path)
+{
+    const QFileInfo file(path);
+    NoticeRequest request;
+    request.kind = kind;
+    request.original = &message;
+    request.arrival = file.birthTime().isValid() ? file.birthTime() : file.lastModified();
+    // A record keeps only the last error: an SMTP reply, or a socket error that no server sent.
+    const FailureCause cause = isReply(message.LastError) ? FailureCause::Reply : FailureCause::NoAnswer;
+    const QByteArray status = EnhancedStatus(cause, message.LastError, kind == NoticeKind::Bounce);
+    for (int index = 1; index <= message.MRcptToCount(); ++index)
+        request.recipients.append({message.RcptTo(index), status, QByteArray(), message.LastError});
+    return request;
+}
+
+} // namespace postiq
