@@ -1,7 +1,5 @@
 #include "notify/generate_deferred_mail.h"
 
-#include <QFileInfo>
-
 #include "config/settings.h"
 #include "notify/queued_notice.h"
 #include "platform/program_folder.h"
@@ -25,14 +23,7 @@ void CGenerateDeferredMail::Generate(const QString& file)
 {
     const QString outBox = SubfolderPath(logs_.folder(), QStringLiteral("OutBox"));
     const QString path = outBox + '/' + file;
-    if (!QFileInfo(path).isFile())
-        throw Fault(ErrFileNotFound, QStringLiteral("The delayed message '%1' is missing").arg(path));
-    CMessage message(logs_);
-    message.MLoad(path);
-
-    CMessage notice = BuildNotice(logs_, settings_, logs_.clock(),
-                                  NoticeAboutQueueFile(NoticeKind::Delay, message, path));
-    notice.LastError = message.LastError;
+    CMessage notice = NoticeAboutQueueFile(logs_, settings_, NoticeKind::Delay, path);
     // The notice is queued before the OutBox copy goes, so that a crash in between leaves an
     // extra notice at worst, never a lost one.
     notice.ID = FreshQueueName(logs_);

@@ -1,7 +1,5 @@
 #include "notify/generate_return_mail.h"
 
-#include <QFileInfo>
-
 #include "config/settings.h"
 #include "notify/queued_notice.h"
 #include "platform/program_folder.h"
@@ -22,15 +20,7 @@ void CGenerateReturnMail::GenerateError(const QString& file)
 void CGenerateReturnMail::Generate(const QString& file)
 {
     const QString path = SubfolderPath(logs_.folder(), QStringLiteral("OutBox")) + '/' + file;
-    if (!QFileInfo(path).isFile())
-        throw Fault(ErrFileNotFound, QStringLiteral("The failed message '%1' is missing").arg(path));
-    CMessage message(logs_);
-    message.MLoad(path);
-
-    CMessage bounce = BuildNotice(logs_, settings_, logs_.clock(),
-                                  NoticeAboutQueueFile(NoticeKind::Bounce, message, path));
-    bounce.ID = message.ID;
-    bounce.LastError = message.LastError;
+    CMessage bounce = NoticeAboutQueueFile(logs_, settings_, NoticeKind::Bounce, path);
     // Replaced in one step: the failed message or its report is always there.
     bounce.MSave(path);
 }

@@ -27,16 +27,21 @@ QByteArray bareAddress(const QByteArray& address)
     return PrintableText(bare).replace("\r\n", "");
 }
 
-void bounceWording(NoticeText& text, const NoticeRequest& request)
+void assistance(NoticeText& text)
 {
-    text.line("I'm sorry to have to inform you that the message returned");
-    text.line("below could not be delivered to one or more destinations.");
-    text.line();
     text.line("For further assistance, please send mail to <postmaster>");
     text.line();
     text.line("If you do so, please include this problem report. You can");
     text.line("delete your own text from the message returned below.");
     text.line();
+}
+
+void bounceWording(NoticeText& text, const NoticeRequest& request)
+{
+    text.line("I'm sorry to have to inform you that the message returned");
+    text.line("below could not be delivered to one or more destinations.");
+    text.line();
+    assistance(text);
     text.line(QByteArray(12, ' ') + "The Postiq program");
     text.line();
     for (const RecipientFate& fate : request.recipients)
@@ -66,11 +71,7 @@ void delayWording(NoticeText& text, const NoticeRequest& request)
         : request.recipients.first().diagnostic;
     text.line(PrintableText(error));
     text.line();
-    text.line("For further assistance, please send mail to <postmaster>");
-    text.line();
-    text.line("If you do so, please include this problem report. You can");
-    text.line("delete your own text from the message returned below.");
-    text.line();
+    assistance(text);
 }
 
 // The machine-readable part: the message's fields, then one block per recipient.

@@ -2,6 +2,8 @@
 
 #include <QFileInfo>
 
+#include "log/logs.h"
+
 namespace postiq {
 
 namespace {
@@ -16,9 +18,14 @@ bool isReply(const QByteArray& text)
 
 } // namespace
 
-NoticeRequest NoticeAboutQueueFile(NoticeKind kind, const CMessage& message, const QString& path)
+CMessage NoticeAboutQueueFile(Logs& logs, const Settings& settings, NoticeKind kind, const QString& path)
 {
     const QFileInfo file(path);
+    if (!file.isFile())
+        throw Fault(ErrFileNotFound, QStringLiteral("The message '%1' is missing").arg(path));
+    CMessage message(logs);
+    message.MLoad(path);
+
     NoticeRequest request;
     request.kind = kind;
     request.original = &message;
@@ -28,7 +35,10 @@ NoticeRequest NoticeAboutQueueFile(NoticeKind kind, const CMessage& message, con
     const QByteArray status = EnhancedStatus(cause, message.LastError, kind == NoticeKind::Bounce);
     for (int index = 1; index <= message.MRcptToCount(); ++index)
         request.recipients.append({message.RcptTo(index), status, QByteArray(), message.LastError});
-    return request;
+    CMessage notice = BuildNotice(logs, settings, logs.clock(), request);
+    notice.ID = message.ID;
+    notice.LastError = message.LastError;
+    return notice;
 }
 
 } // namespace postiq

@@ -74,7 +74,7 @@ TEST(DeliveryFailure, AttemptsRunOutThenTheSenderGetsItBack)
     EXPECT_TRUE(bounce.ForSender);
     EXPECT_EQ(bounce.RcptTo(1), "<s@src.test>");
     EXPECT_EQ(bounce.LastError, "10061: refused by peer (Connection refused)\r\n\r\nThis was the 4st attempt ...");
-    EXPECT_TRUE(bounce.Data.contains("Diagnostic-Code: 10061: refused by peer (Connection refused)\r\n\r\nThis was the 4st attempt ...\r\n"));
+    EXPECT_TRUE(bounce.Data.contains("Diagnostic-Code: smtp; 10061: refused by peer (Connection refused)\r\n This was the 4st attempt ...\r\n"));
 
     EXPECT_EQ(b.files("Error"), QStringList{"LOOP"});
     EXPECT_EQ(b.read("Error/LOOP").LastError, "10061: Connection refused");
