@@ -120,11 +120,12 @@ void AddressResolver::resolve(const QByteArray& host, const QByteArray& knownAdd
     // Read once: the settings may be reloaded while the questions are under way.
     const QString dnsServer = settings_.ActiveSettings.DNSServer.trimmed();
     if (dnsServer.isEmpty()) {
-        pending->hostLookup = QHostInfo::lookupHost(QString::fromLatin1(host), receiver, [pending](const QHostInfo& info) {
+        const auto answered = [pending](const QHostInfo& info) {
             pending->hostLookup = -1; // over: nothing left to abort
             pending->found = info.addresses();
             finish(*pending);
-        });
+        };
+        pending->hostLookup = QHostInfo::lookupHost(QString::fromLatin1(host), receiver, answered);
         return;
     }
 

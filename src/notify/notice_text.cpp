@@ -13,7 +13,10 @@ namespace {
 const QByteArray kCrLf = "\r\n";
 
 // Sixteen hexadecimal digits that no other notice shares.
-QByteArray uniqueToken() { return QByteArray::number(QRandomGenerator::system()->generate64(), 16).rightJustified(16, '0'); }
+QByteArray uniqueToken()
+{
+    return QByteArray::number(QRandomGenerator::system()->generate64(), 16).rightJustified(16, '0');
+}
 
 bool hostByte(char c)
 {

@@ -131,7 +131,8 @@ TEST(AddressResolver, FiftyLookupsAtOnce)
 {
     FakeDnsServer server;
     for (int i = 0; i < 50; ++i)
-        server.zones["h" + QByteArray::number(i) + ".test"] = {FakeReply::Records, {}, {QHostAddress(QStringLiteral("127.0.1.%1").arg(i))}};
+        server.zones["h" + QByteArray::number(i) + ".test"] = {
+            FakeReply::Records, {}, {QHostAddress(QStringLiteral("127.0.1.%1").arg(i))}};
     AddressBench a(server.server());
     QObject context;
     QHash<QByteArray, QByteArray> found;
@@ -158,7 +159,8 @@ TEST(AddressResolver, TheSystemResolverOnlyWithoutADnsServer)
 TEST(MxAdditionalSection, AddressesComeAlongForThisDeliveryOnly)
 {
     FakeDnsServer server;
-    server.zones["add.test"] = {FakeReply::Records, {{10, {"mx1", "add", "test"}, 60}, {20, {"mx2", "add", "test"}, 60}}, {}, true};
+    server.zones["add.test"] = {
+        FakeReply::Records, {{10, {"mx1", "add", "test"}, 60}, {20, {"mx2", "add", "test"}, 60}}, {}, true};
     server.zones["mx1.add.test"] = {FakeReply::Records, {}, {QHostAddress("127.0.0.9"), QHostAddress("::1")}};
     {
         MxLookupPool pool; // on a worker, while this thread serves the fake server

@@ -13,17 +13,19 @@ namespace postiq::test {
 // given (no upstream server, no /etc/hosts), stopped with the test.
 class Dnsmasq {
 public:
-    static bool installed() { return !QStandardPaths::findExecutable(QStringLiteral("dnsmasq"), {"/usr/sbin", "/usr/bin", "/sbin"}).isEmpty(); }
+    static QString program()
+    {
+        return QStandardPaths::findExecutable(QStringLiteral("dnsmasq"), {"/usr/sbin", "/usr/bin", "/sbin"});
+    }
+    static bool installed() { return !program().isEmpty(); }
 
     explicit Dnsmasq(const QStringList& records)
     {
-        const QString program =
-            QStandardPaths::findExecutable(QStringLiteral("dnsmasq"), {"/usr/sbin", "/usr/bin", "/sbin"});
         // Another program may take the port between the look and the start: try a few.
         for (int attempt = 0; attempt < 5 && !started_; ++attempt) {
             port_ = freeListenPort();
             process_.setProcessChannelMode(QProcess::MergedChannels);
-            process_.start(program, QStringList{"--no-daemon", "--conf-file=/dev/null", "--port=" + QString::number(port_),
+            process_.start(program(), QStringList{"--no-daemon", "--conf-file=/dev/null", "--port=" + QString::number(port_),
                                                 "--listen-address=127.0.0.1", "--bind-interfaces", "--no-resolv",
                                                 "--no-hosts", "--pid-file="}
                                         + records);

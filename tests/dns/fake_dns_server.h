@@ -89,7 +89,8 @@ private:
         }
 
         // A reply offering recursion, with a name error (3) or none, one question, the records.
-        QByteArray answer = bigEndian(quint16(qFromBigEndian<quint16>(query.constData()) + (zone.reply == FakeReply::WrongId)))
+        const quint16 id = qFromBigEndian<quint16>(query.constData()) + (zone.reply == FakeReply::WrongId);
+        QByteArray answer = bigEndian(id)
             + bigEndian(quint16(zone.reply == FakeReply::NameError ? 0x8183 : 0x8180)) + bigEndian(quint16(1))
             + bigEndian(quint16(answers.size())) + bigEndian(quint16(0)) + bigEndian(quint16(additional.size()))
             + query.mid(12, end + 5 - 12);
