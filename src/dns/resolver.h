@@ -37,7 +37,8 @@ public:
     // Copies entries 1..mx.Count() into a new cache entry for the domain.
     void DNSAddCache(const QByteArray& domain, const CMXServer& mx);
 
-    // Appends one host per record of a lookup result ("Order" 0xA4 "Host" 0xA4 "TTL" "|" ...) and
+    // Appends one host per record of a lookup result ("Order" 0xA4 "Host" 0xA4 "TTL" "|" ..., with
+    // perhaps 0xA4 and the host's addresses before the "|") and
     // gives the number of records. Text after the last "|" is not a record. A record that cannot
     // be read is a Fault.
     static int AddLookupRecords(CMXServer& list, const QByteArray& result);

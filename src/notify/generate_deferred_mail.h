@@ -12,7 +12,7 @@ class CGenerateDeferredMail {
 public:
     CGenerateDeferredMail(Logs& logs, const Settings& settings);
 
-    // `file` is the bare name of a queue file in OutBox. A delay notice to its sender is queued in
+    // `file` is the bare name of a queue file in OutBox. A delay notice (BuildNotice) is queued in
     // OutBox under a new name, then the OutBox file is removed: keeping the delayed message (in
     // Deferred) is the caller's job, done before this call.
     // A fault on the way is the fatal program-error report.

@@ -13,7 +13,7 @@ public:
     CGenerateReturnMail(Logs& logs, const Settings& settings);
 
     // `file` is the bare name of a queue file in OutBox whose LastError says why it failed. The
-    // report replaces it under the same name, flagged ForSender with a fresh attempt count.
+    // report (BuildNotice) replaces it under the same name.
     // A fault on the way is the fatal program-error report.
     void GenerateError(const QString& file);
     // The same, but a fault (a file that cannot be read or written) is thrown to the caller, and
