@@ -35,7 +35,7 @@ QDirIterator queueFiles(const Logs& logs, const char* folder)
 
 Dispatcher::Dispatcher(Logs& logs, Settings& settings, ConnectionTables& tables, QObject* parent)
     : QObject(parent), logs_(logs), settings_(settings), tables_(tables),
-      queue_(logs), disposition_(logs, settings)
+      queue_(logs), disposition_(logs, settings), addresses_(logs, settings, tables.CnxOut(1).DNS.lookups())
 {
     tmrVerifOutBox.setInterval(kTimerInterval);
     tmrVerifDeferred.setInterval(kTimerInterval);
@@ -234,9 +234,10 @@ void Dispatcher::startSession(uint8_t i, bool clearOnly)
     target.shownHost = target.route.submission() ? target.route.hostAndPort() : configured;
     target.exchanger = !settings_.UserSettings.SmtpServerDefined;
     target.clearOnly = clearOnly;
+    target.knownAddresses = cnx.DNS.MX.record(cnx.DNS.CurrentMX).Addresses;
     const quint64 generation = slots_[i].generation;
     auto* session = new OutboundSession(
-        logs_, settings_, i, cnx, *socket, target, timeouts, [this] { VerifOutBox(); },
+        logs_, settings_, addresses_, i, cnx, *socket, target, timeouts, [this] { VerifOutBox(); },
         [this, i, generation](const DeliveryOutcome& outcome) { sessionEnded(i, generation, outcome); });
     session->start();
 }

@@ -13,6 +13,7 @@
 #include "delivery/delivery_queue.h"
 #include "delivery/disposition.h"
 #include "delivery/outbound_session.h"
+#include "dns/address_resolver.h"
 #include "smtp_in/connexion.h"
 
 namespace postiq {
@@ -59,6 +60,8 @@ public:
 
     // How long each connection may wait (tests shorten them).
     OutboundTimeouts timeouts;
+    // Finds the addresses of every session's host, through the configured DNS server.
+    AddressResolver& addressResolver() { return addresses_; }
 
     QTimer tmrVerifOutBox;
     QTimer tmrVerifDeferred;
@@ -93,6 +96,7 @@ private:
     ConnectionTables& tables_;
     DeliveryQueue queue_;
     Disposition disposition_;
+    AddressResolver addresses_;
     std::array<SlotDelivery, ConnectionTables::kUpperBound + 1> slots_;
 };
 

@@ -6,11 +6,11 @@
 #include <QSslSocket>
 
 #include "config/settings.h"
-#include "delivery/address_lookup.h"
 #include "delivery/error_trap.h"
 #include "delivery/socket_errors.h"
 #include "delivery/tls_trust.h"
 #include "delivery/transmission.h"
+#include "dns/address_resolver.h"
 #include "log/dates.h"
 #include "log/html.h"
 #include "log/logs.h"
@@ -76,10 +76,11 @@ const OutboundSession::Row OutboundSession::kRows[] = {
     {kAnyState,       kAnyClass,     &OutboundSession::nonsense},
 };
 
-OutboundSession::OutboundSession(Logs& logs, const Settings& settings, uint8_t slot, CConnexion& cnx,
-                                 QSslSocket& socket, SessionTarget target, OutboundTimeouts timeouts,
-                                 std::function<void()> milestone, Done done)
-    : QObject(&socket), logs_(logs), settings_(settings), slot_(slot), cnx_(cnx), socket_(socket),
+OutboundSession::OutboundSession(Logs& logs, const Settings& settings, AddressResolver& addresses, uint8_t slot,
+                                 CConnexion& cnx, QSslSocket& socket, SessionTarget target,
+                                 OutboundTimeouts timeouts, std::function<void()> milestone, Done done)
+    : QObject(&socket), logs_(logs), settings_(settings), addresses_(addresses), slot_(slot), cnx_(cnx),
+      socket_(socket),
       target_(std::move(target)), timeouts_(timeouts), milestone_(std::move(milestone)), done_(std::move(done))
 {
     watchdog_.setSingleShot(true);
@@ -132,10 +133,16 @@ void OutboundSession::start()
     if (target_.route.submission() && !target_.route.user.isEmpty() && !readPassword())
         return;
     // The name is resolved here rather than by the socket, so that a failure can name the
-    // address that refused, and a name that does not resolve is "host not found".
-    ResolveAddresses(target_.route.host, this, [this](const QList<QHostAddress>& addresses) {
+    // address that refused, and a name that does not resolve is "host not found". Exchangers are
+    // asked of the DNS server that named them; a fixed server is found as the computer finds it.
+    const auto found = [this](const QList<QHostAddress>& addresses) {
         Trapped(logs_, "M:MAIN[SmtpDistant_Connect]", [&] { addressesFound(addresses); });
-    });
+    };
+    const QByteArray host = target_.route.host.toUtf8();
+    if (target_.exchanger)
+        addresses_.resolve(host, target_.knownAddresses, this, found);
+    else
+        addresses_.resolveThroughSystem(host, this, found);
 }
 
 void OutboundSession::addressesFound(const QList<QHostAddress>& addresses)

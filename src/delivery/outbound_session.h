@@ -16,6 +16,7 @@ class QSslSocket;
 
 namespace postiq {
 
+class AddressResolver;
 class CConnexion;
 class CMessage;
 class Logs;
@@ -54,6 +55,7 @@ struct SessionTarget {
     QByteArray shownHost;    // the host as the logs name it (a submission server without its login)
     bool exchanger = true;   // an MX host: STARTTLS when offered, certificates not checked
     bool clearOnly = false;  // TLS already failed with this host in this dispatch: no STARTTLS
+    QByteArray knownAddresses; // the host's addresses as the MX answer brought them, if it did
 };
 
 // One connection to one mail host, from the address lookup to QUIT: owns its reply reader, its
@@ -64,8 +66,9 @@ class OutboundSession : public QObject {
 public:
     using Done = std::function<void(const DeliveryOutcome&)>;
 
-    OutboundSession(Logs& logs, const Settings& settings, uint8_t slot, CConnexion& cnx, QSslSocket& socket,
-                    SessionTarget target, OutboundTimeouts timeouts, std::function<void()> milestone, Done done);
+    OutboundSession(Logs& logs, const Settings& settings, AddressResolver& addresses, uint8_t slot,
+                    CConnexion& cnx, QSslSocket& socket, SessionTarget target, OutboundTimeouts timeouts,
+                    std::function<void()> milestone, Done done);
 
     // Looks the host up and connects; the dialogue starts with the greeting.
     void start();
@@ -141,6 +144,7 @@ private:
 
     Logs& logs_;
     const Settings& settings_;
+    AddressResolver& addresses_;
     uint8_t slot_;
     CConnexion& cnx_;
     QSslSocket& socket_;

@@ -94,6 +94,17 @@ AddressResolver::AddressResolver(Logs& logs, const Settings& settings, MxLookupP
 
 void AddressResolver::resolve(const QByteArray& host, const QByteArray& knownAddresses, QObject* context, Done done)
 {
+    start(host, knownAddresses, context, std::move(done), false);
+}
+
+void AddressResolver::resolveThroughSystem(const QByteArray& host, QObject* context, Done done)
+{
+    start(host, {}, context, std::move(done), true);
+}
+
+void AddressResolver::start(const QByteArray& host, const QByteArray& knownAddresses, QObject* context, Done done,
+                            bool throughSystem)
+{
     auto pending = std::make_shared<Pending>();
     pending->logs = &logs_;
     pending->host = host;
@@ -119,7 +130,7 @@ void AddressResolver::resolve(const QByteArray& host, const QByteArray& knownAdd
 
     // Read once: the settings may be reloaded while the questions are under way.
     const QString dnsServer = settings_.ActiveSettings.DNSServer.trimmed();
-    if (dnsServer.isEmpty()) {
+    if (dnsServer.isEmpty() || throughSystem) {
         const auto answered = [pending](const QHostInfo& info) {
             pending->hostLookup = -1; // over: nothing left to abort
             pending->found = info.addresses();

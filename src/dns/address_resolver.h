@@ -30,11 +30,17 @@ public:
     // `done` always runs later, from the event loop, at most once, and never once `context` is
     // destroyed.
     void resolve(const QByteArray& host, const QByteArray& knownAddresses, QObject* context, Done done);
+    // The same through the system's resolver whatever DNSServer says: a fixed outgoing server is
+    // found as the computer finds it (hosts file, local domain), not as the Internet does.
+    void resolveThroughSystem(const QByteArray& host, QObject* context, Done done);
 
     LookupTiming lookupTiming;                  // per question (tests shorten it)
     std::chrono::milliseconds deadline{15000}; // the longest a caller waits, questions queued included
 
 private:
+    void start(const QByteArray& host, const QByteArray& knownAddresses, QObject* context, Done done,
+               bool throughSystem);
+
     Logs& logs_;
     const Settings& settings_;
     MxLookupPool& lookups_;

@@ -45,6 +45,9 @@ public:
 
     LookupTiming lookupTiming; // how long a query may wait (tests shorten it)
 
+    // The workers that ask the DNS server, shared with every other slot's resolver.
+    MxLookupPool& lookups() const { return cache_.lookups; }
+
 private:
     void askDns(const QByteArray& domain, std::function<void()> done);
     void takeDnsAnswer(const QByteArray& domain, const QString& dnsServer, QByteArray result);
