@@ -155,7 +155,7 @@ NextStep Disposition::giveUp(Facts& facts)
     message.LastError = detail + "\r\n\r\nThis was the " + number(message.Essai) + "st attempt ...";
     QList<RecipientFate> fates;
     for (int i = 1; i <= message.MRcptToCount(); ++i) {
-        RecipientFate one = fate(facts, message.RcptTo(i), facts.in.outcome.reply, true, ".4.1");
+        RecipientFate one = fate(facts, message.RcptTo(i), facts.in.outcome.reply, true);
         one.diagnostic = detail;
         fates << one;
     }
@@ -179,7 +179,7 @@ NextStep Disposition::bounceAll(Facts& facts)
     QList<RecipientFate> fates;
     for (int i = 1; i <= message.MRcptToCount(); ++i) {
         mailLog(refusalLine(facts, message.RcptTo(i), reply) + "return error to=" + message.From);
-        fates << fate(facts, message.RcptTo(i), reply, true, ".0.0");
+        fates << fate(facts, message.RcptTo(i), reply, true);
     }
     noticeThen(facts, NoticeKind::Bounce, fates, [&] { queue_.remove(facts.in.file); });
     return NextStep::Release;
@@ -218,7 +218,7 @@ NextStep Disposition::bounceNoRoute(Facts& facts)
     message.LastError = facts.failure;
     QList<RecipientFate> fates;
     for (int i = 1; i <= message.MRcptToCount(); ++i)
-        fates << RecipientFate{message.RcptTo(i), "5.1.2", {}, facts.failure};
+        fates << fate(facts, message.RcptTo(i), facts.in.outcome.reply, true);
     noticeThen(facts, NoticeKind::Bounce, fates, [&] { queue_.remove(facts.in.file); });
     return NextStep::Release;
 }
@@ -251,13 +251,13 @@ NextStep Disposition::settleRecipients(Facts& facts)
             mailLog(facts.head + " to=" + result.address + ", relay=" + outcome.host + "[" + outcome.ip
                     + "], status=deferred (" + text + "), attempt=" + number(message.Essai));
             deferred << result.address;
-            deferredFates << fate(facts, result.address, result.reply, false, ".0.0");
+            deferredFates << fate(facts, result.address, result.reply, false);
         } else {
             // Refused, or deferred once too often.
             const QByteArray tail = facts.kind == Kind::Ordinary ? "return error to=" + message.From : denyTail(facts);
             mailLog(refusalLine(facts, result.address, result.reply) + tail);
             refused << result.address;
-            refusedFates << fate(facts, result.address, result.reply, true, ".0.0");
+            refusedFates << fate(facts, result.address, result.reply, true);
             lastRefusal = text;
         }
     }
@@ -314,7 +314,7 @@ void Disposition::defer(Facts& facts, bool notify)
     }
     QList<RecipientFate> fates;
     for (int i = 1; i <= message.MRcptToCount(); ++i)
-        fates << fate(facts, message.RcptTo(i), facts.in.outcome.reply, false, ".4.1");
+        fates << fate(facts, message.RcptTo(i), facts.in.outcome.reply, false);
     noticeThen(facts, NoticeKind::Delay, fates, move);
 }
 
@@ -340,22 +340,19 @@ void Disposition::noticeThen(Facts& facts, NoticeKind kind, const QList<Recipien
     UndoingOnFault(move, [&] { queue_.remove(name); });
 }
 
-// The enhanced status of a recipient: the server's own when its reply opens with one, else one
-// of the class the notice reports (failed 5, delayed 4) with `fallbackDetail`.
+// What the notice says of one recipient. Only a server that answered is named as the remote one.
 RecipientFate Disposition::fate(const Facts& facts, const QByteArray& address, const ServerReply& reply,
-                                bool failed, const char* fallbackDetail) const
+                                bool failed) const
 {
-    const char cls = failed ? '5' : '4';
-    QByteArray status = reply.enhancedStatus();
-    if (!status.isEmpty())
-        status[0] = cls;
-    else
-        status = cls + QByteArray(reply.wellFormed() ? ".0.0" : fallbackDetail);
+    const bool answered = reply.wellFormed();
+    FailureCause cause = answered ? FailureCause::Reply : FailureCause::NoAnswer;
+    if (facts.in.outcome.kind == DeliveryOutcome::NoRoute)
+        cause = FailureCause::NoExchanger;
     RecipientFate one;
     one.address = address;
-    one.status = status;
-    one.remoteMta = reply.wellFormed() ? facts.in.outcome.host : QByteArray();
-    one.diagnostic = reply.wellFormed() ? reply.text() : facts.failure;
+    one.status = EnhancedStatus(cause, answered ? reply.text() : QByteArray(), failed);
+    one.remoteMta = answered ? facts.in.outcome.host : QByteArray();
+    one.diagnostic = answered ? reply.text() : facts.failure;
     return one;
 }
 

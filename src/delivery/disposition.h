@@ -77,8 +77,7 @@ private:
     void defer(Facts& facts, bool notify);
     void toError(Facts& facts, const CMessage& record, const QString& name, bool blankInErrorLine);
     void noticeThen(Facts& facts, NoticeKind kind, const QList<RecipientFate>& fates, const std::function<void()>& move);
-    RecipientFate fate(const Facts& facts, const QByteArray& address, const ServerReply& reply, bool failed,
-                       const char* fallbackDetail) const;
+    RecipientFate fate(const Facts& facts, const QByteArray& address, const ServerReply& reply, bool failed) const;
     QByteArray failureLine(const Facts& facts, const QByteArray& status, bool withAttempt) const;
     QByteArray refusalLine(const Facts& facts, const QByteArray& address, const ServerReply& reply) const;
     QByteArray denyTail(const Facts& facts) const;

@@ -22,23 +22,6 @@ bool isLastLine(const QByteArray& line) { return line.size() == 3 || line[3] == 
 
 QByteArray ServerReply::text() const { return lines.join("\r\n"); }
 
-QByteArray ServerReply::enhancedStatus() const
-{
-    const QByteArray first = lines.value(0);
-    const QByteArray word = first.mid(4).split(' ').value(0);
-    const QList<QByteArray> parts = word.split('.');
-    if (parts.size() != 3 || (word[0] != '2' && word[0] != '4' && word[0] != '5'))
-        return {};
-    for (const QByteArray& part : parts) {
-        if (part.isEmpty() || part.size() > 3)
-            return {};
-        for (char c : part)
-            if (c < '0' || c > '9')
-                return {};
-    }
-    return word;
-}
-
 void ReplyReader::clear()
 {
     pending_.clear();

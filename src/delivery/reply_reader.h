@@ -17,8 +17,6 @@ struct ServerReply {
     int replyClass() const { return wellFormed() ? code / 100 : 0; }
     // The lines joined by CR LF, as the logs and notices quote a reply.
     QByteArray text() const;
-    // The enhanced status code that opens the text ("5.1.1"), empty when there is none.
-    QByteArray enhancedStatus() const;
 };
 
 // Turns the bytes of a server into whole replies however they are split across reads; several
