@@ -1,13 +1,10 @@
 #include <gtest/gtest.h>
 
-#include <QDir>
 #include <QJsonArray>
 #include <QRegularExpression>
 #include <QTimeZone>
 
 #include "config/settings.h"
-#include "notify/generate_deferred_mail.h"
-#include "notify/generate_return_mail.h"
 #include "notify/mail_reader.h"
 #include "notify/notice.h"
 #include "store/message.h"
@@ -18,14 +15,13 @@ using namespace postiq::test;
 
 namespace {
 
-// A failed two-recipient message, notices about it, and a program folder for the queue.
+// A failed two-recipient message and notices about it.
 struct NoticeBench {
     LogBench bench;
     Settings settings;
     CMessage original{bench.logs};
-    QString outBox;
 
-    explicit NoticeBench(const QString& outBoxName = QStringLiteral("OutBox"))
+    NoticeBench()
     {
         // A NUL picked up from the system's host name never reaches a notice.
         settings.LocalHostName = QStringLiteral("desk.exa") + QChar(u'\0') + QStringLiteral("mple");
@@ -38,8 +34,6 @@ struct NoticeBench {
         original.AddRcptTo("<bob@x.com>");
         original.AddRcptTo("<carol@x.com>");
         original.Data = "From: alice@home.net\r\nSubject: hi\r\n\r\nbody\r\n";
-        outBox = bench.path(outBoxName);
-        QDir().mkpath(outBox);
     }
 
     CMessage notice(NoticeKind kind, QList<RecipientFate> fates = {})
@@ -50,7 +44,6 @@ struct NoticeBench {
         const QDateTime arrival(QDate(2004, 2, 4), QTime(23, 0, 1), QTimeZone(3600));
         return BuildNotice(bench.logs, settings, bench.clock, {kind, &original, arrival, fates});
     }
-    QStringList queued() const { return QDir(outBox).entryList(QDir::Files | QDir::Hidden); }
 };
 
 #define REQUIRE_PYTHON()                                                                                               \
@@ -220,63 +213,6 @@ TEST(Notices, EnhancedStatusFromTheReplyOrTheCause)
     };
     for (const auto& c : cases)
         EXPECT_EQ(EnhancedStatus(c.cause, c.reply, c.permanent), c.status) << c.reply;
-}
-
-TEST(LegacyNotices, BounceReplacesTheFileAndDelayNoticeIsQueuedBeside)
-{
-    REQUIRE_PYTHON();
-    {
-        NoticeBench n;
-        n.original.MWrite(n.outBox + "/A1B2C");
-        CGenerateReturnMail(n.bench.logs, n.settings).GenerateError("A1B2C");
-        ASSERT_EQ(n.queued(), QStringList{"A1B2C"});
-        CMessage bounce(n.bench.logs);
-        bounce.MOpen(n.outBox + "/A1B2C");
-        EXPECT_EQ(bounce.From, "<>");
-        EXPECT_EQ(bounce.MRcptToCount(), 1) << "the other recipients get nothing";
-        EXPECT_EQ(bounce.RcptTo(1), "<alice@home.net>");
-        EXPECT_TRUE(bounce.ForSender);
-        const QJsonObject report = ReadAsMailReader(bounce.Data);
-        EXPECT_TRUE(report["defects"].toArray().isEmpty());
-        ASSERT_EQ(report["status"].toArray().size(), 3);
-        EXPECT_EQ(field(report, 2)["Status"].toString(), "5.1.1");
-        EXPECT_EQ(field(report, 2)["Action"].toString(), "failed");
-    }
-    {
-        NoticeBench n(QStringLiteral("Outbox")); // found whatever its letter case
-        n.original.LastError = "10060: time out (Connection timed out)";
-        n.original.MWrite(n.outBox + "/A1B2C");
-        CGenerateDeferredMail(n.bench.logs, n.settings).GenerateDeferred("A1B2C");
-        const QStringList queued = n.queued();
-        ASSERT_EQ(queued.size(), 1);
-        EXPECT_NE(queued[0], "A1B2C");
-        CMessage notice(n.bench.logs);
-        notice.MOpen(n.outBox + '/' + queued[0]);
-        EXPECT_EQ(notice.ID, queued[0].toLatin1());
-        EXPECT_EQ(notice.From, "<>");
-        EXPECT_EQ(notice.RcptTo(1), "<alice@home.net>");
-        EXPECT_TRUE(notice.Data.contains("It was the 2 attempt !\r\n"));
-        const QJsonObject report = ReadAsMailReader(notice.Data);
-        EXPECT_TRUE(report["defects"].toArray().isEmpty());
-        ASSERT_EQ(report["status"].toArray().size(), 3);
-        EXPECT_EQ(field(report, 1)["Status"].toString(), "4.4.1") << "no server answered";
-        EXPECT_EQ(field(report, 1)["Action"].toString(), "delayed");
-    }
-}
-
-TEST(LegacyNotices, AMissingFileIsFatalUnderItsOwnLabel)
-{
-    {
-        NoticeBench n;
-        EXPECT_THROW(CGenerateReturnMail(n.bench.logs, n.settings).GenerateError("A1B2C"), ProgramEnded);
-        EXPECT_TRUE(n.bench.desktop.diagnostics.value(0).startsWith("Where: CLS:CLASS[GenerateError], number 53:"));
-    }
-    {
-        NoticeBench n;
-        EXPECT_THROW(CGenerateDeferredMail(n.bench.logs, n.settings).GenerateDeferred("A1B2C"), ProgramEnded);
-        EXPECT_TRUE(n.bench.desktop.diagnostics.value(0).startsWith(
-            "Where: CLS:GENERATEDEFERREDMAIL[GenerateDeferred], number 53:"));
-    }
 }
 
 } // namespace
