@@ -10,6 +10,7 @@
 
 #include "delivery/transmission.h"
 #include "delivery_bench.h"
+#include "dns/dnsmasq.h"
 #include "real_exchanger.h"
 #include "support/fake_exchanger.h"
 #include "support/test_authority.h"
@@ -113,6 +114,51 @@ TEST(RealExchangers, StartTlsWhereOffered)
     EXPECT_TRUE(b.debugLog().contains("TLS1 STARTTLS"));
 }
 
+// A real DNS server names the exchanger: the MX record and the exchanger's address both come from
+// the configured DNSServer, never from the system's resolver, which knows no such name.
+TEST(RealExchangers, ExchangerFoundThroughDnsmasq)
+{
+    SKIP_WITHOUT_AIOSMTPD();
+    if (!Dnsmasq::installed())
+        GTEST_SKIP() << "dnsmasq is not installed";
+    Dnsmasq dns({"--mx-host=example.test,mx1.example.test,10", "--host-record=mx1.example.test,127.0.0.12"});
+    ASSERT_TRUE(dns.started()) << dns.log().constData();
+    RealExchanger mx(QStringLiteral("127.0.0.12"), 25);
+    ASSERT_TRUE(mx.ready());
+    RealBench b;
+    b.settings.ActiveSettings.DNSServer = dns.server();
+    ASSERT_TRUE(b.deliver("NAMED", {"<a@example.test>"}));
+
+    const QList<SavedMessage> saved = mx.messages();
+    ASSERT_EQ(saved.size(), 1);
+    EXPECT_EQ(saved[0].to, QList<QByteArray>{"a@example.test"});
+    EXPECT_EQ(saved[0].content, asReceived(kText));
+    EXPECT_EQ(b.mailLog("NAMED connect to"),
+              QList<QByteArray>{" Postiq/smtpdistant[1]: NAMED connect to mx1.example.test [127.0.0.12]"});
+    EXPECT_TRUE(b.debugLog().contains("DNS: mx1.example.test is 127.0.0.12"));
+    EXPECT_TRUE(b.files("OutBox").isEmpty());
+}
+
+// An exchanger name that the DNS server does not know is "host not found" (11001), and the
+// message waits in Deferred: the system's resolver is not asked behind the server's back.
+TEST(RealExchangers, AnUnknownExchangerNameDefers)
+{
+    if (!Dnsmasq::installed())
+        GTEST_SKIP() << "dnsmasq is not installed";
+    Dnsmasq dns({"--mx-host=lost.test,localhost,10"});
+    ASSERT_TRUE(dns.started()) << dns.log().constData();
+    RealBench b;
+    b.settings.ActiveSettings.DNSServer = dns.server();
+    b.settings.ActiveSettings.KeepLocal = true; // the delay notice stays in OutBox
+    b.dispatcher.addressResolver().deadline = std::chrono::seconds(5);
+    b.queue("LOST", {"<a@lost.test>"});
+    b.dispatcher.SendOutSmtp("LOST");
+    ASSERT_TRUE(b.settle(20000));
+    EXPECT_EQ(b.files("Deferred"), QStringList{"LOST"});
+    EXPECT_TRUE(b.read("Deferred/LOST").LastError.startsWith("11001: ")) << b.read("Deferred/LOST").LastError.constData();
+    EXPECT_TRUE(b.mailLog("LOST connect to").isEmpty());
+}
+
 // Postfix's own test server takes the text as it is, after the multi-line EHLO reply of a
 // Postfix (whose last line is a bare "250 ").
 TEST(RealExchangers, PostfixSmtpSink)
@@ -204,6 +250,95 @@ TEST(RealExchangers, AnUnknownRecipientIsBouncedAlone)
     EXPECT_TRUE(b.files("Deferred").isEmpty());
     EXPECT_TRUE(b.files("Error").isEmpty());
     EXPECT_EQ(b.mailLog("MIX Error 550").size(), 1);
+}
+
+// A private Postfix instance (smtpd, then its own virtual delivery into maildirs) for as long as
+// the object lives; `skipReason` says why it could not start here.
+class PostfixExchanger {
+public:
+    PostfixExchanger(const QString& address, const QString& domains, const QStringList& mailboxes)
+    {
+        // Postfix's own processes run as its user, and must reach their folders.
+        QFile::setPermissions(dir_.path(), QFile::permissions(dir_.path()) | QFile::ExeOther | QFile::ReadOther);
+        QProcess start;
+        start.setProcessChannelMode(QProcess::MergedChannels);
+        start.start(QStringLiteral("sh"), {script(), "start", dir_.path(), address, domains, mailboxes.join('\n')});
+        if (!start.waitForFinished(20000)) {
+            start.kill();
+            start.waitForFinished(1000);
+            skipReason = "postfix did not start within 20 s";
+            return;
+        }
+        if (start.exitCode() == 77)
+            skipReason = "Postfix cannot run here: " + start.readAll();
+        else if (start.exitCode() != 0)
+            failure = start.readAll();
+        running_ = start.exitCode() == 0;
+    }
+    ~PostfixExchanger()
+    {
+        if (running_)
+            QProcess::execute(QStringLiteral("sh"), {script(), "stop", dir_.path()});
+    }
+    bool running() const { return running_; }
+    // The messages delivered into a maildir folder of `mailboxes`, as Postfix wrote them.
+    QList<QByteArray> delivered(const QString& folder) const
+    {
+        QList<QByteArray> texts;
+        const QString path = dir_.path() + "/mail/" + folder + "/new";
+        for (const QString& name : QDir(path).entryList(QDir::Files, QDir::Name))
+            texts << readFile(path + '/' + name);
+        return texts;
+    }
+    QByteArray log() const { return readFile(dir_.path() + "/maillog"); }
+
+    QByteArray skipReason;
+    QByteArray failure;
+
+private:
+    static QString script() { return QStringLiteral(POSTIQ_DELIVERY_TESTS "/postfix_exchanger.sh"); }
+    QTemporaryDir dir_;
+    bool running_ = false;
+};
+
+// Postfix as the exchanger, with one known and one unknown recipient: the known one gets the
+// text byte for byte, and the sender (whose mail Postfix also takes) one bounce about the other.
+TEST(RealExchangers, PostfixRefusesOneRecipientOfTwo)
+{
+    PostfixExchanger mx(QStringLiteral("127.0.0.13"), QStringLiteral("mixed.test src.test"),
+                        {"good@mixed.test good/", "s@src.test sender/"});
+    if (!mx.skipReason.isEmpty())
+        GTEST_SKIP() << mx.skipReason.constData();
+    ASSERT_TRUE(mx.running()) << mx.failure.constData();
+    RealBench b;
+    b.mx("mixed.test", {{10, "127.0.0.13"}});
+    b.mx("src.test", {{10, "127.0.0.13"}});
+    ASSERT_TRUE(b.deliver("PFX", {"<good@mixed.test>", "<bad@mixed.test>"}));
+    ASSERT_TRUE(spinUntil(
+        [&] {
+            b.dispatcher.VerifOutBox();
+            return b.idle() && b.files("OutBox").isEmpty() && mx.delivered("good").size() == 1
+                && mx.delivered("sender").size() == 1;
+        },
+        20000))
+        << mx.log().constData();
+
+    const QByteArray good = mx.delivered("good").value(0);
+    EXPECT_TRUE(good.startsWith("Return-Path: <s@src.test>\n")) << good.left(300).constData();
+    EXPECT_TRUE(good.endsWith(QByteArray(asReceived(kText)).replace("\r\n", "\n")))
+        << "the text under Postfix's own header lines:\n" << good.constData();
+    const QByteArray bounce = mx.delivered("sender").value(0);
+    EXPECT_TRUE(bounce.startsWith("Return-Path: <>\n")) << bounce.left(300).constData();
+    EXPECT_TRUE(bounce.contains("Final-Recipient: rfc822; bad@mixed.test\n"));
+    EXPECT_TRUE(bounce.contains("Remote-MTA: dns; 127.0.0.13\n"));
+    EXPECT_TRUE(bounce.contains("Status: 5.1.1\n"));
+    EXPECT_TRUE(bounce.contains("User unknown in virtual mailbox table"));
+    EXPECT_FALSE(bounce.contains("Final-Recipient: rfc822; good@mixed.test"));
+    EXPECT_EQ(b.mailLog("PFX to=<good@mixed.test>").size(), 1);
+    EXPECT_TRUE(b.mailLog("PFX to=<good@mixed.test>").value(0).contains("status=sent (250 2.0.0 Ok"));
+    EXPECT_EQ(b.mailLog("PFX Error 550").size(), 1);
+    EXPECT_TRUE(b.files("Deferred").isEmpty());
+    EXPECT_TRUE(b.files("Error").isEmpty());
 }
 
 // A 554 greeting refuses the message for good: the bounce is queued at once, without retry.
