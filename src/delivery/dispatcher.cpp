@@ -4,6 +4,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QSslSocket>
+#include <algorithm>
 #include <limits>
 
 #include "config/settings.h"
@@ -41,6 +42,9 @@ Dispatcher::Dispatcher(Logs& logs, Settings& settings, ConnectionTables& tables,
     tmrVerifDeferred.setInterval(kTimerInterval);
     connect(&tmrVerifOutBox, &QTimer::timeout, this, &Dispatcher::outboxTick);
     connect(&tmrVerifDeferred, &QTimer::timeout, this, &Dispatcher::VerifDeferred);
+    tmrDeferredDue.setSingleShot(true);
+    tmrDeferredDue.setTimerType(Qt::PreciseTimer);
+    connect(&tmrDeferredDue, &QTimer::timeout, this, &Dispatcher::VerifDeferred);
 }
 
 void Dispatcher::startTimers()
@@ -53,12 +57,24 @@ void Dispatcher::stopTimers()
 {
     tmrVerifOutBox.stop();
     tmrVerifDeferred.stop();
+    tmrDeferredDue.stop();
 }
 
 void Dispatcher::enableOutboxTimer()
 {
     if (!tmrVerifOutBox.isActive())
         tmrVerifOutBox.start();
+}
+
+void Dispatcher::queueChanged()
+{
+    if (dispatchPosted_)
+        return;
+    dispatchPosted_ = true;
+    QMetaObject::invokeMethod(this, [this] {
+        dispatchPosted_ = false;
+        VerifOutBox();
+    }, Qt::QueuedConnection);
 }
 
 void Dispatcher::postVerifOutBox()
@@ -277,6 +293,10 @@ void Dispatcher::dispose(uint8_t i, const DeliveryOutcome& outcome)
         break;
     }
     tables_.ReleaseSmtpDistant(i);
+    // A deferred message goes again as soon as its delay has run out.
+    const QFileInfo deferred(queue_.path("Deferred", input.file));
+    if (deferred.exists())
+        Trapped(logs_, "D:MODULE[VerifDeferred]", [&] { wakeWhenDue(deferred.lastModified()); });
     if (outcome.kind == DeliveryOutcome::Transaction)
         postAfterSession();
     else
@@ -300,22 +320,48 @@ void Dispatcher::ForceDeferred()
     VerifOutBox();
 }
 
+int Dispatcher::deferredDelaySeconds() const
+{
+    // Minutes to seconds in 16-bit arithmetic, as the setting is: above 546 it overflows.
+    const int delay = settings_.ActiveSettings.AttemptDelay * 60;
+    if (delay > std::numeric_limits<int16_t>::max() || delay < std::numeric_limits<int16_t>::min())
+        throw Fault(ErrOverflow, QStringLiteral("Overflow"));
+    return delay;
+}
+
 void Dispatcher::moveDeferredBack(bool onlyDue)
 {
     const QDateTime now = logs_.clock().now();
+    std::optional<QDateTime> earliestLeft;
+    bool moved = false;
     for (QDirIterator files = queueFiles(logs_, "Deferred"); files.hasNext();) {
         const QFileInfo info = files.nextFileInfo();
         if (onlyDue) {
-            // Minutes to seconds in 16-bit arithmetic, as the setting is: above 546 it overflows.
-            const int delay = settings_.ActiveSettings.AttemptDelay * 60;
-            if (delay > std::numeric_limits<int16_t>::max() || delay < std::numeric_limits<int16_t>::min())
-                throw Fault(ErrOverflow, QStringLiteral("Overflow"));
-            const qint64 age = info.lastModified().secsTo(now);
-            if (age <= delay)
+            const QDateTime deferredAt = info.lastModified();
+            if (deferredAt.secsTo(now) <= deferredDelaySeconds()) {
+                if (!earliestLeft || deferredAt < *earliestLeft)
+                    earliestLeft = deferredAt;
                 continue;
+            }
         }
         queue_.backToOutBox(info.filePath());
+        moved = true;
     }
+    if (moved)
+        queueChanged();
+    tmrDeferredDue.stop();
+    if (earliestLeft)
+        wakeWhenDue(*earliestLeft);
+}
+
+// A file is due once its age exceeds the delay by a whole second.
+void Dispatcher::wakeWhenDue(const QDateTime& deferredAt)
+{
+    const QDateTime due = deferredAt.addSecs(deferredDelaySeconds() + 1);
+    const qint64 wait = std::clamp<qint64>(logs_.clock().now().msecsTo(due), 0, std::numeric_limits<int>::max());
+    if (tmrDeferredDue.isActive() && tmrDeferredDue.remainingTime() <= wait)
+        return;
+    tmrDeferredDue.start(int(wait));
 }
 
 } // namespace postiq

@@ -25,8 +25,10 @@ class Settings;
 // Moves due files from Deferred back to OutBox, and hands each OutBox file that no busy OUT slot
 // holds to a free slot: message loaded, attempt counted, route resolved, one session per
 // connection started. Each session's outcome goes through the disposition table, which may send
-// the slot on to the next host. The outbox timer runs only while the queue has nothing new; the
-// sessions' milestones call VerifOutBox, which chains the dispatch of the whole queue.
+// the slot on to the next host. Mail leaves at once: a new queue file (queueChanged), a freed
+// slot, a notice and a deferred file that falls due each start a dispatch within milliseconds;
+// the sessions' milestones call VerifOutBox, which chains the dispatch of the whole queue. The
+// two 10-second timers remain as a backstop.
 class Dispatcher : public QObject {
     Q_OBJECT
 public:
@@ -39,6 +41,10 @@ public:
     // Stops both timers (the fatal report, the end of the program).
     void stopTimers();
 
+    // Something new may wait in OutBox (a message just accepted): a dispatch starts after the
+    // events already pending. Calls made meanwhile add nothing; it never dispatches from inside
+    // its caller.
+    void queueChanged();
     // Dispatches at most one OutBox file.
     void VerifOutBox();
     // Moves back to OutBox every deferred file older than AttemptDelay minutes.
@@ -65,6 +71,8 @@ public:
 
     QTimer tmrVerifOutBox;
     QTimer tmrVerifDeferred;
+    // Runs the deferred scan when the earliest deferred file falls due.
+    QTimer tmrDeferredDue;
 
 private:
     void outboxTick();
@@ -81,8 +89,13 @@ private:
     void dispose(uint8_t i, const DeliveryOutcome& outcome);
     // Loads the OutBox file into `message`; false when it could not be read and went to Error.
     bool loadOrSetAside(CMessage& message, const QString& file);
-    // Copies every (or every due) deferred file back to OutBox; false stops at the first fault.
+    // Copies every (or every due) deferred file back to OutBox, dispatches them, and wakes the
+    // scan again when the earliest file left falls due.
     void moveDeferredBack(bool onlyDue);
+    // The deferred delay in seconds; a value beyond 16 bits is a fault, as the setting has always been.
+    int deferredDelaySeconds() const;
+    // Arms tmrDeferredDue for a file deferred at `deferredAt`, unless it already fires sooner.
+    void wakeWhenDue(const QDateTime& deferredAt);
 
     // What a busy slot's delivery needs beyond the slot record.
     struct SlotDelivery {
@@ -98,6 +111,7 @@ private:
     Disposition disposition_;
     AddressResolver addresses_;
     std::array<SlotDelivery, ConnectionTables::kUpperBound + 1> slots_;
+    bool dispatchPosted_ = false;
 };
 
 } // namespace postiq
