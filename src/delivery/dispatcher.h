@@ -38,7 +38,7 @@ public:
 
     // Starts both timers; the program does so at start-up, whatever the service's state.
     void startTimers();
-    // Stops both timers (the fatal report, the end of the program).
+    // Stops the timers (the fatal report, the end of the program).
     void stopTimers();
 
     // Something new may wait in OutBox (a message just accepted): a dispatch starts after the

@@ -1,6 +1,6 @@
 // Delivery to real mail servers started by the tests on loop-back addresses, found through the
-// test's DNS server: aiosmtpd (in clear and with STARTTLS), Postfix's smtp-sink, and a server
-// that writes its replies one byte at a time.
+// test's DNS server (the fake one, or dnsmasq): aiosmtpd (in clear and with STARTTLS), Postfix's
+// smtpd and smtp-sink, and a server that writes its replies one byte at a time.
 #include <QElapsedTimer>
 #include <QProcess>
 #include <QSet>

@@ -42,11 +42,15 @@ struct AddressBench {
         resolver.deadline = 3s;
     }
     // The addresses given back, as text; "no call" when none came.
-    QByteArray resolve(const QByteArray& host, const QByteArray& known = {})
+    QByteArray resolve(const QByteArray& host, const QByteArray& known = {}, bool throughSystem = false)
     {
         std::optional<QByteArray> result;
         QObject context;
-        resolver.resolve(host, known, &context, [&](const QList<QHostAddress>& found) { result = texts(found); });
+        const auto done = [&](const QList<QHostAddress>& found) { result = texts(found); };
+        if (throughSystem)
+            resolver.resolveThroughSystem(host, &context, done);
+        else
+            resolver.resolve(host, known, &context, done);
         EXPECT_FALSE(result) << "never called back from inside resolve";
         spinUntil([&] { return result.has_value(); });
         return result.value_or("no call");
@@ -147,12 +151,18 @@ TEST(AddressResolver, FiftyLookupsAtOnce)
         EXPECT_EQ(found.value("h" + QByteArray::number(i) + ".test"), "127.0.1." + QByteArray::number(i));
 }
 
-TEST(AddressResolver, TheSystemResolverOnlyWithoutADnsServer)
+TEST(AddressResolver, TheSystemResolverOnlyWithoutADnsServerOrForAFixedServer)
 {
     FakeDnsServer server; // never asked
     AddressBench a(QStringLiteral("  "));
     const QByteArray local = a.resolve("localhost");
     EXPECT_TRUE(local.contains("127.0.0.1") || local.contains("::1")) << local.constData();
+    EXPECT_EQ(server.queries, 0);
+
+    // A fixed outgoing server is found as the computer finds it, whatever DNSServer says.
+    AddressBench fixed(server.server());
+    const QByteArray name = fixed.resolve("localhost", {}, true);
+    EXPECT_TRUE(name.contains("127.0.0.1") || name.contains("::1")) << name.constData();
     EXPECT_EQ(server.queries, 0);
 }
 
