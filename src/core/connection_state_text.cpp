@@ -28,6 +28,13 @@ QString connectionStateText(const QByteArray& cnxType, int32_t status)
         case Writing: return QStringLiteral("Envoi du message");
         case Written: return QStringLiteral("Attente de confirmation");
         case Finished: return QStringLiteral("QUIT envoyé");
+        case EhloSent: return QStringLiteral("EHLO envoyé");
+        case StartTlsSent: return QStringLiteral("STARTTLS envoyé");
+        case TlsHandshake: return QStringLiteral("Négociation TLS");
+        case SecureEhloSent: return QStringLiteral("EHLO envoyé (TLS)");
+        case AuthSent: return QStringLiteral("Authentification envoyée");
+        case AuthLoginSent: return QStringLiteral("AUTH LOGIN envoyé");
+        case AuthUserSent: return QStringLiteral("Utilisateur envoyé");
         default: break;
         }
     }

@@ -3,22 +3,20 @@
 #include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
-#include <QTcpSocket>
+#include <QSslSocket>
+#include <algorithm>
 #include <limits>
 
 #include "config/settings.h"
 #include "delivery/error_trap.h"
-#include "delivery/queue_folders.h"
-#include "log/logs.h"
-#include "notify/generate_deferred_mail.h"
-#include "notify/generate_return_mail.h"
+#include "delivery/server_route.h"
 #include "log/dates.h"
+#include "log/logs.h"
 #include "platform/clock.h"
 #include "platform/folder_scan.h"
 #include "platform/program_folder.h"
 #include "smtp_in/connexion.h"
 #include "store/address.h"
-#include "store/queue_files.h"
 
 namespace postiq {
 
@@ -38,12 +36,15 @@ QDirIterator queueFiles(const Logs& logs, const char* folder)
 
 Dispatcher::Dispatcher(Logs& logs, Settings& settings, ConnectionTables& tables, QObject* parent)
     : QObject(parent), logs_(logs), settings_(settings), tables_(tables),
-      session_(logs, settings, tables, *this)
+      queue_(logs), disposition_(logs, settings), addresses_(logs, settings, tables.CnxOut(1).DNS.lookups())
 {
     tmrVerifOutBox.setInterval(kTimerInterval);
     tmrVerifDeferred.setInterval(kTimerInterval);
     connect(&tmrVerifOutBox, &QTimer::timeout, this, &Dispatcher::outboxTick);
     connect(&tmrVerifDeferred, &QTimer::timeout, this, &Dispatcher::VerifDeferred);
+    tmrDeferredDue.setSingleShot(true);
+    tmrDeferredDue.setTimerType(Qt::PreciseTimer);
+    connect(&tmrDeferredDue, &QTimer::timeout, this, &Dispatcher::VerifDeferred);
 }
 
 void Dispatcher::startTimers()
@@ -56,12 +57,24 @@ void Dispatcher::stopTimers()
 {
     tmrVerifOutBox.stop();
     tmrVerifDeferred.stop();
+    tmrDeferredDue.stop();
 }
 
 void Dispatcher::enableOutboxTimer()
 {
     if (!tmrVerifOutBox.isActive())
         tmrVerifOutBox.start();
+}
+
+void Dispatcher::queueChanged()
+{
+    if (dispatchPosted_)
+        return;
+    dispatchPosted_ = true;
+    QMetaObject::invokeMethod(this, [this] {
+        dispatchPosted_ = false;
+        VerifOutBox();
+    }, Qt::QueuedConnection);
 }
 
 void Dispatcher::postVerifOutBox()
@@ -160,7 +173,11 @@ void Dispatcher::SendOutSmtp(const QString& file)
         cnx.CurrentOutFile = file;
         cnx.CurrentRcptTo = 0;
         // The slot is busy from here on, so it owns its socket from here on (a release needs it).
-        session_.attach(i, tables_.LoadSmtpDistant(i));
+        tables_.LoadSmtpDistant(i);
+        SlotDelivery& slot = slots_[i];
+        slot.generation += 1;
+        slot.triedInClear = false;
+        slot.arrival = QFileInfo(queue_.path("OutBox", file)).lastModified();
         ReleasingOnFault(tables_, i, [&] {
             if (!loadOrSetAside(cnx.Message, file)) {
                 tables_.ReleaseSmtpDistant(i);
@@ -182,13 +199,11 @@ void Dispatcher::SendOutSmtp(const QString& file)
 // set aside in Error as it is, with a line in the error log, and the queue goes on.
 bool Dispatcher::loadOrSetAside(CMessage& message, const QString& file)
 {
-    const QString path = QueueFilePath(logs_, "OutBox", file);
     try {
-        message.MLoad(path);
+        message.MLoad(queue_.path("OutBox", file));
         return true;
     } catch (const Fault& fault) {
-        CopyQueueFileDurably(path, QueueFilePath(logs_, "Error", file));
-        RemoveQueueFile(path);
+        queue_.setAside(file);
         logs_.ErrorLog(GMTDate(logs_.clock()) + " D:MODULE[SendOutSmtp] error " + number(fault.number()) + ": "
                        + fault.description().toUtf8() + " => placed in the error directory");
         return false;
@@ -207,35 +222,86 @@ void Dispatcher::routeResolved(uint8_t i, const QString& file, const QByteArray&
     }
     cnx.CnxType = "OUT";
     cnx.DNS.CurrentMX = 1;
-    cnx.setStatus(Connecting);
     logs_.DbgAdd("<FONT face='Verdana' size='2'>" + GMTDate(logs_.clock()) + ": Chargement connexion OUT["
                  + number(i) + "]</FONT><BR>");
-    session_.connectToCurrentHost(i);
+    startSession(i, false);
 }
 
-void Dispatcher::noRoute(uint8_t i, const QString& file, const QByteArray& domain)
+void Dispatcher::noRoute(uint8_t i, const QString&, const QByteArray& domain)
+{
+    DeliveryOutcome outcome;
+    outcome.kind = DeliveryOutcome::NoRoute;
+    outcome.description =
+        "421 No MX DNS available for " + domain + " using NS " + settings_.ActiveSettings.DNSServer.toUtf8();
+    dispose(i, outcome);
+}
+
+void Dispatcher::startSession(uint8_t i, bool clearOnly)
 {
     CConnexion& cnx = tables_.CnxOut(i);
-    CMessage& message = cnx.Message;
-    const QByteArray failure =
-        "421 No MX DNS available for " + domain + " using NS " + settings_.ActiveSettings.DNSServer.toUtf8();
-    // Written at every such attempt, also when the message is then deferred rather than bounced.
-    logs_.MailLog(GMTDate(logs_.clock()) + " Postiq/smtpdistant: " + message.ID + " " + failure + " status=bounced");
-    message.LastError = failure;
-    if (message.Essai > settings_.ActiveSettings.MaxNbrAttempt && !message.ForSender) {
-        message.MSave(QueueFilePath(logs_, "OutBox", file)); // the bounce reads the new error from it
-        CGenerateReturnMail(logs_, settings_).Generate(file);
-    } else {
-        // A return-error mail without a route is deferred again at every attempt, never bounced.
-        const QString deferred = QueueFilePath(logs_, "Deferred", file);
-        message.MSave(deferred);
-        UndoingOnFault([&] { RemoveQueueFile(QueueFilePath(logs_, "OutBox", file)); },
-                       [&] { RemoveQueueFile(deferred); });
-        cnx.setStatus(Taken);
+    auto* socket = qobject_cast<QSslSocket*>(tables_.SmtpDistant(i));
+    if (!socket)
+        throw Fault(ErrInvalidCall, QStringLiteral("SmtpDistant(%1): socket instance not loaded").arg(i));
+    socket->abort();
+    const QByteArray configured = cnx.DNS.MX.Host(cnx.DNS.CurrentMX);
+    SessionTarget target;
+    target.route = ParseServerRoute(configured);
+    // A submission server is named by host and port: the login stays out of the logs.
+    target.shownHost = target.route.submission() ? target.route.hostAndPort() : configured;
+    target.exchanger = !settings_.UserSettings.SmtpServerDefined;
+    target.clearOnly = clearOnly;
+    target.knownAddresses = cnx.DNS.MX.record(cnx.DNS.CurrentMX).Addresses;
+    const quint64 generation = slots_[i].generation;
+    auto* session = new OutboundSession(
+        logs_, settings_, addresses_, i, cnx, *socket, target, timeouts, [this] { VerifOutBox(); },
+        [this, i, generation](const DeliveryOutcome& outcome) { sessionEnded(i, generation, outcome); });
+    session->start();
+}
+
+void Dispatcher::sessionEnded(uint8_t i, quint64 generation, const DeliveryOutcome& outcome)
+{
+    Trapped(logs_, "M:MAIN[SmtpDistant_Error]", [&] {
+        if (slots_[i].generation != generation || tables_.CnxOut(i).Status() == 0)
+            return; // the slot went another way meanwhile
+        ReleasingOnFault(tables_, i, [&] { dispose(i, outcome); });
+    });
+}
+
+void Dispatcher::dispose(uint8_t i, const DeliveryOutcome& outcome)
+{
+    CConnexion& cnx = tables_.CnxOut(i);
+    SlotDelivery& slot = slots_[i];
+    DispositionInput input;
+    input.slot = i;
+    input.file = cnx.CurrentOutFile;
+    input.message = &cnx.Message;
+    input.arrival = slot.arrival;
+    input.outcome = outcome;
+    input.moreHosts = outcome.kind != DeliveryOutcome::NoRoute && cnx.DNS.CurrentMX < cnx.DNS.MX.Count();
+    input.clearRetryLeft = !slot.triedInClear;
+    switch (disposition_.decide(input)) {
+    case NextStep::NextHost:
+        cnx.DNS.CurrentMX += 1;
+        slot.triedInClear = false;
+        startSession(i, false);
+        return;
+    case NextStep::SameHostInClear:
+        slot.triedInClear = true;
+        startSession(i, true);
+        return;
+    case NextStep::Release:
+        break;
     }
-    enableOutboxTimer();
-    // Released, so that unroutable messages can never hold every outbound slot.
     tables_.ReleaseSmtpDistant(i);
+    // A deferred message goes again as soon as its delay has run out.
+    const QFileInfo deferred(queue_.path("Deferred", input.file));
+    if (deferred.exists())
+        Trapped(logs_, "D:MODULE[VerifDeferred]", [&] { wakeWhenDue(deferred.lastModified()); });
+    if (outcome.kind == DeliveryOutcome::Transaction)
+        postAfterSession();
+    else
+        postVerifOutBox();
+    enableOutboxTimer();
 }
 
 void Dispatcher::VerifDeferred()
@@ -254,25 +320,48 @@ void Dispatcher::ForceDeferred()
     VerifOutBox();
 }
 
+int Dispatcher::deferredDelaySeconds() const
+{
+    // Minutes to seconds in 16-bit arithmetic, as the setting is: above 546 it overflows.
+    const int delay = settings_.ActiveSettings.AttemptDelay * 60;
+    if (delay > std::numeric_limits<int16_t>::max() || delay < std::numeric_limits<int16_t>::min())
+        throw Fault(ErrOverflow, QStringLiteral("Overflow"));
+    return delay;
+}
+
 void Dispatcher::moveDeferredBack(bool onlyDue)
 {
     const QDateTime now = logs_.clock().now();
+    std::optional<QDateTime> earliestLeft;
+    bool moved = false;
     for (QDirIterator files = queueFiles(logs_, "Deferred"); files.hasNext();) {
         const QFileInfo info = files.nextFileInfo();
         if (onlyDue) {
-            // Minutes to seconds in 16-bit arithmetic, as the setting is: above 546 it overflows.
-            const int delay = settings_.ActiveSettings.AttemptDelay * 60;
-            if (delay > std::numeric_limits<int16_t>::max() || delay < std::numeric_limits<int16_t>::min())
-                throw Fault(ErrOverflow, QStringLiteral("Overflow"));
-            const qint64 age = info.lastModified().secsTo(now);
-            if (age <= delay)
+            const QDateTime deferredAt = info.lastModified();
+            if (deferredAt.secsTo(now) <= deferredDelaySeconds()) {
+                if (!earliestLeft || deferredAt < *earliestLeft)
+                    earliestLeft = deferredAt;
                 continue;
+            }
         }
-        // The copy in OutBox is complete before the deferred one goes; the attempt count travels.
-        const QString outBox = QueueFilePath(logs_, "OutBox", info.fileName());
-        CopyQueueFileDurably(info.filePath(), outBox);
-        UndoingOnFault([&] { RemoveQueueFile(info.filePath()); }, [&] { RemoveQueueFile(outBox); });
+        queue_.backToOutBox(info.filePath());
+        moved = true;
     }
+    if (moved)
+        queueChanged();
+    tmrDeferredDue.stop();
+    if (earliestLeft)
+        wakeWhenDue(*earliestLeft);
+}
+
+// A file is due once its age exceeds the delay by a whole second.
+void Dispatcher::wakeWhenDue(const QDateTime& deferredAt)
+{
+    const QDateTime due = deferredAt.addSecs(deferredDelaySeconds() + 1);
+    const qint64 wait = std::clamp<qint64>(logs_.clock().now().msecsTo(due), 0, std::numeric_limits<int>::max());
+    if (tmrDeferredDue.isActive() && tmrDeferredDue.remainingTime() <= wait)
+        return;
+    tmrDeferredDue.start(int(wait));
 }
 
 } // namespace postiq

@@ -1,14 +1,20 @@
 #pragma once
 
 #include <QByteArray>
+#include <QDateTime>
 #include <QObject>
 #include <QSet>
 #include <QString>
 #include <QTimer>
+#include <array>
 #include <cstdint>
 #include <optional>
 
+#include "delivery/delivery_queue.h"
+#include "delivery/disposition.h"
 #include "delivery/outbound_session.h"
+#include "dns/address_resolver.h"
+#include "smtp_in/connexion.h"
 
 namespace postiq {
 
@@ -17,9 +23,12 @@ class Logs;
 class Settings;
 
 // Moves due files from Deferred back to OutBox, and hands each OutBox file that no busy OUT slot
-// holds to a free slot: message loaded, attempt counted, route resolved, connection started. The
-// outbox timer runs only while the queue has nothing new; the sessions call VerifOutBox at their
-// milestones, which chains the dispatch of the whole queue.
+// holds to a free slot: message loaded, attempt counted, route resolved, one session per
+// connection started. Each session's outcome goes through the disposition table, which may send
+// the slot on to the next host. Mail leaves at once: a new queue file (queueChanged), a freed
+// slot, a notice and a deferred file that falls due each start a dispatch within milliseconds;
+// the sessions' milestones call VerifOutBox, which chains the dispatch of the whole queue. The
+// two 10-second timers remain as a backstop.
 class Dispatcher : public QObject {
     Q_OBJECT
 public:
@@ -29,9 +38,13 @@ public:
 
     // Starts both timers; the program does so at start-up, whatever the service's state.
     void startTimers();
-    // Stops both timers (the fatal report, the end of the program).
+    // Stops the timers (the fatal report, the end of the program).
     void stopTimers();
 
+    // Something new may wait in OutBox (a message just accepted): a dispatch starts after the
+    // events already pending. Calls made meanwhile add nothing; it never dispatches from inside
+    // its caller.
+    void queueChanged();
     // Dispatches at most one OutBox file.
     void VerifOutBox();
     // Moves back to OutBox every deferred file older than AttemptDelay minutes.
@@ -51,10 +64,15 @@ public:
     // timer enabled, another dispatch.
     void postAfterSession();
 
-    OutboundSession& session() { return session_; }
+    // How long each connection may wait (tests shorten them).
+    OutboundTimeouts timeouts;
+    // Finds the addresses of every session's host, through the configured DNS server.
+    AddressResolver& addressResolver() { return addresses_; }
 
     QTimer tmrVerifOutBox;
     QTimer tmrVerifDeferred;
+    // Runs the deferred scan when the earliest deferred file falls due.
+    QTimer tmrDeferredDue;
 
 private:
     void outboxTick();
@@ -64,15 +82,36 @@ private:
     // Steps that follow the route lookup of a dispatch on slot i.
     void routeResolved(uint8_t i, const QString& file, const QByteArray& domain);
     void noRoute(uint8_t i, const QString& file, const QByteArray& domain);
+    // Starts a session with the slot's current host.
+    void startSession(uint8_t i, bool clearOnly);
+    // Where the disposition table sends the slot once its session has ended.
+    void sessionEnded(uint8_t i, quint64 generation, const DeliveryOutcome& outcome);
+    void dispose(uint8_t i, const DeliveryOutcome& outcome);
     // Loads the OutBox file into `message`; false when it could not be read and went to Error.
     bool loadOrSetAside(CMessage& message, const QString& file);
-    // Copies every (or every due) deferred file back to OutBox; false stops at the first fault.
+    // Copies every (or every due) deferred file back to OutBox, dispatches them, and wakes the
+    // scan again when the earliest file left falls due.
     void moveDeferredBack(bool onlyDue);
+    // The deferred delay in seconds; a value beyond 16 bits is a fault, as the setting has always been.
+    int deferredDelaySeconds() const;
+    // Arms tmrDeferredDue for a file deferred at `deferredAt`, unless it already fires sooner.
+    void wakeWhenDue(const QDateTime& deferredAt);
+
+    // What a busy slot's delivery needs beyond the slot record.
+    struct SlotDelivery {
+        QDateTime arrival;       // when the message was queued
+        quint64 generation = 0;  // tells a late outcome from the slot's current one
+        bool triedInClear = false;
+    };
 
     Logs& logs_;
     Settings& settings_;
     ConnectionTables& tables_;
-    OutboundSession session_;
+    DeliveryQueue queue_;
+    Disposition disposition_;
+    AddressResolver addresses_;
+    std::array<SlotDelivery, ConnectionTables::kUpperBound + 1> slots_;
+    bool dispatchPosted_ = false;
 };
 
 } // namespace postiq

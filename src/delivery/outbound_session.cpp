@@ -1,365 +1,508 @@
 #include "delivery/outbound_session.h"
 
 #include <QHostAddress>
-#include <QHostInfo>
+#include <QSslCipher>
+#include <QSslConfiguration>
 #include <QSslSocket>
-#include <QTcpSocket>
-#include <QTimer>
 
 #include "config/settings.h"
-#include "delivery/dispatcher.h"
 #include "delivery/error_trap.h"
-#include "delivery/queue_folders.h"
 #include "delivery/socket_errors.h"
+#include "delivery/tls_trust.h"
 #include "delivery/transmission.h"
+#include "dns/address_resolver.h"
+#include "log/dates.h"
 #include "log/html.h"
 #include "log/logs.h"
-#include "notify/generate_deferred_mail.h"
-#include "notify/generate_return_mail.h"
-#include "log/dates.h"
-#include "platform/desktop.h"
-#include "store/queue_files.h"
+#include "smtp_in/connexion.h"
 
 namespace postiq {
 
 namespace {
-const QByteArray kCrLf = "\r\n";
-constexpr int kRefusal = 550;
-
-template <int32_t S>
-bool is(int32_t status) { return status == S; }
-bool anyState(int32_t) { return true; }
-
 QByteArray number(int n) { return QByteArray::number(n); }
 
-// The reply without its final CR LF.
-QByteArray withoutLineEnd(const QByteArray& reply) { return reply.left(qMax<qsizetype>(0, reply.size() - 2)); }
-
-// A reply is whole when its last line is not a continuation line ("250-...").
-bool IsWholeReply(const QByteArray& text)
+bool hasEightBitBytes(const QByteArray& text)
 {
-    if (!text.endsWith('\n'))
-        return false;
-    const qsizetype start = text.lastIndexOf('\n', text.size() - 2) + 1;
-    const QByteArray last = text.mid(start);
-    return last.size() < 4 || last.at(3) != '-';
+    for (char c : text)
+        if (static_cast<unsigned char>(c) >= 0x80)
+            return true;
+    return false;
 }
 } // namespace
 
-// The server's replies, tried in order; the first whose state and reply code match is applied.
+// The server's replies, tried in order: the first row whose state and reply class match is
+// applied. A reply no row expects is nonsense in its state.
 const OutboundSession::Row OutboundSession::kRows[] = {
-    // Status            code       action
-    {is<Connecting>,     220,       &OutboundSession::sendHelo},
-    {is<HeloSent>,       250,       &OutboundSession::sendMailFrom},
-    {is<MailSent>,       250,       &OutboundSession::sendRcptTo},
-    {is<LastRcptSent>,   250,       &OutboundSession::sendDataCommand},
-    {is<LastRcptSent>,   kRefusal,  &OutboundSession::refused},
-    {is<DataSent>,       354,       &OutboundSession::sendText},
-    {is<Written>,        250,       &OutboundSession::accepted},
-    {anyState,           kRefusal,  &OutboundSession::refused},
-    {anyState,           kAnyCode,  &OutboundSession::notImplemented},
+    // State          Reply          Action
+    {Connecting,      Positive,      &OutboundSession::sendEhlo},
+    {Connecting,      Transient,     &OutboundSession::temporaryFailure},
+    {Connecting,      Permanent,     &OutboundSession::permanentFailure},
+    {EhloSent,        Positive,      &OutboundSession::afterEhlo},
+    {EhloSent,        Transient,     &OutboundSession::temporaryFailure},
+    {EhloSent,        Permanent,     &OutboundSession::sendHelo},
+    {HeloSent,        Positive,      &OutboundSession::sendMailFrom},
+    {HeloSent,        Transient,     &OutboundSession::temporaryFailure},
+    {HeloSent,        Permanent,     &OutboundSession::permanentFailure},
+    {StartTlsSent,    Positive,      &OutboundSession::startTls},
+    {StartTlsSent,    Transient,     &OutboundSession::noStartTls},
+    {StartTlsSent,    Permanent,     &OutboundSession::noStartTls},
+    {SecureEhloSent,  Positive,      &OutboundSession::afterSecureEhlo},
+    {SecureEhloSent,  Transient,     &OutboundSession::temporaryFailure},
+    {SecureEhloSent,  Permanent,     &OutboundSession::permanentFailure},
+    {AuthLoginSent,   Intermediate,  &OutboundSession::sendLoginUser},
+    {AuthUserSent,    Intermediate,  &OutboundSession::sendLoginPassword},
+    {AuthSent,        Positive,      &OutboundSession::sendMailFrom},
+    {AuthLoginSent,   Transient,     &OutboundSession::authenticationFailed},
+    {AuthLoginSent,   Permanent,     &OutboundSession::authenticationFailed},
+    {AuthUserSent,    Transient,     &OutboundSession::authenticationFailed},
+    {AuthUserSent,    Permanent,     &OutboundSession::authenticationFailed},
+    {AuthSent,        Transient,     &OutboundSession::authenticationFailed},
+    {AuthSent,        Permanent,     &OutboundSession::authenticationFailed},
+    {MailSent,        Positive,      &OutboundSession::sendRecipients},
+    {MailSent,        Transient,     &OutboundSession::temporaryFailure},
+    {MailSent,        Permanent,     &OutboundSession::permanentFailure},
+    {LastRcptSent,    Positive,      &OutboundSession::recipientAccepted},
+    {LastRcptSent,    Transient,     &OutboundSession::recipientDeferred},
+    {LastRcptSent,    Permanent,     &OutboundSession::recipientRefused},
+    {DataSent,        Intermediate,  &OutboundSession::sendText},
+    {DataSent,        Transient,     &OutboundSession::temporaryFailure},
+    {DataSent,        Permanent,     &OutboundSession::permanentFailure},
+    {Writing,         Positive,      &OutboundSession::accepted},
+    {Writing,         Transient,     &OutboundSession::temporaryFailure},
+    {Writing,         Permanent,     &OutboundSession::permanentFailure},
+    {Written,         Positive,      &OutboundSession::accepted},
+    {Written,         Transient,     &OutboundSession::temporaryFailure},
+    {Written,         Permanent,     &OutboundSession::permanentFailure},
+    {kAnyState,       kAnyClass,     &OutboundSession::nonsense},
 };
 
-// The secure opening of a submission route. Once logged in (or at once after the secure EHLO
-// when there is no login) the session carries on as if HELO had been answered.
-const OutboundSession::Row OutboundSession::kOpeningRows[] = {
-    // Status            code       action
-    {is<Connecting>,     220,       &OutboundSession::sendEhlo},
-    {is<EhloSent>,       250,       &OutboundSession::sendStartTls},
-    {is<EhloSent>,       kAnyCode,  &OutboundSession::noStartTls},
-    {is<StartTlsSent>,   220,       &OutboundSession::startTls},
-    {is<StartTlsSent>,   kAnyCode,  &OutboundSession::noStartTls},
-    {is<SecureEhloSent>, 250,       &OutboundSession::authenticate},
-    {is<AuthLoginSent>,  334,       &OutboundSession::sendLoginUser},
-    {is<AuthUserSent>,   334,       &OutboundSession::sendLoginPassword},
-    {is<AuthSent>,       235,       &OutboundSession::authenticated},
-    {is<AuthLoginSent>,  kAnyCode,  &OutboundSession::authenticationFailed},
-    {is<AuthUserSent>,   kAnyCode,  &OutboundSession::authenticationFailed},
-    {is<AuthSent>,       kAnyCode,  &OutboundSession::authenticationFailed},
-};
-
-OutboundSession::OutboundSession(Logs& logs, const Settings& settings, ConnectionTables& tables,
-                                 Dispatcher& dispatcher, QObject* parent)
-    : QObject(parent), logs_(logs), settings_(settings), tables_(tables), dispatcher_(dispatcher)
+OutboundSession::OutboundSession(Logs& logs, const Settings& settings, AddressResolver& addresses, uint8_t slot,
+                                 CConnexion& cnx, QSslSocket& socket, SessionTarget target,
+                                 OutboundTimeouts timeouts, std::function<void()> milestone, Done done)
+    : QObject(&socket), logs_(logs), settings_(settings), addresses_(addresses), slot_(slot), cnx_(cnx),
+      socket_(socket),
+      target_(std::move(target)), timeouts_(timeouts), milestone_(std::move(milestone)), done_(std::move(done))
 {
-}
-
-void OutboundSession::attach(uint8_t n, QTcpSocket& socket)
-{
-    const QPointer<QTcpSocket> guard(&socket);
-    connect(&socket, &QTcpSocket::connected, this, [this, n, guard] { connected(n, guard); });
-    connect(&socket, &QTcpSocket::readyRead, this, [this, n, guard] { SmtpDistant_DataArrival(n, guard); });
-    connect(&socket, &QTcpSocket::bytesWritten, this, [this, n, guard] { sendComplete(n, guard); });
+    watchdog_.setSingleShot(true);
+    connect(&watchdog_, &QTimer::timeout, this, &OutboundSession::watchdogExpired);
+    connect(&socket_, &QSslSocket::connected, this, &OutboundSession::connected);
+    connect(&socket_, &QSslSocket::readyRead, this, &OutboundSession::dataArrived);
+    connect(&socket_, &QSslSocket::bytesWritten, this, &OutboundSession::bytesWritten);
+    connect(&socket_, &QSslSocket::encrypted, this, &OutboundSession::encrypted);
     // Queued: a socket may report a failure from inside a call made by another handler.
-    connect(&socket, &QTcpSocket::errorOccurred, this, [this, n, guard] { socketError(n, guard); },
-            Qt::QueuedConnection);
-    if (auto* tls = qobject_cast<QSslSocket*>(&socket))
-        connect(tls, &QSslSocket::encrypted, this, [this, n, guard] { encrypted(n, guard); });
-    auto* watchdog = new QTimer(&socket);
-    watchdog->setSingleShot(true);
-    connect(watchdog, &QTimer::timeout, this, [this, n, guard] { watchdogExpired(n, guard); });
-    watchdog_[n] = watchdog;
-    remoteIp_[n].clear();
+    connect(&socket_, &QSslSocket::errorOccurred, this, &OutboundSession::socketError, Qt::QueuedConnection);
 }
 
-bool OutboundSession::owns(uint8_t n, QTcpSocket* socket) const
+QByteArray OutboundSession::GreetingName(const QString& localHostName, const QHostAddress& local)
 {
-    return socket && tables_.SmtpDistant(n) == socket;
+    QByteArray name = localHostName.toUtf8();
+    name.replace('\0', QByteArray());
+    if (name.contains('.') && !name.startsWith('.') && !name.endsWith('.'))
+        return name;
+    bool isIPv4 = false;
+    const quint32 v4 = local.toIPv4Address(&isIPv4);
+    if (isIPv4)
+        return '[' + QHostAddress(v4).toString().toLatin1() + ']';
+    return "[IPv6:" + local.toString().toLatin1() + ']';
 }
 
-void OutboundSession::armWatchdog(uint8_t n, std::chrono::milliseconds limit)
+QByteArray OutboundSession::PathText(const QByteArray& address)
 {
-    if (QTimer* watchdog = watchdog_[n])
-        watchdog->start(limit);
+    const QByteArray trimmed = address.trimmed();
+    if (trimmed.startsWith('<') && trimmed.endsWith('>'))
+        return trimmed;
+    return '<' + trimmed + '>';
 }
 
-void OutboundSession::connectToCurrentHost(uint8_t n)
+const CMessage& OutboundSession::message() const { return cnx_.Message; }
+
+QByteArray OutboundSession::head() const
 {
-    CConnexion& cnx = tables_.CnxOut(n);
-    QTcpSocket* socket = tables_.SmtpDistant(n);
-    if (!socket)
-        throw Fault(ErrInvalidCall, QStringLiteral("SmtpDistant(%1): socket instance not loaded").arg(n));
-    const QByteArray configured = cnx.DNS.MX.Host(cnx.DNS.CurrentMX);
-    opening_[n] = Opening{ParseServerRoute(configured), {}};
-    const ServerRoute& route = opening_[n].route;
-    // A submission server is named by host and port: the login stays out of the logs.
-    cnx.SrvClient = route.submission() ? route.hostAndPort() : configured;
-    cnx.CurrentRcptTo = 0; // a new dialogue names its recipients from the first
-    cnx.SmtpCommand.clear();
-    remoteIp_[n].clear();
-    const QString host = route.host;
-    socket->abort();
-    armWatchdog(n, timeouts.connect);
+    return " Postiq/smtpdistant[" + number(slot_) + "]: " + message().ID;
+}
+
+void OutboundSession::setState(int32_t state) { cnx_.setStatus(state); }
+
+void OutboundSession::armWatchdog(std::chrono::milliseconds limit) { watchdog_.start(limit); }
+
+void OutboundSession::start()
+{
+    cnx_.SrvClient = target_.shownHost;
+    setState(Connecting);
+    armWatchdog(timeouts_.connect);
+    if (target_.route.submission() && !target_.route.user.isEmpty() && !readPassword())
+        return;
     // The name is resolved here rather than by the socket, so that a failure can name the
-    // address that refused, and a name that does not resolve is "host not found".
-    const QPointer<QTcpSocket> guard(socket);
-    QHostInfo::lookupHost(host, this, [this, n, guard](const QHostInfo& info) {
-        Trapped(logs_, "M:MAIN[SmtpDistant_Connect]", [&] {
-            if (!owns(n, guard) || tables_.CnxOut(n).Status() != Connecting)
-                return;
-            if (info.error() != QHostInfo::NoError || info.addresses().isEmpty()) {
-                SmtpDistant_Error(n, ErrHostNotFound, info.errorString().toUtf8());
-                return;
-            }
-            const QHostAddress address = info.addresses().constFirst();
-            remoteIp_[n] = PlainAddressText(address);
-            startConnection(n, address);
-        });
-    });
+    // address that refused, and a name that does not resolve is "host not found". Exchangers are
+    // asked of the DNS server that named them; a fixed server is found as the computer finds it.
+    const auto found = [this](const QList<QHostAddress>& addresses) {
+        Trapped(logs_, "M:MAIN[SmtpDistant_Connect]", [&] { addressesFound(addresses); });
+    };
+    const QByteArray host = target_.route.host.toUtf8();
+    if (target_.exchanger)
+        addresses_.resolve(host, target_.knownAddresses, this, found);
+    else
+        addresses_.resolveThroughSystem(host, this, found);
+}
+
+void OutboundSession::addressesFound(const QList<QHostAddress>& addresses)
+{
+    if (finished_)
+        return;
+    if (addresses.isEmpty()) {
+        fail(ErrHostNotFound, "Host not found");
+        return;
+    }
+    ip_ = PlainAddressText(addresses.constFirst());
+    connectTo(addresses.constFirst());
+}
+
+void OutboundSession::connectTo(const QHostAddress& address)
+{
+    const ServerRoute& route = target_.route;
+    if (route.submission()) {
+        socket_.setSslConfiguration(SubmissionTlsConfiguration());
+        socket_.setPeerVerifyName(route.host);
+    } else {
+        // Mail exchangers are met with whatever certificate they hold, as every relay does: the
+        // encryption keeps out those who listen, not those who sit in the middle.
+        QSslConfiguration config = QSslConfiguration::defaultConfiguration();
+        config.setPeerVerifyMode(QSslSocket::VerifyNone);
+        socket_.setSslConfiguration(config);
+    }
+    if (route.security == Security::ImplicitTls)
+        socket_.connectToHostEncrypted(address.toString(), route.port, route.host);
+    else
+        socket_.connectToHost(address, route.port);
 }
 
 // ---- socket events ----
 
-void OutboundSession::connected(uint8_t n, QTcpSocket* socket)
+void OutboundSession::connected()
 {
     Trapped(logs_, "M:MAIN[SmtpDistant_Connect]", [&] {
-        if (!owns(n, socket))
+        if (finished_)
             return;
-        armWatchdog(n, timeouts.silence);
-        mailLog(" Postiq/smtpdistant[" + number(n) + "]: " + loggedId() + " connect to "
-                + tables_.CnxOut(n).SrvClient + " [" + remoteIp_[n] + "]");
+        armWatchdog(timeouts_.silence);
+        logs_.MailLog(GMTDate(logs_.clock()) + head() + " connect to " + target_.shownHost + " [" + ip_ + "]");
     });
 }
 
-void OutboundSession::SmtpDistant_DataArrival(uint8_t n, QTcpSocket* socket)
+void OutboundSession::dataArrived()
 {
     Trapped(logs_, "M:MAIN[SmtpDistant_DataArrival]", [&] {
-        if (!owns(n, socket))
+        if (finished_)
             return;
-        const QByteArray text = socket->readAll();
+        const QByteArray text = socket_.readAll();
         if (text.isEmpty())
             return;
-        armWatchdog(n, timeouts.silence);
+        armWatchdog(timeouts_.silence);
         if (settings_.ActiveSettings.DebugMode) {
-            logs_.DbgAdd("<FONT COLOR='#008800'>Receive from SMTPDISTANT[" + number(n) + "]: " + loggedId()
+            logs_.DbgAdd("<FONT COLOR='#008800'>Receive from SMTPDISTANT[" + number(slot_) + "]: " + message().ID
                          + " " + HtmlEscape(text) + "</FONT>");
         }
-        CConnexion& cnx = tables_.CnxOut(n);
-        if (inOpening(n)) {
-            // The opening decides on whole replies (an EHLO reply may come in pieces).
-            cnx.SmtpCommand += text;
-            if (!IsWholeReply(cnx.SmtpCommand))
-                return;
-            Reply reply{n, cnx, cnx.SmtpCommand};
-            cnx.SmtpCommand.clear();
-            if (!applyFirstRow(kOpeningRows, reply))
-                applyFirstRow(kRows, reply);
-            return;
+        reader_.feed(text);
+        while (!finished_) {
+            const std::optional<ServerReply> reply = reader_.next();
+            if (!reply)
+                break;
+            handle(*reply);
         }
-        cnx.SmtpCommand = text;
-        Reply reply{n, cnx, text};
-        applyFirstRow(kRows, reply);
     });
 }
 
-bool OutboundSession::applyFirstRow(std::span<const Row> rows, Reply& reply)
+void OutboundSession::handle(const ServerReply& reply)
 {
-    bool isNumber = false;
-    const int code = GetResponseCode(reply.text).toInt(&isNumber);
-    for (const Row& row : rows) {
-        if (row.state(reply.cnx.Status()) && (row.code == kAnyCode || (isNumber && row.code == code))) {
-            ReleasingOnFault(tables_, reply.n, [&] { (this->*row.action)(reply); });
-            return true;
+    const int32_t state = cnx_.Status();
+    for (const Row& row : kRows) {
+        if ((row.state == kAnyState || row.state == state)
+            && (row.replyClass == kAnyClass || row.replyClass == reply.replyClass())) {
+            (this->*row.action)(reply);
+            return;
         }
     }
-    return false;
 }
 
-void OutboundSession::sendComplete(uint8_t n, QTcpSocket* socket)
+void OutboundSession::bytesWritten()
 {
-    Trapped(logs_, "M:MAIN[SmtpDistant_SendComplete]", [&] {
-        if (!owns(n, socket))
+    if (finished_)
+        return;
+    armWatchdog(timeouts_.silence); // a long message is still moving
+    if (cnx_.Status() == Writing && socket_.bytesToWrite() == 0)
+        setState(Written);
+}
+
+void OutboundSession::socketError()
+{
+    Trapped(logs_, "M:MAIN[SmtpDistant_Error]", [&] {
+        if (finished_)
             return;
-        armWatchdog(n, timeouts.silence); // a long message is still moving
-        CConnexion& cnx = tables_.CnxOut(n);
-        if (cnx.Status() == Writing && socket->bytesToWrite() == 0)
-            cnx.setStatus(Written);
+        const QAbstractSocket::SocketError error = socket_.error();
+        const int errorNumber = cnx_.Status() == TlsHandshake ? ErrTlsFailed : SocketErrorNumber(error);
+        fail(errorNumber, socket_.errorString().toUtf8());
     });
 }
 
-void OutboundSession::socketError(uint8_t n, QTcpSocket* socket)
+void OutboundSession::watchdogExpired()
 {
-    if (!owns(n, socket))
-        return;
-    SmtpDistant_Error(n, SocketErrorNumber(socket->error()), socket->errorString().toUtf8());
+    Trapped(logs_, "M:MAIN[SmtpDistant_Error]", [&] {
+        // A handshake that never ends is a failed one: the host may still take the mail in clear.
+        if (!finished_)
+            fail(cnx_.Status() == TlsHandshake ? ErrTlsFailed : ErrTimedOut, "Socket operation timed out");
+    });
 }
 
-void OutboundSession::watchdogExpired(uint8_t n, QTcpSocket* socket)
+void OutboundSession::encrypted()
 {
-    if (!owns(n, socket))
-        return;
-    const int32_t status = tables_.CnxOut(n).Status();
-    if (status == Taken || status == 0)
-        return; // no connection under way: nothing to wait for
-    SmtpDistant_Error(n, ErrTimedOut, "Socket operation timed out");
+    Trapped(logs_, "M:MAIN[SmtpDistant_Encrypted]", [&] {
+        if (finished_)
+            return;
+        const QSslCipher cipher = socket_.sessionCipher();
+        logs_.MailLog(GMTDate(logs_.clock()) + head() + " TLS " + cipher.protocolString().toUtf8() + " "
+                      + cipher.name().toUtf8());
+        if (cnx_.Status() != TlsHandshake)
+            return; // smtps://: the greeting comes next
+        reader_.clear();
+        sendEhloCommand("EHLO");
+        setState(SecureEhloSent);
+    });
 }
 
 // ---- the reply table's actions ----
 
-void OutboundSession::sendHelo(Reply& reply)
+void OutboundSession::sendEhlo(const ServerReply&)
 {
-    reply.cnx.setStatus(HeloSent);
-    QByteArray name = settings_.LocalHostName.toUtf8();
-    name.replace('\0', QByteArray());
-    sendCommand(reply.n, "HELO " + name);
-    dispatcher_.VerifOutBox();
+    // Over smtps:// the first EHLO is already a secure one.
+    const bool secure = socket_.isEncrypted();
+    sendEhloCommand("EHLO");
+    setState(secure ? SecureEhloSent : EhloSent);
+    if (milestone_)
+        milestone_();
 }
 
-void OutboundSession::sendMailFrom(Reply& reply)
+void OutboundSession::sendHelo(const ServerReply&)
 {
-    reply.cnx.setStatus(MailSent);
-    sendCommand(reply.n, "MAIL FROM: " + reply.cnx.Message.From);
+    if (target_.route.submission()) {
+        fail(ErrNoStartTls, "EHLO refused");
+        return;
+    }
+    extended_ = false;
+    sendEhloCommand("HELO");
+    setState(HeloSent);
 }
 
-void OutboundSession::sendRcptTo(Reply& reply)
+void OutboundSession::afterEhlo(const ServerReply& reply)
 {
-    CConnexion& cnx = reply.cnx;
-    cnx.CurrentRcptTo = uint8_t(cnx.CurrentRcptTo + 1);
-    if (cnx.CurrentRcptTo >= cnx.Message.MRcptToCount())
-        cnx.setStatus(LastRcptSent);
-    sendCommand(reply.n, "RCPT TO: " + cnx.Message.RcptTo(cnx.CurrentRcptTo));
+    offered_ = Extensions::fromEhloReply(reply);
+    extended_ = true;
+    const bool required = target_.route.security == Security::StartTls;
+    const bool wanted = required || (target_.exchanger && !target_.clearOnly);
+    if (wanted && offered_.startTls) {
+        sendCommand("STARTTLS");
+        setState(StartTlsSent);
+        return;
+    }
+    if (required) {
+        fail(ErrNoStartTls, "STARTTLS not offered: " + reply.lines.value(0));
+        return;
+    }
+    sendMailFrom(reply);
 }
 
-void OutboundSession::sendDataCommand(Reply& reply)
+void OutboundSession::startTls(const ServerReply& reply)
 {
-    reply.cnx.setStatus(DataSent);
-    sendCommand(reply.n, "DATA");
-    dispatcher_.VerifOutBox();
+    // Anything after the go-ahead came in plain text and could pass for the server's word.
+    if (reply.code != 220 || reader_.hasPartialReply() || socket_.bytesAvailable() > 0) {
+        fail(ErrTlsFailed, "plain text after the STARTTLS go-ahead");
+        return;
+    }
+    setState(TlsHandshake);
+    socket_.startClientEncryption();
 }
 
-void OutboundSession::sendText(Reply& reply)
+// An exchanger that takes STARTTLS back gets the message in clear; a provider does not.
+void OutboundSession::noStartTls(const ServerReply& reply)
 {
-    reply.cnx.setStatus(Writing);
-    logs_.DbgAdd("<FONT COLOR='#0000FF'>Send to SMTPDISTANT[" + number(reply.n) + "]: " + loggedId()
+    if (target_.route.security == Security::StartTls) {
+        fail(ErrNoStartTls, reply.lines.value(0));
+        return;
+    }
+    sendMailFrom(reply);
+}
+
+void OutboundSession::afterSecureEhlo(const ServerReply& reply)
+{
+    offered_ = Extensions::fromEhloReply(reply);
+    extended_ = true;
+    if (target_.route.submission()) {
+        authenticate(reply);
+        return;
+    }
+    sendMailFrom(reply);
+}
+
+void OutboundSession::authenticationFailed(const ServerReply& reply)
+{
+    fail(ErrAuthFailed, reply.lines.value(0));
+}
+
+void OutboundSession::sendMailFrom(const ServerReply&)
+{
+    QByteArray command = "MAIL FROM:" + PathText(message().From == "<>" ? QByteArray() : message().From);
+    if (extended_ && offered_.size)
+        command += " SIZE=" + number(int(qMin<qsizetype>(message().Data.size(), std::numeric_limits<int>::max())));
+    if (extended_ && offered_.eightBitMime && hasEightBitBytes(message().Data))
+        command += " BODY=8BITMIME";
+    sendCommand(command);
+    setState(MailSent);
+}
+
+void OutboundSession::sendRecipients(const ServerReply&) { sendNextRcpt(); }
+
+void OutboundSession::recordRecipient(RecipientResult::Verdict verdict, const ServerReply& reply)
+{
+    recipients_.append({message().RcptTo(int(recipients_.size()) + 1), verdict, reply});
+    sendNextRcpt();
+}
+
+void OutboundSession::recipientAccepted(const ServerReply& reply) { recordRecipient(RecipientResult::Accepted, reply); }
+void OutboundSession::recipientDeferred(const ServerReply& reply) { recordRecipient(RecipientResult::Deferred, reply); }
+void OutboundSession::recipientRefused(const ServerReply& reply) { recordRecipient(RecipientResult::Refused, reply); }
+
+// One RCPT after another; DATA once every recipient has had its reply and one was accepted.
+void OutboundSession::sendNextRcpt()
+{
+    const int next = int(recipients_.size()) + 1;
+    if (next <= message().MRcptToCount()) {
+        sendCommand("RCPT TO:" + PathText(message().RcptTo(next)));
+        setState(LastRcptSent);
+        return;
+    }
+    for (const RecipientResult& result : recipients_) {
+        if (result.verdict == RecipientResult::Accepted) {
+            sendCommand("DATA");
+            setState(DataSent);
+            if (milestone_)
+                milestone_();
+            return;
+        }
+    }
+    DeliveryOutcome outcome;
+    outcome.kind = DeliveryOutcome::Transaction;
+    outcome.recipients = recipients_;
+    finish(outcome, true);
+}
+
+void OutboundSession::sendText(const ServerReply& reply)
+{
+    if (reply.code != 354) {
+        nonsense(reply);
+        return;
+    }
+    setState(Writing);
+    logs_.DbgAdd("<FONT COLOR='#0000FF'>Send to SMTPDISTANT[" + number(slot_) + "]: " + message().ID
                  + " **** DATA ****</FONT><BR>");
-    tables_.SmtpDistant(reply.n)->write(TransmissionText(reply.cnx.Message.Data));
-    dispatcher_.postVerifOutBox();
+    socket_.write(TransmissionText(message().Data));
+    if (milestone_)
+        milestone_();
 }
 
-void OutboundSession::accepted(Reply& reply)
+// The final reply stands for every recipient that its RCPT had accepted.
+void OutboundSession::accepted(const ServerReply& reply)
 {
-    const uint8_t n = reply.n;
-    CConnexion& cnx = reply.cnx;
-    cnx.setStatus(Finished);
-    const QByteArray text = withoutLineEnd(reply.text);
-    for (int i = 1; i <= cnx.Message.MRcptToCount(); ++i) {
-        mailLog(" Postiq/smtpdistant[" + number(n) + "]: " + loggedId() + " to=" + cnx.Message.RcptTo(i)
-                + ", relay=" + cnx.SrvClient + "[" + remoteIp_[n] + "], status=sent (" + text + ")");
+    DeliveryOutcome outcome;
+    outcome.kind = DeliveryOutcome::Transaction;
+    outcome.recipients = recipients_;
+    for (RecipientResult& result : outcome.recipients) {
+        if (result.verdict == RecipientResult::Accepted)
+            result.reply = reply;
     }
-    sendQuitAndClose(n);
-    const QString file = cnx.CurrentOutFile;
-    tables_.ReleaseSmtpDistant(n);
-    RemoveQueueFile(QueueFilePath(logs_, "OutBox", file)); // no copy of a sent message is kept
-    dispatcher_.postAfterSession();
+    outcome.reply = reply;
+    finish(outcome, true);
 }
 
-void OutboundSession::refused(Reply& reply)
+void OutboundSession::temporaryFailure(const ServerReply& reply)
 {
-    const uint8_t n = reply.n;
-    CConnexion& cnx = reply.cnx;
-    CMessage& message = cnx.Message;
-    cnx.setStatus(Finished);
-    sendQuitAndClose(n);
-    const QByteArray text = withoutLineEnd(reply.text);
-    message.LastError = text;
-    const QByteArray head = GMTDate(logs_.clock()) + " Postiq/smtpdistant[" + number(n) + "]: " + message.ID
-        + " Error 550 (" + text + "), error for=" + message.RcptTo(cnx.CurrentRcptTo) + " status=error, ";
-    if (message.ForSender) {
-        logs_.MailLog(head + "not return error because it's already a return-error-mail: deny loop");
-        logs_.ErrorLog(GMTDate(logs_.clock())
-                       + " See log file at this time : The corresponding message is not routable => placed"
-                         " in the error directory");
-        moveToErrorFolder(n);
-    } else {
-        logs_.MailLog(head + "return error to=" + message.From);
-        rewriteOutboxFile(n);
-        CGenerateReturnMail(logs_, settings_).Generate(cnx.CurrentOutFile);
-    }
-    tables_.ReleaseSmtpDistant(n);
-    dispatcher_.postVerifOutBox();
+    DeliveryOutcome outcome;
+    outcome.kind = DeliveryOutcome::HostTemporary;
+    outcome.reply = reply;
+    finish(outcome, true);
 }
 
-// A reply the dialogue has no rule for: the session stays where it is until the server closes
-// the connection or the time limit ends it.
-void OutboundSession::notImplemented(Reply& reply)
+void OutboundSession::permanentFailure(const ServerReply& reply)
 {
-    logs_.DbgAdd("<FONT COLOR='#FF0000'>" + reply.cnx.Message.ID + " RECEIVED DATA NOT IMPLEMENTED !</FONT><BR>");
-    logs_.desktop().notice(QString(), QStringLiteral("RECEIVED DATA NOT IMPLEMENTED ! See debug log ..."));
-    dispatcher_.VerifOutBox();
+    DeliveryOutcome outcome;
+    outcome.kind = DeliveryOutcome::HostPermanent;
+    outcome.reply = reply;
+    finish(outcome, true);
+}
+
+// A reply that has no place in the dialogue: the server cannot be trusted with the message now.
+void OutboundSession::nonsense(const ServerReply& reply)
+{
+    logs_.MailLog(GMTDate(logs_.clock()) + head() + " unexpected reply (" + reply.text().left(512) + ") from "
+                  + target_.shownHost + " [" + ip_ + "] in state " + number(cnx_.Status()));
+    DeliveryOutcome outcome;
+    outcome.kind = DeliveryOutcome::HostTemporary;
+    outcome.errorNumber = ErrBadReply;
+    outcome.description = reply.text().left(512);
+    finish(outcome, true);
 }
 
 // ---- shared steps ----
 
-void OutboundSession::sendCommand(uint8_t n, const QByteArray& command)
+void OutboundSession::sendEhloCommand(const char* verb)
 {
-    const QByteArray line = command + kCrLf;
-    logs_.DbgAdd("<FONT COLOR='#0000FF'>Send to SMTPDISTANT[" + number(n) + "]: " + loggedId() + " " + line
+    sendCommand(verb + (' ' + GreetingName(settings_.LocalHostName, socket_.localAddress())));
+}
+
+void OutboundSession::sendCommand(const QByteArray& command)
+{
+    const QByteArray line = command + "\r\n";
+    logs_.DbgAdd("<FONT COLOR='#0000FF'>Send to SMTPDISTANT[" + number(slot_) + "]: " + message().ID + " " + line
                  + "</FONT><BR>");
-    tables_.SmtpDistant(n)->write(line);
+    socket_.write(line);
 }
 
-// QUIT goes out before the connection closes; its reply is not awaited.
-void OutboundSession::sendQuitAndClose(uint8_t n)
+void OutboundSession::fail(int errorNumber, const QByteArray& description)
 {
-    sendCommand(n, "QUIT");
-    tables_.SmtpDistant(n)->disconnectFromHost();
+    logs_.DbgAdd("<FONT COLOR='#0000FF'>Error for SMTPDISTANT[" + number(slot_) + "]: " + message().ID + " "
+                 + number(errorNumber) + ": " + description + "</FONT><BR>");
+    DeliveryOutcome outcome;
+    outcome.kind = DeliveryOutcome::HostTemporary;
+    outcome.errorNumber = errorNumber;
+    outcome.description = description;
+    outcome.tlsFailed = errorNumber == ErrTlsFailed && target_.exchanger;
+    finish(outcome, false);
 }
 
-void OutboundSession::moveToErrorFolder(uint8_t n)
+void OutboundSession::finish(DeliveryOutcome outcome, bool sayQuit)
 {
-    CConnexion& cnx = tables_.CnxOut(n);
-    cnx.Message.MSave(QueueFilePath(logs_, "Error", cnx.CurrentOutFile));
-    RemoveQueueFile(QueueFilePath(logs_, "OutBox", cnx.CurrentOutFile));
+    if (finished_)
+        return;
+    finished_ = true;
+    password_.clear();
+    watchdog_.stop();
+    outcome.host = target_.shownHost;
+    outcome.ip = ip_;
+    disconnect(&socket_, nullptr, this, nullptr);
+    if (sayQuit && socket_.state() == QAbstractSocket::ConnectedState) {
+        setState(Finished);
+        sendCommand("QUIT");
+        socket_.flush(); // through TLS too, before the slot lets the socket go
+        socket_.disconnectFromHost(); // the reply to QUIT is not awaited
+    } else {
+        socket_.abort();
+    }
+    // The dispatcher decides after the events already pending, never inside a socket's signal.
+    // The session goes afterwards; the slot may already have handed its socket to the next one.
+    QMetaObject::invokeMethod(
+        this,
+        [this, outcome] {
+            deleteLater();
+            done_(outcome);
+        },
+        Qt::QueuedConnection);
 }
-
-void OutboundSession::rewriteOutboxFile(uint8_t n)
-{
-    CConnexion& cnx = tables_.CnxOut(n);
-    cnx.Message.MSave(QueueFilePath(logs_, "OutBox", cnx.CurrentOutFile));
-}
-
-void OutboundSession::mailLog(const QByteArray& text) { logs_.MailLog(GMTDate(logs_.clock()) + text); }
-
-QByteArray OutboundSession::loggedId() const { return tables_.CnxOut(tables_.LastCnxOut).Message.ID; }
 
 } // namespace postiq

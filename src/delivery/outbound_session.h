@@ -2,38 +2,38 @@
 
 #include <QByteArray>
 #include <QObject>
-#include <QPointer>
-#include <array>
+#include <QTimer>
 #include <chrono>
 #include <cstdint>
-#include <span>
+#include <functional>
 
+#include "delivery/delivery_outcome.h"
+#include "delivery/reply_reader.h"
 #include "delivery/server_route.h"
-#include "smtp_in/connexion.h"
 
 class QHostAddress;
-class QTcpSocket;
-class QTimer;
+class QSslSocket;
 
 namespace postiq {
 
-class Dispatcher;
+class AddressResolver;
+class CConnexion;
+class CMessage;
 class Logs;
 class Settings;
 
-// Protocol states of an outbound slot (0 is a free slot).
+// Protocol states of an outbound slot (0 is a free slot); the connections view shows them.
 enum OutboundState : int32_t {
     Taken = 2,        // slot taken by the dispatcher, message loaded
     Connecting = 3,   // connection requested or open, waiting for the greeting
-    HeloSent = 4,
-    MailSent = 5,     // MAIL FROM sent, or a RCPT TO while more recipients remain
-    LastRcptSent = 6,
+    HeloSent = 4,     // HELO sent after a refused EHLO
+    MailSent = 5,     // MAIL FROM sent
+    LastRcptSent = 6, // a RCPT TO sent, waiting for its reply
     DataSent = 7,     // DATA sent, waiting for the go-ahead
     Writing = 9,      // message text being written to the socket
     Written = 11,     // message text handed over, waiting for the final reply
     Finished = 12,    // QUIT sent
-    // The secure opening of a submission route, before it joins the states above at HeloSent.
-    EhloSent = 20,       // smtp://: EHLO sent in plain text, STARTTLS must be offered
+    EhloSent = 20,       // EHLO sent in plain text
     StartTlsSent = 21,   // waiting for the go-ahead to start TLS
     TlsHandshake = 22,   // TLS being negotiated on the open connection
     SecureEhloSent = 23, // EHLO sent over TLS
@@ -49,123 +49,117 @@ struct OutboundTimeouts {
     std::chrono::milliseconds silence{300'000}; // without a byte from the server (or to it)
 };
 
-// The SMTP client side: carries the dialogue with a mail exchanger or the fixed server on each
-// busy OUT slot, from the greeting to QUIT, and decides what becomes of the message when the
-// server refuses it or the connection fails. Every handler runs to completion; what follows a
-// "yield" is posted to run after the events already pending.
+// Where one connection goes and how it may be secured.
+struct SessionTarget {
+    ServerRoute route;
+    QByteArray shownHost;    // the host as the logs name it (a submission server without its login)
+    bool exchanger = true;   // an MX host: STARTTLS when offered, certificates not checked
+    bool clearOnly = false;  // TLS already failed with this host in this dispatch: no STARTTLS
+    QByteArray knownAddresses; // the host's addresses as the MX answer brought them, if it did
+};
+
+// One connection to one mail host, from the address lookup to QUIT: owns its reply reader, its
+// state and its timer; it is a child of the slot's socket and goes with it. It decides nothing
+// about the message: it ends by handing `done` one outcome, after the events already pending.
 class OutboundSession : public QObject {
     Q_OBJECT
 public:
-    OutboundSession(Logs& logs, const Settings& settings, ConnectionTables& tables,
-                    Dispatcher& dispatcher, QObject* parent = nullptr);
+    using Done = std::function<void(const DeliveryOutcome&)>;
 
-    // Wires the socket of a freshly taken slot to the session's handlers.
-    void attach(uint8_t n, QTcpSocket& socket);
-    // Connects slot n to its current mail host (Host(CurrentMX)): port 25, or the ":port" that a
-    // fixed server carries, or a submission route (smtp://, smtps://) with its TLS and login. The
-    // dialogue restarts from the greeting.
-    void connectToCurrentHost(uint8_t n);
+    OutboundSession(Logs& logs, const Settings& settings, AddressResolver& addresses, uint8_t slot,
+                    CConnexion& cnx, QSslSocket& socket, SessionTarget target, OutboundTimeouts timeouts,
+                    std::function<void()> milestone, Done done);
 
-    OutboundTimeouts timeouts;
+    // Looks the host up and connects; the dialogue starts with the greeting.
+    void start();
+
+    // The EHLO/HELO name: the host name when it holds a dot, else the address literal of this
+    // side of the connection ("[127.0.0.1]", "[IPv6:::1]").
+    static QByteArray GreetingName(const QString& localHostName, const QHostAddress& local);
+    // "<a@b>" as the MAIL and RCPT commands write a path; "<>" for the null sender.
+    static QByteArray PathText(const QByteArray& address);
 
 private:
-    // One reply from the server on slot n.
-    struct Reply {
-        uint8_t n;
-        CConnexion& cnx;
-        QByteArray text;
-    };
-    using Action = void (OutboundSession::*)(Reply&);
+    enum ReplyClass : int { Nonsense = 0, Positive = 2, Intermediate = 3, Transient = 4, Permanent = 5 };
+    using Action = void (OutboundSession::*)(const ServerReply&);
     struct Row {
-        bool (*state)(int32_t status);
-        int code; // kAnyCode: whatever the reply says
+        int32_t state; // kAnyState: whatever the state
+        int replyClass; // kAnyClass: whatever the reply
         Action action;
     };
-    static constexpr int kAnyCode = -1;
+    static constexpr int32_t kAnyState = -1;
+    static constexpr int kAnyClass = -1;
     static const Row kRows[];
-    // The secure opening of a submission route, tried before kRows; what it has no row for
-    // falls through to kRows.
-    static const Row kOpeningRows[];
 
-    // What a submission route needs on a slot beyond the plain dialogue.
-    struct Opening {
-        ServerRoute route;
-        QByteArray password; // read just before connecting, dropped once sent
-    };
-
-    bool owns(uint8_t n, QTcpSocket* socket) const;
-    bool applyFirstRow(std::span<const Row> rows, Reply& reply);
-    // Whether the slot reads whole (multi-line) replies: a submission route before it joins
-    // the plain dialogue.
-    bool inOpening(uint8_t n) const;
-    void armWatchdog(uint8_t n, std::chrono::milliseconds limit);
-
-    // Socket events.
-    void connected(uint8_t n, QTcpSocket* socket);
-    void SmtpDistant_DataArrival(uint8_t n, QTcpSocket* socket);
-    void sendComplete(uint8_t n, QTcpSocket* socket);
-    void socketError(uint8_t n, QTcpSocket* socket);
-    void watchdogExpired(uint8_t n, QTcpSocket* socket);
-    void encrypted(uint8_t n, QTcpSocket* socket);
-
-    // The secure opening (submission.cpp).
-    void startConnection(uint8_t n, const QHostAddress& address);
-    bool readPassword(uint8_t n);
-    void sendEhlo(Reply& reply);
-    void sendStartTls(Reply& reply);
-    void startTls(Reply& reply);
-    void authenticate(Reply& reply);
-    void sendLoginUser(Reply& reply);
-    void sendLoginPassword(Reply& reply);
-    void authenticated(Reply& reply);
-    void noStartTls(Reply& reply);
-    void authenticationFailed(Reply& reply);
-    void sendEhloCommand(uint8_t n);
-    // Sends a command that carries the password: the debug log shows `shown` instead.
-    void sendSecret(uint8_t n, const QByteArray& command, const QByteArray& shown);
+    // Socket and timer events.
+    void addressesFound(const QList<QHostAddress>& addresses);
+    void connected();
+    void dataArrived();
+    void bytesWritten();
+    void socketError();
+    void encrypted();
+    void watchdogExpired();
+    void handle(const ServerReply& reply);
 
     // The reply table's actions.
-    void sendHelo(Reply& reply);
-    void sendMailFrom(Reply& reply);
-    void sendRcptTo(Reply& reply);
-    void sendDataCommand(Reply& reply);
-    void sendText(Reply& reply);
-    void accepted(Reply& reply);
-    void refused(Reply& reply);
-    void notImplemented(Reply& reply);
+    void sendEhlo(const ServerReply& reply);
+    void sendHelo(const ServerReply& reply);
+    void afterEhlo(const ServerReply& reply);
+    void startTls(const ServerReply& reply);
+    void noStartTls(const ServerReply& reply);
+    void afterSecureEhlo(const ServerReply& reply);
+    void sendLoginUser(const ServerReply& reply);
+    void sendLoginPassword(const ServerReply& reply);
+    void authenticationFailed(const ServerReply& reply);
+    void sendMailFrom(const ServerReply& reply);
+    void sendRecipients(const ServerReply& reply);
+    void recipientAccepted(const ServerReply& reply);
+    void recipientDeferred(const ServerReply& reply);
+    void recipientRefused(const ServerReply& reply);
+    void sendText(const ServerReply& reply);
+    void accepted(const ServerReply& reply);
+    void temporaryFailure(const ServerReply& reply);
+    void permanentFailure(const ServerReply& reply);
+    void nonsense(const ServerReply& reply);
 
-    // The failure of a connection (delivery_failure.cpp).
-    void SmtpDistant_Error(uint8_t n, int number, const QByteArray& description);
-    void noRouteWithFixedServer(uint8_t n, const QByteArray& reason);
-    void tryNextMx(uint8_t n, const QByteArray& reason);
-    void denyLoop(uint8_t n, const QByteArray& reason);
-    void giveUp(uint8_t n, int number, const QByteArray& reason, const QByteArray& description);
-    void defer(uint8_t n, const QByteArray& reason);
-    QByteArray failureHead(uint8_t n) const;
-    QByteArray failedHost(uint8_t n) const;
+    // The provider route's opening (submission.cpp).
+    bool readPassword();
+    void authenticate(const ServerReply& reply);
+    void sendSecret(const QByteArray& command, const QByteArray& shown);
 
-    // Moves the slot's message to Error: the copy is on disk before the OutBox file goes.
-    void moveToErrorFolder(uint8_t n);
-    // Rewrites the OutBox file with the slot's record, so that a notice built from it carries the
-    // attempt count and the error of this attempt.
-    void rewriteOutboxFile(uint8_t n);
-
-    void sendCommand(uint8_t n, const QByteArray& command);
-    void sendQuitAndClose(uint8_t n);
-    void mailLog(const QByteArray& text);
-    // The message ID named by the connect, send, receive and "status=sent" lines: that of the
-    // slot the dispatcher took last.
-    QByteArray loggedId() const;
+    // Shared steps.
+    void connectTo(const QHostAddress& address);
+    void sendEhloCommand(const char* verb);
+    void sendNextRcpt();
+    void sendCommand(const QByteArray& command);
+    void setState(int32_t state);
+    void armWatchdog(std::chrono::milliseconds limit);
+    void recordRecipient(RecipientResult::Verdict verdict, const ServerReply& reply);
+    // A failure of this host without a reply (socket, time-out, TLS, login).
+    void fail(int errorNumber, const QByteArray& description);
+    // Hands the outcome over once; what the socket says afterwards is not heard.
+    void finish(DeliveryOutcome outcome, bool sayQuit);
+    QByteArray head() const;
+    const CMessage& message() const;
 
     Logs& logs_;
     const Settings& settings_;
-    ConnectionTables& tables_;
-    Dispatcher& dispatcher_;
-    // The numeric address of each slot's server, as the socket last reported it.
-    std::array<QByteArray, ConnectionTables::kUpperBound + 1> remoteIp_;
-    // Each busy slot's time limit; a child of the slot's socket, so it goes with it.
-    std::array<QPointer<QTimer>, ConnectionTables::kUpperBound + 1> watchdog_;
-    std::array<Opening, ConnectionTables::kUpperBound + 1> opening_;
+    AddressResolver& addresses_;
+    uint8_t slot_;
+    CConnexion& cnx_;
+    QSslSocket& socket_;
+    SessionTarget target_;
+    OutboundTimeouts timeouts_;
+    std::function<void()> milestone_; // lets the dispatcher start the next message meanwhile
+    Done done_;
+    QTimer watchdog_;
+    ReplyReader reader_;
+    Extensions offered_;
+    bool extended_ = false; // EHLO was answered: parameters may go with MAIL FROM
+    QByteArray ip_;
+    QByteArray password_; // read just before connecting, dropped once sent
+    QList<RecipientResult> recipients_;
+    bool finished_ = false;
 };
 
 } // namespace postiq

@@ -26,6 +26,7 @@ QByteArray ReasonText(int number)
     case ErrTlsFailed: return "TLS error";
     case ErrNoStartTls: return "no STARTTLS";
     case ErrAuthFailed: return "authentication failed";
+    case ErrBadReply: return "unexpected reply";
     default: return "unknown reason: " + QByteArray::number(number);
     }
 }

@@ -18,6 +18,7 @@ enum DeliveryErrorNumber : int {
     ErrTlsFailed = 30001,  // the TLS handshake failed: certificate not trusted or for another host, ...
     ErrNoStartTls = 30002, // an smtp:// server that does not offer STARTTLS, or refuses it
     ErrAuthFailed = 30003, // the login was refused, or no password could be read for it
+    ErrBadReply = 30004,   // a reply that makes no sense where it came (garbage, a code out of place)
 };
 
 int SocketErrorNumber(QAbstractSocket::SocketError error);

@@ -2,94 +2,13 @@
 
 #include <QMetaObject>
 
-#include <ldns/ldns.h>
-#include <netdb.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-
-#include <algorithm>
-#include <memory>
 #include <optional>
-#include <vector>
 
-#include "dns/dns_server_address.h"
+#include "dns/dns_query.h"
 
 namespace postiq {
 
 namespace {
-
-constexpr int kMaxLabel = 63;
-constexpr size_t kMaxServerAddresses = 3;
-constexpr int kMaxWireName = 255;
-
-struct ResolverFree {
-    void operator()(ldns_resolver* r) const { ldns_resolver_deep_free(r); }
-};
-struct PacketFree {
-    void operator()(ldns_pkt* p) const { ldns_pkt_free(p); }
-};
-struct RdfFree {
-    void operator()(ldns_rdf* r) const { ldns_rdf_deep_free(r); }
-};
-struct AddrInfoFree {
-    void operator()(addrinfo* a) const { freeaddrinfo(a); }
-};
-using Resolver = std::unique_ptr<ldns_resolver, ResolverFree>;
-using Packet = std::unique_ptr<ldns_pkt, PacketFree>;
-using Rdf = std::unique_ptr<ldns_rdf, RdfFree>;
-
-// The domain in wire form, label by label from its own bytes: nothing is unescaped and no search
-// domain is appended. One final dot is allowed; empty or oversized labels make no name.
-Rdf queryName(const QByteArray& domain)
-{
-    QByteArray name = domain;
-    if (name.endsWith('.'))
-        name.chop(1);
-    if (name.isEmpty())
-        return nullptr;
-    QByteArray wire;
-    for (const QByteArray& label : name.split('.')) {
-        if (label.isEmpty() || label.size() > kMaxLabel)
-            return nullptr;
-        wire += char(label.size());
-        wire += label;
-    }
-    wire += '\0';
-    if (wire.size() > kMaxWireName)
-        return nullptr;
-    return Rdf(ldns_rdf_new_frm_data(LDNS_RDF_TYPE_DNAME, size_t(wire.size()), wire.constData()));
-}
-
-// The server's addresses; a name goes through the system's resolver first. A name with several
-// addresses (say ::1 and 127.0.0.1 for "localhost") gets each of them asked in turn, up to a few.
-std::vector<Rdf> serverAddresses(const QString& host)
-{
-    std::vector<Rdf> addresses;
-    addrinfo hints{};
-    hints.ai_family = AF_UNSPEC;
-    hints.ai_socktype = SOCK_DGRAM;
-    addrinfo* found = nullptr;
-    if (getaddrinfo(host.toUtf8().constData(), nullptr, &hints, &found) != 0 || !found)
-        return addresses;
-    const std::unique_ptr<addrinfo, AddrInfoFree> list(found);
-    for (const addrinfo* a = found; a && addresses.size() < kMaxServerAddresses; a = a->ai_next) {
-        Rdf address;
-        if (a->ai_family == AF_INET) {
-            const auto* in4 = reinterpret_cast<const sockaddr_in*>(a->ai_addr);
-            address.reset(ldns_rdf_new_frm_data(LDNS_RDF_TYPE_A, sizeof in4->sin_addr, &in4->sin_addr));
-        } else if (a->ai_family == AF_INET6) {
-            const auto* in6 = reinterpret_cast<const sockaddr_in6*>(a->ai_addr);
-            address.reset(ldns_rdf_new_frm_data(LDNS_RDF_TYPE_AAAA, sizeof in6->sin6_addr,
-                                                &in6->sin6_addr));
-        }
-        const bool seen = std::any_of(addresses.begin(), addresses.end(), [&](const Rdf& known) {
-            return address && ldns_rdf_compare(known.get(), address.get()) == 0;
-        });
-        if (address && !seen)
-            addresses.push_back(std::move(address));
-    }
-    return addresses;
-}
 
 // A byte that would break the record text or a host name: the separators, controls, a space,
 // and a dot inside a label.
@@ -113,7 +32,7 @@ std::optional<QByteArray> exchangerName(const ldns_rdf* rdf)
         const size_t length = data[pos++];
         if (length == 0)
             break;
-        if (length > kMaxLabel || pos + length > size)
+        if (length > kMaxDnsLabel || pos + length > size)
             return std::nullopt;
         for (size_t i = 0; i < length; ++i) {
             if (unsafeInHost(data[pos + i]))
@@ -145,17 +64,14 @@ QByteArray recordsText(const ldns_pkt* answer)
         if (!host)
             continue;
         text += QByteArray::number(ldns_rdf2native_int16(preference)) + kMxFieldSeparator + *host
-            + kMxFieldSeparator + QByteArray::number(ldns_rr_ttl(rr)) + kMxRecordEnd;
+            + kMxFieldSeparator + QByteArray::number(ldns_rr_ttl(rr));
+        // The exchanger's addresses, when the server sent them along, save asking for them.
+        const QByteArray addresses = AddressesIn(ldns_pkt_additional(answer), ldns_rr_mx_exchange(rr));
+        if (!addresses.isEmpty())
+            text += kMxFieldSeparator + addresses;
+        text += kMxRecordEnd;
     }
     return text;
-}
-
-timeval toTimeval(std::chrono::milliseconds ms)
-{
-    timeval tv{};
-    tv.tv_sec = static_cast<time_t>(ms.count() / 1000);
-    tv.tv_usec = static_cast<suseconds_t>((ms.count() % 1000) * 1000);
-    return tv;
 }
 
 } // namespace
@@ -165,55 +81,24 @@ QString DNSLookup::Version() { return QStringLiteral("3.0"); }
 QByteArray DNSLookup::LookupMXBlocking(const QByteArray& domain, const QString& dnsServer,
                                        LookupTiming timing)
 {
-    const QByteArray timedOut(kDnsTimeoutText);
-    const auto server = ParseDnsServer(dnsServer);
-    if (!server)
-        return timedOut;
-    const std::vector<Rdf> addresses = serverAddresses(server->host);
-    if (addresses.empty())
-        return timedOut;
-    const Rdf name = queryName(domain);
-    if (!name)
-        return {}; // not a name that can have mail exchangers
-
-    const Resolver resolver(ldns_resolver_new());
-    if (!resolver)
-        return timedOut;
-    ldns_resolver* r = resolver.get();
-    for (const Rdf& address : addresses) {
-        if (ldns_resolver_push_nameserver(r, address.get()) != LDNS_STATUS_OK)
-            return timedOut;
-    }
-    ldns_resolver_set_port(r, server->port);
-    ldns_resolver_set_timeout(r, toTimeval(timing.timeout));
-    ldns_resolver_set_retry(r, static_cast<uint8_t>(std::clamp(timing.tries, 1, 255)));
-    ldns_resolver_set_retrans(r, 0);
-    ldns_resolver_set_recursive(r, true);
-    ldns_resolver_set_fallback(r, true); // a truncated answer is asked again over TCP
-    ldns_resolver_set_defnames(r, false);
-    ldns_resolver_set_dnsrch(r, false);
-    ldns_resolver_set_dnssec(r, false);
-    ldns_resolver_set_random(r, false);
-
-    ldns_pkt* rawQuery = nullptr;
-    if (ldns_resolver_prepare_query_pkt(&rawQuery, r, name.get(), LDNS_RR_TYPE_MX, LDNS_RR_CLASS_IN,
-                                        LDNS_RD)
-        != LDNS_STATUS_OK) {
-        ldns_pkt_free(rawQuery);
-        return timedOut;
-    }
-    const Packet query(rawQuery);
-    ldns_pkt* rawAnswer = nullptr;
-    const ldns_status status = ldns_resolver_send_pkt(&rawAnswer, r, query.get());
-    const Packet answer(rawAnswer);
-    // A packet that is not the reply to this very query counts as no answer.
-    if (status != LDNS_STATUS_OK || !answer || !ldns_pkt_qr(answer.get())
-        || ldns_pkt_id(answer.get()) != ldns_pkt_id(query.get())) {
-        return timedOut;
-    }
-    if (ldns_pkt_get_rcode(answer.get()) != LDNS_RCODE_NOERROR)
+    const DnsReply reply = AskDnsServer(domain, LDNS_RR_TYPE_MX, dnsServer, timing);
+    if (reply.kind == DnsReply::Kind::TimedOut)
+        return kDnsTimeoutText;
+    if (reply.kind == DnsReply::Kind::NoData)
         return {};
-    return recordsText(answer.get());
+    return recordsText(reply.packet.get());
+}
+
+QByteArray DNSLookup::LookupAddressesBlocking(const QByteArray& host, const QString& dnsServer,
+                                              LookupTiming timing, bool ipv6)
+{
+    const DnsReply reply = AskDnsServer(host, ipv6 ? LDNS_RR_TYPE_AAAA : LDNS_RR_TYPE_A, dnsServer, timing);
+    if (reply.kind == DnsReply::Kind::TimedOut)
+        return kDnsTimeoutText;
+    if (reply.kind == DnsReply::Kind::NoData)
+        return {};
+    // The whole answer section: a name that is an alias comes with its target's records.
+    return AddressesIn(ldns_pkt_answer(reply.packet.get()));
 }
 
 MxLookupPool::MxLookupPool(int workers) { pool_.setMaxThreadCount(workers); }
@@ -227,8 +112,14 @@ MxLookupPool::~MxLookupPool()
 void MxLookupPool::LookupMX(const QByteArray& domain, const QString& dnsServer, LookupTiming timing,
                             Done done)
 {
-    pool_.start([this, domain, dnsServer, timing, done = std::move(done)] {
-        QByteArray result = DNSLookup::LookupMXBlocking(domain, dnsServer, timing);
+    Run([domain, dnsServer, timing] { return DNSLookup::LookupMXBlocking(domain, dnsServer, timing); },
+        std::move(done));
+}
+
+void MxLookupPool::Run(std::function<QByteArray()> query, Done done)
+{
+    pool_.start([this, query = std::move(query), done = std::move(done)] {
+        QByteArray result = query();
         // Posted to the receiver: runs on its thread, after the events already pending there.
         QMetaObject::invokeMethod(
             &receiver_, [done, result = std::move(result)] { done(result); }, Qt::QueuedConnection);

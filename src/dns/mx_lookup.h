@@ -20,7 +20,9 @@ struct LookupTiming {
 // The MX query component. A query answers with one of:
 //   "ERROR_DNS_TIMEOUT"   no answer at all, or a server that cannot be reached or named;
 //   empty text            no such domain, no MX record, or a server failure;
-//   records               "Order" 0xA4 "Host" 0xA4 "TTL" "|" per MX record, in the answer's order.
+//   records               "Order" 0xA4 "Host" 0xA4 "TTL" "|" per MX record, in the answer's order;
+//                         0xA4 and the exchanger's addresses, separated by spaces, come before
+//                         the "|" when the answer's additional section held them.
 class DNSLookup {
 public:
     static QString Version(); // "3.0"
@@ -30,6 +32,10 @@ public:
     // Blocks the calling thread: only the workers of MxLookupPool run it.
     static QByteArray LookupMXBlocking(const QByteArray& domain, const QString& dnsServer,
                                        LookupTiming timing);
+    // The A (or, with ipv6, AAAA) addresses of a host, separated by spaces; the same
+    // "ERROR_DNS_TIMEOUT" and empty text as above.
+    static QByteArray LookupAddressesBlocking(const QByteArray& host, const QString& dnsServer,
+                                              LookupTiming timing, bool ipv6);
 };
 
 // A few worker threads that run MX queries, so that a slow DNS server never holds up the event
@@ -47,6 +53,9 @@ public:
     MxLookupPool& operator=(const MxLookupPool&) = delete;
 
     void LookupMX(const QByteArray& domain, const QString& dnsServer, LookupTiming timing, Done done);
+    // Runs any query of the same kind: `query` gets only values and touches nothing of the
+    // program's, and `done` gets its answer on the owning thread.
+    void Run(std::function<QByteArray()> query, Done done);
 
 private:
     QObject receiver_; // lives on the owning thread; the answers are posted to it

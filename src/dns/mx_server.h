@@ -12,6 +12,9 @@ struct MXRecord {
     QByteArray Host;
     QByteArray IP;      // never filled: delivery connects by host name
     double TTL = 0;     // kept and saved, never used to expire anything
+    // The host's addresses as the MX answer brought them ("192.0.2.1 2001:db8::1"), for this
+    // delivery only: neither the cache nor Hosts.dns keeps them.
+    QByteArray Addresses{};
 };
 
 // An ordered list of mail hosts. Index 0 is a status entry, not a host: its Host is "NONE" when a

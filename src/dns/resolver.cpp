@@ -115,6 +115,8 @@ int CDns::AddLookupRecords(CMXServer& list, const QByteArray& result)
                         "Malformed MX record in lookup result: " + QString::fromLatin1(pieces[i]));
         }
         list.Add(readOrder(fields[0]), fields[1], QByteArray(), readTtl(fields[2]));
+        if (fields.size() > 3)
+            list.record(list.Count()).Addresses = fields[3];
     }
     return records;
 }
@@ -141,6 +143,8 @@ void CDns::DNSAddCache(const QByteArray& domain, const CMXServer& mx)
         entry.Domain = domain;
         for (int i = 1; i <= mx.Count(); ++i) {
             entry.MX.append(mx.record(i));
+            // The cache outlives any address: a hit asks for the addresses afresh.
+            entry.MX.last().Addresses.clear();
             logs_.DbgAdd("<FONT COLOR='#FF8000'>Add in DNS cache #" + QByteArray::number(index) + ": "
                          + domain + " MX=" + mx.Host(i) + "</FONT><BR>");
         }

@@ -37,12 +37,16 @@ public:
     // Copies entries 1..mx.Count() into a new cache entry for the domain.
     void DNSAddCache(const QByteArray& domain, const CMXServer& mx);
 
-    // Appends one host per record of a lookup result ("Order" 0xA4 "Host" 0xA4 "TTL" "|" ...) and
+    // Appends one host per record of a lookup result ("Order" 0xA4 "Host" 0xA4 "TTL" "|" ..., with
+    // perhaps 0xA4 and the host's addresses before the "|") and
     // gives the number of records. Text after the last "|" is not a record. A record that cannot
     // be read is a Fault.
     static int AddLookupRecords(CMXServer& list, const QByteArray& result);
 
     LookupTiming lookupTiming; // how long a query may wait (tests shorten it)
+
+    // The workers that ask the DNS server, shared with every other slot's resolver.
+    MxLookupPool& lookups() const { return cache_.lookups; }
 
 private:
     void askDns(const QByteArray& domain, std::function<void()> done);

@@ -34,6 +34,22 @@ struct NoticeRequest {
 // The notice as a record ready to be queued: envelope sender "<>", the original's sender as its
 // one recipient, ForSender set, no attempt yet, the warning texts of queue files. Its ID is left
 // empty: the queue names it.
+// The text is a delivery-status report (multipart/report) that mail readers and filters take for
+// what it is: dated in the real zone, its own Message-ID and boundary, "Auto-Submitted", a status
+// block per recipient, and the whole message (a bounce) or its header (a delay notice).
 CMessage BuildNotice(Logs& logs, const Settings& settings, const Clock& clock, const NoticeRequest& request);
+
+// Why a recipient failed, as far as its Status field can tell.
+enum class FailureCause {
+    Reply,       // a server answered with the reply given
+    NoAnswer,    // no server could be reached, or one stopped answering
+    NoExchanger, // the domain has no mail exchanger
+};
+
+// The enhanced status code of a recipient's fate: for a reply, its own "N.N.N" when one follows
+// the reply code and agrees with its class, else "5.0.0" or "4.0.0" by the code's class (by
+// `permanent` when the text holds no code); "4.4.1" for no answer; "5.1.2" (permanent) or "4.4.3"
+// for a domain without exchangers.
+QByteArray EnhancedStatus(FailureCause cause, const QByteArray& reply, bool permanent);
 
 } // namespace postiq

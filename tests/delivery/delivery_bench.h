@@ -52,7 +52,7 @@ struct DeliveryBench {
         tables.enableOutboxTimer = [this] { dispatcher.enableOutboxTimer(); };
         for (int i = 1; i <= 99; ++i)
             tables.CnxOut(i).DNS.lookupTiming = LookupTiming{std::chrono::milliseconds(300), 1};
-        dispatcher.session().timeouts = {std::chrono::milliseconds(2000), std::chrono::milliseconds(2000)};
+        dispatcher.timeouts = {std::chrono::milliseconds(2000), std::chrono::milliseconds(2000)};
     }
 
     // Starts the inbound service on a free port.

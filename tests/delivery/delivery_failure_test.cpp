@@ -37,15 +37,20 @@ TEST(DeliveryFailure, ThreeRefusingMailHostsDeferTheMessageWithANotice)
     EXPECT_EQ(deferred.LastError, "10061: Connection refused");
     EXPECT_EQ(deferred.MRcptToCount(), 2);
 
-    // The delay notice is the only file left in OutBox: to the sender, flagged, counting afresh.
+    // The delay notice is the only file left in OutBox: to the sender alone, from <>, flagged,
+    // counting afresh, one block per recipient.
     const QStringList outBox = b.files("OutBox");
     ASSERT_EQ(outBox.size(), 1);
     const CMessage notice = b.read("OutBox/" + outBox[0]);
     EXPECT_TRUE(notice.ForSender);
+    EXPECT_EQ(notice.From, "<>");
     EXPECT_EQ(notice.Essai, 0);
+    EXPECT_EQ(notice.MRcptToCount(), 1);
     EXPECT_EQ(notice.RcptTo(1), "<s@src.test>");
-    EXPECT_TRUE(notice.Data.contains("It was the 1 attempt !\r\n"));
-    EXPECT_TRUE(notice.Data.contains("<b@dst.test>: 10061: Connection refused\r\n<c@dst.test>: 10061: Connection refused\r\n"));
+    EXPECT_EQ(notice.ID, outBox[0].toLatin1());
+    EXPECT_TRUE(notice.Data.contains("Action: delayed"));
+    EXPECT_TRUE(notice.Data.contains("Status: 4.4.1"));
+    EXPECT_EQ(notice.Data.count("Final-Recipient:"), 2);
 }
 
 // Each dispatch counts one attempt; the message is dispatched MaxNbrAttempt + 1 times before it
@@ -57,6 +62,7 @@ TEST(DeliveryFailure, AttemptsRunOutThenTheSenderGetsItBack)
     b.queue("THIRD", {"<b@dst.test>"}, "x\r\n", 2);
     b.queue("FOURTH", {"<b@dst.test>"}, "x\r\n", 3);
     b.queue("LOOP", {"<b@dst.test>"}, "x\r\n", 3, true);
+    b.settings.ActiveSettings.KeepLocal = true; // the bounce waits in OutBox
     for (int i = 0; i < 3; ++i)
         b.dispatcher.SendOutSmtp(QStringList{"THIRD", "FOURTH", "LOOP"}[i]);
     ASSERT_TRUE(b.settle());
@@ -70,11 +76,16 @@ TEST(DeliveryFailure, AttemptsRunOutThenTheSenderGetsItBack)
                                             + "error, not return error because it's already a return-error-mail: deny loop"}));
     EXPECT_EQ(b.read("Deferred/THIRD").Essai, 3);
 
-    const CMessage bounce = b.read("OutBox/FOURTH"); // the bounce takes the message's own name
+    // The message is gone; its bounce is a file of its own, beside THIRD's delay notice.
+    const QStringList outBox = b.files("OutBox");
+    ASSERT_EQ(outBox.size(), 2);
+    CMessage bounce = b.read("OutBox/" + outBox[0]);
+    if (!bounce.Data.contains("Action: failed"))
+        bounce = b.read("OutBox/" + outBox[1]);
     EXPECT_TRUE(bounce.ForSender);
     EXPECT_EQ(bounce.RcptTo(1), "<s@src.test>");
-    EXPECT_EQ(bounce.LastError, "10061: refused by peer (Connection refused)\r\n\r\nThis was the 4st attempt ...");
-    EXPECT_TRUE(bounce.Data.contains("Diagnostic-Code: 10061: refused by peer (Connection refused)\r\n\r\nThis was the 4st attempt ...\r\n"));
+    EXPECT_TRUE(bounce.Data.contains("Action: failed"));
+    EXPECT_TRUE(bounce.Data.contains("10061: refused by peer (Connection refused)"));
 
     EXPECT_EQ(b.files("Error"), QStringList{"LOOP"});
     EXPECT_EQ(b.read("Error/LOOP").LastError, "10061: Connection refused");
@@ -83,49 +94,60 @@ TEST(DeliveryFailure, AttemptsRunOutThenTheSenderGetsItBack)
     EXPECT_FALSE(b.files("OutBox").contains("LOOP"));
 }
 
-TEST(DeliveryFailure, AFixedServerThatFailsSendsTheMessageToErrorAtOnce)
+// A fixed server that cannot be reached (a laptop offline for a minute) defers the message like
+// a mail exchanger would, and bounces it only once its attempts are spent.
+TEST(DeliveryFailure, AFixedServerThatFailsDefersTheMessage)
 {
     DeliveryBench b;
     b.useServer(QString::fromLatin1(kDeadHost) + ":2599");
     b.queue("FIX1", {"<b@dst.test>"});
-    b.dispatcher.VerifOutBox();
+    b.queue("FIX4", {"<b@dst.test>"}, "x\r\n", 3);
+    b.dispatcher.SendOutSmtp("FIX1");
+    b.dispatcher.SendOutSmtp("FIX4");
     ASSERT_TRUE(b.settle());
 
-    EXPECT_EQ(b.mailLog("smtpdistant"),
-              QList<QByteArray>{" Postiq/smtpdistant[1]: FIX1 1st connection failed (refused by peer) for 127.0.0.66:2599 "
-                                "[127.0.0.66], status=error, not return error neither deferred because there's no route "
-                                "available with the specified SMTP server"});
-    EXPECT_EQ(b.files("Error"), QStringList{"FIX1"});
-    EXPECT_TRUE(b.files("OutBox").isEmpty()) << "no bounce, no notice";
-    EXPECT_TRUE(b.files("Deferred").isEmpty());
-    EXPECT_EQ(b.errorLog().mid(20), " " + kNotRoutable + "\r\n");
+    EXPECT_EQ(b.mailLog("FIX1"),
+              QList<QByteArray>{" Postiq/smtpdistant[1]: FIX1 connection failed (refused by peer) for 127.0.0.66:2599 "
+                                "[127.0.0.66], status=deferred, attempt=1"});
+    EXPECT_EQ(b.mailLog("FIX4").value(0).mid(24), "FIX4 4st connection failed (refused by peer) for 127.0.0.66:2599 "
+                                                  "[127.0.0.66], status=error, return error to=<s@src.test>");
+    EXPECT_EQ(b.files("Deferred"), QStringList{"FIX1"});
+    EXPECT_TRUE(b.files("Error").isEmpty());
+    EXPECT_EQ(b.files("OutBox").size(), 2) << "a delay notice for FIX1, a bounce for FIX4";
     EXPECT_EQ(b.dns.queries, 0);
 }
 
 // Without a mail host the message waits in Deferred until its attempts are used, then goes back
-// to its sender; a notice without a route is deferred for ever. The slot is free at once.
+// to its sender; a notice without a route waits the same, then goes to Error. The slot is free
+// at once.
 TEST(DeliveryFailure, NoMailHostDefersThenBounces)
 {
     DeliveryBench b;
     b.queue("NOMX1", {"<b@nowhere.test>"});
     b.queue("NOMX4", {"<b@nowhere.test>"}, "x\r\n", 3);
     b.queue("NOMXN", {"<b@nowhere.test>"}, "x\r\n", 9, true);
-    for (const char* file : {"NOMX1", "NOMX4", "NOMXN"})
+    b.queue("NOMXW", {"<b@nowhere.test>"}, "x\r\n", 0, true);
+    b.settings.ActiveSettings.KeepLocal = true; // the bounce waits in OutBox
+    for (const char* file : {"NOMX1", "NOMX4", "NOMXN", "NOMXW"})
         b.dispatcher.SendOutSmtp(QString::fromLatin1(file));
     ASSERT_TRUE(b.settle());
 
     const QByteArray noMx = " 421 No MX DNS available for nowhere.test using NS " + b.dns.server().toUtf8();
-    QList<QByteArray> lines = b.mailLog("No MX");
+    QList<QByteArray> lines = b.mailLog("nowhere.test");
     std::sort(lines.begin(), lines.end()); // the lookups answer in any order
     EXPECT_EQ(lines, (QList<QByteArray>{" Postiq/smtpdistant: NOMX1" + noMx + " status=bounced",
                                                      " Postiq/smtpdistant: NOMX4" + noMx + " status=bounced",
-                                                     " Postiq/smtpdistant: NOMXN" + noMx + " status=bounced"}));
-    EXPECT_EQ(b.files("Deferred"), (QStringList{"NOMX1", "NOMXN"}));
+                                                     " Postiq/smtpdistant: NOMXN" + noMx + " status=bounced",
+                                                     " Postiq/smtpdistant: NOMXW" + noMx + " status=bounced"}));
+    EXPECT_EQ(b.files("Deferred"), (QStringList{"NOMX1", "NOMXW"}));
     EXPECT_EQ(b.read("Deferred/NOMX1").LastError, noMx.mid(1));
-    EXPECT_EQ(b.read("Deferred/NOMXN").Essai, 10);
-    EXPECT_EQ(b.files("OutBox"), QStringList{"NOMX4"});
-    EXPECT_TRUE(b.read("OutBox/NOMX4").ForSender);
-    EXPECT_TRUE(b.read("OutBox/NOMX4").Data.contains("<b@nowhere.test>:" + noMx + "\r\n"));
+    EXPECT_EQ(b.files("Error"), QStringList{"NOMXN"});
+    const QStringList outBox = b.files("OutBox");
+    ASSERT_EQ(outBox.size(), 1);
+    const CMessage bounce = b.read("OutBox/" + outBox[0]);
+    EXPECT_TRUE(bounce.ForSender);
+    EXPECT_TRUE(bounce.Data.contains("Status: 5.1.2"));
+    EXPECT_TRUE(bounce.Data.contains(noMx.mid(1)));
     EXPECT_TRUE(b.dispatcher.tmrVerifOutBox.isActive());
 }
 

@@ -19,7 +19,7 @@ QByteArray domain(int k) { return "d" + QByteArray::number(k) + ".test"; }
 TEST(DeliveryLoad, ThreeHundredMessagesToSlowExchangers)
 {
     DeliveryBench b;
-    b.dispatcher.session().timeouts = {std::chrono::seconds(20), std::chrono::seconds(20)};
+    b.dispatcher.timeouts = {std::chrono::seconds(20), std::chrono::seconds(20)};
     ASSERT_TRUE(b.listen());
     ExchangerScript slow;
     slow.endOfData = reply("250 2.0.0 Queued", 40);
@@ -66,13 +66,21 @@ TEST(DeliveryLoad, ThreeHundredMessagesToSlowExchangers)
             ASSERT_TRUE(session.dataEnded);
             const QByteArray id = session.body.mid(9, session.body.indexOf("\r\n") - 9);
             EXPECT_FALSE(seen.contains(id)) << "delivered twice: " << id.constData();
-            EXPECT_TRUE(session.commands.contains("RCPT TO: <r" + id.mid(1) + "@" + domain(k) + ">"));
+            EXPECT_TRUE(session.commands.contains("RCPT TO:<r" + id.mid(1) + "@" + domain(k) + ">"));
             seen.insert(id);
             ++bodies;
         }
     }
     EXPECT_EQ(bodies, kMessages);
     EXPECT_EQ(b.mailLog("status=sent").size(), kMessages);
+    // Sessions overlap, yet each line names the message of its own slot: M<i> went to r<i>.
+    for (const QByteArray& line : b.mailLog(" connect to ") + b.mailLog("status=sent")) {
+        const qsizetype at = line.indexOf("]: M") + 4;
+        const QByteArray number = line.mid(at, line.indexOf(' ', at) - at);
+        if (line.contains("status=sent"))
+            EXPECT_TRUE(line.contains(" to=<r" + number + "@")) << line.constData();
+        EXPECT_TRUE(line.contains(" Postiq/smtpdistant[")) << line.constData();
+    }
     EXPECT_TRUE(b.files("OutBox").isEmpty()) << b.files("OutBox").join(' ').toStdString();
     EXPECT_EQ(b.files("Deferred").size(), 1) << "only the inbound message, whose domain has no mail host";
     EXPECT_GT(mostBusy, 10) << "deliveries overlap";
@@ -88,7 +96,7 @@ namespace {
 TEST(DeliveryLoad, HostileExchangersLoseNothing)
 {
     DeliveryBench b;
-    b.dispatcher.session().timeouts = {std::chrono::milliseconds(800), std::chrono::milliseconds(800)};
+    b.dispatcher.timeouts = {std::chrono::milliseconds(800), std::chrono::milliseconds(800)};
     const QList<ExchangerScript> behaviours = [] {
         QList<ExchangerScript> list(8);
         list[0].greeting = reply("\x01\x02\xff garbage");

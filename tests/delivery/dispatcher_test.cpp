@@ -1,7 +1,9 @@
+#include <QElapsedTimer>
 #include <QFile>
 
 #include "delivery/transmission.h"
 #include "delivery_bench.h"
+#include "support/fake_exchanger.h"
 
 using namespace postiq;
 using namespace postiq::test;
@@ -66,6 +68,52 @@ TEST(Dispatcher, KeepLocalFoldersAndHiddenFilesAreLeftAlone)
     b.dispatcher.VerifOutBox();
     EXPECT_TRUE(b.idle());
     EXPECT_EQ(b.dns.queries, 0);
+}
+
+// A new queue file leaves at once, long before the 10-second tick, and never from inside the call.
+TEST(Dispatcher, ANewQueueFileLeavesAtOnce)
+{
+    DeliveryBench b;
+    FakeExchanger mx;
+    ASSERT_TRUE(mx.listen(QHostAddress(QStringLiteral("127.0.0.14")), 25));
+    b.mx("now.test", {{10, "127.0.0.14"}});
+    b.dispatcher.startTimers();
+    b.queue("NOW", {"<a@now.test>"});
+    QElapsedTimer clock;
+    clock.start();
+    b.dispatcher.queueChanged();
+    b.dispatcher.queueChanged();
+    EXPECT_TRUE(b.idle()) << "nothing is dispatched from inside the call";
+    ASSERT_TRUE(spinUntil([&] { return b.idle() && b.files("OutBox").isEmpty(); }, 5000));
+    EXPECT_LT(clock.elapsed(), 2000);
+    EXPECT_EQ(mx.sessionCount(), 1);
+    EXPECT_TRUE(mx.session(0).dataEnded);
+}
+
+// A deferred message goes again as soon as its delay has run out, not at the next scan.
+TEST(Dispatcher, ADeferredFileLeavesWhenItFallsDue)
+{
+    DeliveryBench b;
+    b.settings.ActiveSettings.AttemptDelay = 0; // due one second after the deferral
+    ExchangerScript busy;
+    busy.rcpt = {reply("450 4.2.0 try again later")};
+    FakeExchanger mx;
+    mx.setScriptFor(0, busy);
+    ASSERT_TRUE(mx.listen(QHostAddress(QStringLiteral("127.0.0.14")), 25));
+    b.mx("due.test", {{10, "127.0.0.14"}});
+    b.dispatcher.startTimers();
+    // From the null sender, so that no delay notice goes with it.
+    b.queue("DUE", {"<a@due.test>"}, "Subject: t\r\n\r\nhi\r\n", 0, false, "OutBox", "<>");
+    QElapsedTimer clock;
+    clock.start();
+    b.dispatcher.queueChanged();
+    ASSERT_TRUE(spinUntil([&] { return b.files("Deferred") == QStringList{"DUE"}; }, 3000));
+    ASSERT_TRUE(spinUntil([&] { return b.idle() && mx.sessionCount() == 2 && b.files("Deferred").isEmpty()
+                                    && b.files("OutBox").isEmpty(); },
+                          5000));
+    EXPECT_LT(clock.elapsed(), 5000) << "well before the 10-second scan";
+    EXPECT_TRUE(mx.session(1).dataEnded);
+    EXPECT_TRUE(b.mailLog("DUE to=<a@due.test>").value(1).contains("status=sent"));
 }
 
 // Every line that begins with a dot gets one more; the end follows the text's own last line end.

@@ -65,7 +65,7 @@ TEST(WriteFailure, FailedMovesNeverLoseNorDoubleAMessage)
 {
     DeliveryBench b;
     b.useServer(QString::fromLatin1(kDeadHost));
-    b.queue("LOOP", {"<b@dst.test>"}, "x\r\n", 0, true);
+    b.queue("LOOP", {"<b@dst.test>"}, "x\r\n", 3, true); // its last attempt: Error next
     breakFolder(b, "Error");
     b.dispatcher.VerifOutBox();
     ASSERT_TRUE(b.settle());

@@ -1,11 +1,12 @@
 #include <gtest/gtest.h>
 
-#include <QDir>
+#include <QJsonArray>
 #include <QRegularExpression>
+#include <QTimeZone>
 
 #include "config/settings.h"
-#include "notify/generate_deferred_mail.h"
-#include "notify/generate_return_mail.h"
+#include "notify/mail_reader.h"
+#include "notify/notice.h"
 #include "store/message.h"
 #include "support/fakes.h"
 
@@ -14,245 +15,204 @@ using namespace postiq::test;
 
 namespace {
 
-// Each line followed by CR LF, the last one included.
-QByteArray Lines(std::initializer_list<const char*> lines)
-{
-    QByteArray text;
-    for (const char* line : lines)
-        text += QByteArray(line) + "\r\n";
-    return text;
-}
-
-// A program folder holding one failed two-recipient message in its outbox.
+// A failed two-recipient message and notices about it.
 struct NoticeBench {
     LogBench bench;
     Settings settings;
-    QString outBox;
+    CMessage original{bench.logs};
 
-    explicit NoticeBench(const QString& outBoxName = QStringLiteral("OutBox"))
+    NoticeBench()
     {
         // A NUL picked up from the system's host name never reaches a notice.
         settings.LocalHostName = QStringLiteral("desk.exa") + QChar(u'\0') + QStringLiteral("mple");
-        outBox = bench.path(outBoxName);
-        QDir().mkpath(outBox);
+        // Five hours west of UTC: the notice must say so, not "+0200".
+        bench.clock.time = QDateTime(QDate(2004, 2, 5), QTime(9, 5, 7), QTimeZone(-5 * 3600));
+        original.ID = "A1B2C";
+        original.Essai = 2;
+        original.LastError = "550 5.1.1 <bob@x.com>: unknown";
+        original.From = "<alice@home.net>";
+        original.AddRcptTo("<bob@x.com>");
+        original.AddRcptTo("<carol@x.com>");
+        original.Data = "From: alice@home.net\r\nSubject: hi\r\n\r\nbody\r\n";
     }
 
-    CMessage failed(uint8_t essai, const QByteArray& lastError)
+    CMessage notice(NoticeKind kind, QList<RecipientFate> fates = {})
     {
-        CMessage message(bench.logs);
-        message.ID = "A1B2C";
-        message.TxtEng = "\r\n==> DO NOT ALTER THIS FILE !\r\n";
-        message.TxtFr = "\r\n==> NE PAS MODIFIER CE FICHIER !\r\n";
-        message.Essai = essai;
-        message.LastError = lastError;
-        message.From = "<alice@home.net>";
-        message.AddRcptTo("<bob@x.com>");
-        message.AddRcptTo("<carol@x.com>");
-        message.Data = "From: alice@home.net\r\nSubject: hi\r\n\r\nbody\r\n";
-        message.MWrite(outBox + "/A1B2C");
-        return message;
+        if (fates.isEmpty())
+            fates = {{"<bob@x.com>", "5.1.1", "mx.x.com", "550 5.1.1 <bob@x.com>: unknown"},
+                     {"<carol@x.com>", "4.4.1", "", "10061: Connection refused"}};
+        const QDateTime arrival(QDate(2004, 2, 4), QTime(23, 0, 1), QTimeZone(3600));
+        return BuildNotice(bench.logs, settings, bench.clock, {kind, &original, arrival, fates});
     }
-    QStringList queued() const { return QDir(outBox).entryList(QDir::Files | QDir::Hidden); }
 };
 
-const QByteArray kReturnedPart = Lines({
-    "--B36A337F60.1076950585/desk.example",
-    "Content-Description: Undelivered Message",
-    "Content-Type: message/rfc822",
-    "",
-    "From: alice@home.net",
-    "Subject: hi",
-    "",
-    "body",
-    "",
-    "--B36A337F60.1076950585/desk.example--",
-});
+#define REQUIRE_PYTHON()                                                                                               \
+    if (!HavePython())                                                                                                 \
+    GTEST_SKIP() << "python3 is not installed"
+
+QJsonObject field(const QJsonObject& report, int block) { return report["status"].toArray()[block].toObject(); }
+
+// What every notice must be, whatever it is about.
+void ExpectValidReport(const QJsonObject& report, const CMessage& notice)
+{
+    EXPECT_TRUE(report["defects"].toArray().isEmpty()) << QJsonDocument(report["defects"].toArray()).toJson().toStdString();
+    EXPECT_EQ(report["type"].toString(), "multipart/report");
+    EXPECT_EQ(report["reportType"].toString(), "delivery-status");
+    EXPECT_EQ(report["autoSubmitted"].toString(), "auto-replied");
+    EXPECT_EQ(report["from"].toString(), "MAILER-DAEMON@desk.example (Mail Delivery System)");
+    EXPECT_EQ(report["to"].toString(), "<alice@home.net>");
+    EXPECT_EQ(report["zoneSeconds"].toDouble(), -5 * 3600) << "the clock's own zone";
+    EXPECT_EQ(report["arrivalZoneSeconds"].toDouble(), 3600) << "the arrival's own zone";
+    EXPECT_TRUE(QRegularExpression(QStringLiteral("^<\\d{14}\\.[0-9a-f]{16}@desk\\.example>$"))
+                    .match(report["messageId"].toString())
+                    .hasMatch())
+        << report["messageId"].toString().toStdString();
+    EXPECT_FALSE(notice.Data.contains("+0200"));
+    EXPECT_EQ(field(report, 0)["Reporting-MTA"].toString(), "dns; desk.example");
+    EXPECT_EQ(field(report, 0)["Arrival-Date"].toString(), "Wed, 04 Feb 2004 23:00:01 +0100");
+
+    // Sent from the null sender to the original's sender alone, and never answered in turn.
+    EXPECT_EQ(notice.From, "<>");
+    EXPECT_EQ(notice.MRcptToCount(), 1);
+    EXPECT_EQ(notice.RcptTo(1), "<alice@home.net>");
+    EXPECT_TRUE(notice.ForSender);
+    EXPECT_EQ(notice.Essai, 0);
+    EXPECT_TRUE(notice.ID.isEmpty());
+}
+
+TEST(Notices, BounceIsAReportWithABlockPerRecipientAndTheWholeMessage)
+{
+    REQUIRE_PYTHON();
+    NoticeBench n;
+    const CMessage bounce = n.notice(NoticeKind::Bounce);
+    const QJsonObject report = ReadAsMailReader(bounce.Data);
+    ExpectValidReport(report, bounce);
+
+    EXPECT_EQ(report["subject"].toString(), "Undelivered Mail Returned to Sender");
+    EXPECT_EQ(report["parts"].toArray(), QJsonArray({"text/plain", "message/delivery-status", "message/rfc822"}));
+    EXPECT_EQ(report["text"].toString(),
+              "This is the Postiq program at host desk.example.\r\n\r\n"
+              "I'm sorry to have to inform you that the message returned\r\n"
+              "below could not be delivered to one or more destinations.\r\n\r\n"
+              "For further assistance, please send mail to <postmaster>\r\n\r\n"
+              "If you do so, please include this problem report. You can\r\n"
+              "delete your own text from the message returned below.\r\n\r\n"
+              "            The Postiq program\r\n\r\n"
+              "<bob@x.com>: 550 5.1.1 <bob@x.com>: unknown\r\n"
+              "<carol@x.com>: 10061: Connection refused\r\n");
+
+    ASSERT_EQ(report["status"].toArray().size(), 3);
+    EXPECT_EQ(field(report, 1), (QJsonObject{{"Final-Recipient", "rfc822; bob@x.com"},
+                                             {"Action", "failed"},
+                                             {"Status", "5.1.1"},
+                                             {"Remote-MTA", "dns; mx.x.com"},
+                                             {"Diagnostic-Code", "smtp; 550 5.1.1 <bob@x.com>: unknown"}}));
+    EXPECT_EQ(field(report, 2), (QJsonObject{{"Final-Recipient", "rfc822; carol@x.com"},
+                                             {"Action", "failed"},
+                                             {"Status", "4.4.1"},
+                                             {"Diagnostic-Code", "smtp; 10061: Connection refused"}}))
+        << "no Remote-MTA where no server answered";
+
+    EXPECT_EQ(report["returnedSubject"].toString(), "hi");
+    EXPECT_EQ(report["returnedBody"].toString(), "body\r\n");
+    EXPECT_TRUE(bounce.Data.contains("Content-Type: message/rfc822\r\n\r\n" + n.original.Data + "\r\n--"))
+        << "the message comes back byte for byte";
+}
+
+TEST(Notices, DelayNoticeKeepsItsWordingAndReturnsTheHeaderOnly)
+{
+    REQUIRE_PYTHON();
+    NoticeBench n;
+    const CMessage notice = n.notice(NoticeKind::Delay,
+                                     {{"<bob@x.com>", "4.7.1", "mx.x.com", "451 4.7.1 greylisted"},
+                                      {"<carol@x.com>", "4.7.1", "mx.x.com", "451 4.7.1 greylisted"}});
+    const QJsonObject report = ReadAsMailReader(notice.Data);
+    ExpectValidReport(report, notice);
+
+    EXPECT_EQ(report["subject"].toString(), "Delivery Status Notification (Mail Delivery Delayed)");
+    EXPECT_EQ(report["parts"].toArray(),
+              QJsonArray({"text/plain", "message/delivery-status", "text/rfc822-headers"}));
+    const QString text = report["text"].toString();
+    for (const char* line : {"- This is NOT a error issue.\r\n",
+                             "- The following recipients have not yet received your message:\r\n"
+                             "<bob@x.com>: 451 4.7.1 greylisted\r\n<carol@x.com>: 451 4.7.1 greylisted\r\n\r\n",
+                             "It was the 2 attempt !\r\nI'll try again soon until 3 times\r\n"
+                             "The error returned was:\r\n\r\n550 5.1.1 <bob@x.com>: unknown\r\n"})
+        EXPECT_TRUE(text.contains(QLatin1String(line))) << line;
+    ASSERT_EQ(report["status"].toArray().size(), 3);
+    for (int block : {1, 2}) {
+        EXPECT_EQ(field(report, block)["Action"].toString(), "delayed");
+        EXPECT_EQ(field(report, block)["Status"].toString(), "4.7.1");
+    }
+    EXPECT_EQ(field(report, 2)["Final-Recipient"].toString(), "rfc822; carol@x.com");
+    EXPECT_EQ(report["returnedHeader"].toString(), "From: alice@home.net\r\nSubject: hi\r\n");
+    EXPECT_FALSE(notice.Data.contains("body\r\n")) << "the body stays with the sender";
+}
+
+TEST(Notices, EachNoticeHasItsOwnBoundaryAndMessageId)
+{
+    REQUIRE_PYTHON();
+    NoticeBench n;
+    const QJsonObject first = ReadAsMailReader(n.notice(NoticeKind::Bounce).Data);
+    const QJsonObject second = ReadAsMailReader(n.notice(NoticeKind::Bounce).Data);
+    EXPECT_NE(first["boundary"].toString(), second["boundary"].toString());
+    EXPECT_NE(first["messageId"].toString(), second["messageId"].toString());
+    EXPECT_FALSE(first["boundary"].toString().isEmpty());
+}
+
+TEST(Notices, HostileRepliesAndMessagesStillMakeAValidReport)
+{
+    REQUIRE_PYTHON();
+    NoticeBench n;
+    // A multi-line reply with a blank line and 8-bit bytes, a bare LF, an address with brackets
+    // and spaces around them; a message with 8-bit text and no body at all.
+    n.original.Data = "Subject: caf\xC3\xA9\r\nX-Long: a\r\n b\r\n\r\nna\xEF" "ve\r\n";
+    n.original.LastError = "";
+    const QByteArray reply = "550-5.1.1 first line\r\n\r\n550-\xFF\x01 odd\n550 5.1.1 last";
+    const CMessage bounce = n.notice(NoticeKind::Bounce, {{" <bob@x.com> ", "5.1.1", "mx\r\n.x.com", reply}});
+    const QJsonObject report = ReadAsMailReader(bounce.Data);
+    ExpectValidReport(report, bounce);
+    ASSERT_EQ(report["status"].toArray().size(), 2);
+    EXPECT_EQ(field(report, 1)["Final-Recipient"].toString(), "rfc822; bob@x.com");
+    EXPECT_EQ(field(report, 1)["Diagnostic-Code"].toString(), "smtp; 550-5.1.1 first line 550-?? odd 550 5.1.1 last")
+        << "folded, blank line dropped, bytes made printable";
+    EXPECT_EQ(report["returnedBody"].toString(), QString::fromLatin1("na\xEF" "ve\r\n"));
+    EXPECT_TRUE(bounce.Data.contains("Content-Type: message/rfc822\r\nContent-Transfer-Encoding: 8bit\r\n"));
+
+    // The delay notice of a message that is all header, and the error taken from the recipient.
+    n.original.Data = "Subject: only a header\r\n";
+    const CMessage delay = n.notice(NoticeKind::Delay, {{"<bob@x.com>", "4.4.1", "", "10060: time out"}});
+    const QJsonObject delayed = ReadAsMailReader(delay.Data);
+    ExpectValidReport(delayed, delay);
+    EXPECT_EQ(delayed["returnedHeader"].toString(), "Subject: only a header\r\n");
+    EXPECT_TRUE(delayed["text"].toString().contains("The error returned was:\r\n\r\n10060: time out\r\n"));
+}
+
+TEST(Notices, EnhancedStatusFromTheReplyOrTheCause)
+{
+    const struct {
+        FailureCause cause;
+        const char* reply;
+        bool permanent;
+        const char* status;
+    } cases[] = {
+        {FailureCause::Reply, "550 5.1.1 <b@x>: unknown user", true, "5.1.1"},
+        {FailureCause::Reply, "452-4.2.2 mailbox full\r\n452 4.2.2 really", false, "4.2.2"},
+        {FailureCause::Reply, "554 5.7.1", true, "5.7.1"},
+        {FailureCause::Reply, "550 relay denied", true, "5.0.0"},
+        {FailureCause::Reply, "421 service not available", true, "4.0.0"}, // the class wins
+        {FailureCause::Reply, "550 4.1.1 class mismatch", true, "5.0.0"},
+        {FailureCause::Reply, "550 5.1.1000 too long", true, "5.0.0"},
+        {FailureCause::Reply, "5501 5.1.1 no code", true, "5.0.0"},
+        {FailureCause::Reply, "garbage", false, "4.0.0"},
+        {FailureCause::Reply, "", true, "5.0.0"},
+        {FailureCause::Reply, "250 2.0.0 out of place", false, "4.0.0"},
+        {FailureCause::NoAnswer, "", true, "4.4.1"},
+        {FailureCause::NoExchanger, "", true, "5.1.2"},
+        {FailureCause::NoExchanger, "", false, "4.4.3"},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(EnhancedStatus(c.cause, c.reply, c.permanent), c.status) << c.reply;
+}
 
 } // namespace
-
-TEST(ReturnMail, ReplacesTheFailedFileWithAReportToTheSender)
-{
-    NoticeBench n;
-    const CMessage failed =
-        n.failed(4, "10061: refused by peer (Connection refused)\r\n\r\nThis was the 4st attempt ...");
-    CGenerateReturnMail(n.bench.logs, n.settings).GenerateError("A1B2C");
-
-    ASSERT_EQ(n.queued(), QStringList{"A1B2C"});
-    CMessage bounce(n.bench.logs);
-    bounce.MOpen(n.outBox + "/A1B2C");
-    const QByteArray expected = Lines({
-        "From: MAILER-DAEMON@desk.example (Mail Delivery System)",
-        "Subject: Undelivered Mail Returned to Sender",
-        "To: <alice@home.net>",
-        "MIME-Version: 1.0",
-        "Content-Type: multipart/report; report-type=delivery-status;",
-        "\tboundary = \"B36A337F60.1076950585/desk.example",
-        "Message-Id: <20040205090507.E469037F67@desk.example>",
-        "X-Priority: 3 (Normal)",
-        "X-MSMail-Priority: Normal",
-        "X-Mailer: Postiq 3.0 (http://www.postiq.example/)",
-        "Importance: Normal",
-        "",
-        "This is a MIME-encapsulated message.",
-        "",
-        "--B36A337F60.1076950585/desk.example",
-        "Content-Description: Notification",
-        "Content-Type: text/plain",
-        "",
-        "This is the Postiq program at host desk.example.",
-        "",
-        "I'm sorry to have to inform you that the message returned",
-        "below could not be delivered to one or more destinations.",
-        "",
-        "For further assistance, please send mail to <postmaster>",
-        "",
-        "If you do so, please include this problem report. You can",
-        "delete your own text from the message returned below.",
-        "",
-        "            The Postiq program",
-        "",
-        "<bob@x.com>: 10061: refused by peer (Connection refused)",
-        "",
-        "This was the 4st attempt ...",
-        "<carol@x.com>: 10061: refused by peer (Connection refused)",
-        "",
-        "This was the 4st attempt ...",
-        "",
-        "--B36A337F60.1076950585/desk.example",
-        "Content-Description: Delivery error report",
-        "Content-Type: message/delivery-status",
-        "",
-        "Reporting-MTA: desk.example",
-        "Arrival-Date: Feb 05 2004 09:05:07 +0200",
-        "",
-        "Final-Recipient: rfc822; <bob@x.com>",
-        "Final-Recipient: rfc822; <carol@x.com>",
-        "Action: failed",
-        "Diagnostic-Code: 10061: refused by peer (Connection refused)",
-        "",
-        "This was the 4st attempt ...",
-        "",
-    }) + kReturnedPart;
-    EXPECT_EQ(bounce.Data, expected);
-
-    // Sent back to the sender, who stays the envelope sender; the second recipient stays too.
-    EXPECT_EQ(bounce.MRcptToCount(), 2);
-    EXPECT_EQ(bounce.RcptTo(1), failed.From);
-    EXPECT_EQ(bounce.RcptTo(2), failed.RcptTo(2));
-    EXPECT_EQ(bounce.From, failed.From);
-    EXPECT_EQ(bounce.Essai, 0);
-    EXPECT_TRUE(bounce.ForSender);
-    EXPECT_EQ(bounce.ID, failed.ID);
-    EXPECT_EQ(bounce.LastError, failed.LastError);
-    EXPECT_EQ(bounce.TxtFr, failed.TxtFr);
-    EXPECT_TRUE(n.bench.desktop.diagnostics.isEmpty());
-}
-
-TEST(DelayNotice, QueuesANewNoticeToTheSenderAndRemovesTheOutBoxCopy)
-{
-    NoticeBench n(QStringLiteral("Outbox")); // found whatever its letter case
-    const CMessage delayed = n.failed(1, "10060: time out (Connection timed out)");
-    CGenerateDeferredMail(n.bench.logs, n.settings).GenerateDeferred("A1B2C");
-
-    const QStringList queued = n.queued();
-    ASSERT_EQ(queued.size(), 1);
-    const QRegularExpression freshName(QStringLiteral("^[0-9A-F]{2,10}$"));
-    EXPECT_TRUE(freshName.match(queued[0]).hasMatch()) << queued[0].toStdString();
-    CMessage notice(n.bench.logs);
-    notice.MOpen(n.outBox + '/' + queued[0]);
-    EXPECT_EQ(notice.ID, queued[0].toLatin1());
-    const QByteArray expected = Lines({
-        "From: MAILER-DAEMON@desk.example (Mail Delivery System)",
-        "Subject: Delivery Status Notification (Mail Delivery Delayed)",
-        "To: <alice@home.net>",
-        "MIME-Version: 1.0",
-        "Content-Type: multipart/report; report-type=delivery-status;",
-        "\tboundary = \"B36A337F60.1076950585/desk.example",
-        "Message-Id: <20040205090507.E469037F67@desk.example>",
-        "X-Priority: 3 (Normal)",
-        "X-MSMail-Priority: Normal",
-        "X-Mailer: Postiq 3.0 (http://www.postiq.example/)",
-        "Importance: Normal",
-        "",
-        "This is a MIME-encapsulated message.",
-        "",
-        "--B36A337F60.1076950585/desk.example",
-        "Content-Description: Notification",
-        "Content-Type: text/plain",
-        "",
-        "This is the Postiq program at host desk.example.",
-        "",
-        "- This is NOT a error issue.",
-        "- This is only a notification about a delay in the delivery of your message.",
-        "- There is no need to resend your message at this time.",
-        "- The following recipients have not yet received your message:",
-        "<bob@x.com>: 10060: time out (Connection timed out)",
-        "<carol@x.com>: 10060: time out (Connection timed out)",
-        "",
-        "- The server will continue trying for up to 1 hour.",
-        "",
-        "It was the 1 attempt !",
-        "I'll try again soon until 3 times",
-        "The error returned was:",
-        "",
-        "10060: time out (Connection timed out)",
-        "",
-        "For further assistance, please send mail to <postmaster>",
-        "",
-        "If you do so, please include this problem report. You can",
-        "delete your own text from the message returned below.",
-        "",
-        "--B36A337F60.1076950585/desk.example",
-        "Content-Description: Delivery error report",
-        "Content-Type: message/delivery-status",
-        "",
-        "Reporting-MTA: desk.example",
-        "Arrival-Date: Feb 05 2004 09:05:07 +0200",
-        "",
-        "Final-Recipient: rfc822; <alice@home.net>",
-        "Action: delayed",
-        "Diagnostic-Code: 10060: time out (Connection timed out)",
-        "",
-    }) + kReturnedPart;
-    EXPECT_EQ(notice.Data, expected);
-
-    EXPECT_EQ(notice.MRcptToCount(), 1); // the sender only, whatever the recipients were
-    EXPECT_EQ(notice.RcptTo(1), delayed.From);
-    EXPECT_EQ(notice.From, delayed.From);
-    EXPECT_EQ(notice.Essai, 0);
-    EXPECT_TRUE(notice.ForSender);
-    EXPECT_TRUE(n.bench.desktop.diagnostics.isEmpty());
-}
-
-TEST(Notices, FaultsAreFatalUnderTheirOwnLabelAndLeaveTheQueueAsItWas)
-{
-    {
-        NoticeBench n;
-        EXPECT_THROW(CGenerateReturnMail(n.bench.logs, n.settings).GenerateError("A1B2C"), ProgramEnded);
-        EXPECT_TRUE(
-            n.bench.desktop.diagnostics.value(0).startsWith("Where: CLS:CLASS[GenerateError], number 53:"));
-        EXPECT_TRUE(n.queued().isEmpty());
-    }
-    {
-        NoticeBench n;
-        CGenerateDeferredMail generator(n.bench.logs, n.settings);
-        EXPECT_THROW(generator.GenerateDeferred("A1B2C"), ProgramEnded);
-        EXPECT_TRUE(n.bench.desktop.diagnostics.value(0).startsWith(
-            "Where: CLS:GENERATEDEFERREDMAIL[GenerateDeferred], number 53:"));
-        EXPECT_TRUE(n.queued().isEmpty());
-    }
-    {
-        // The recipient counter cannot step past a 255th recipient: the failed file stays.
-        NoticeBench n;
-        CMessage full = n.failed(4, "550 no");
-        for (int index = 3; index <= 255; ++index)
-            full.AddRcptTo("<r" + QByteArray::number(index) + "@x.com>");
-        full.MWrite(n.outBox + "/A1B2C");
-        const QByteArray before = readFile(n.outBox + "/A1B2C");
-        EXPECT_THROW(CGenerateReturnMail(n.bench.logs, n.settings).GenerateError("A1B2C"), ProgramEnded);
-        EXPECT_TRUE(
-            n.bench.desktop.diagnostics.value(0).startsWith("Where: CLS:CLASS[GenerateError], number 6:"));
-        EXPECT_EQ(n.queued(), QStringList{"A1B2C"});
-        EXPECT_EQ(readFile(n.outBox + "/A1B2C"), before);
-    }
-}
