@@ -69,6 +69,8 @@ void Application::start()
         service_ = std::make_unique<SmtpService>(settings_, logs_, dnsCache_, *tables_, this);
         dispatcher_ = std::make_unique<Dispatcher>(logs_, settings_, *tables_);
         tables_->enableOutboxTimer = [this] { dispatcher_->enableOutboxTimer(); };
+        // A message just stored leaves at once, not at the next tick of the outbox scan.
+        service_->sessions().commitQueue().setStoredHook([this] { dispatcher_->queueChanged(); });
         logs_.setBeforeFatalReport([this] { silenceEverything(); });
         trayToolTip_ = QStringLiteral("Postiq ") + AppVersion() + QStringLiteral(" [Arrêté]");
         if (windowSteps_.trayIcon)

@@ -118,7 +118,7 @@ ControlAnswer remove(Application& app, const QByteArray& id)
 // A message was queued by another process (the sendmail interface): deliver it now.
 ControlAnswer dispatch(Application& app, const QByteArray&)
 {
-    app.dispatcher().VerifOutBox();
+    app.dispatcher().queueChanged();
     return ControlAnswer::done();
 }
 
