@@ -1,5 +1,7 @@
 #include "core/sendmail.h"
 
+#include <QFileInfo>
+
 #include <QCoreApplication>
 #include <QFile>
 #include <cstdio>
@@ -194,7 +196,10 @@ int RunSendmail(int argc, char** argv, const QStringList& arguments, const QStri
     Queue queue(folder);
     QByteArrayList names;
     try {
-        queue.createMissingFolders();
+        // A fresh folder gets its three queue folders; a drop box (the system relay's OutBox, which
+        // every user may write) is used as it is: the caller could not create the others there.
+        if (!QFileInfo(queue.folderPath(QueueFolder::OutBox)).isDir())
+            queue.createMissingFolders();
         request.id = queue.freshGroupName(Queue::partsOf(message));
         PrepareSubmission(request, &submission, &problem);
         message.Data = submission.data;

@@ -36,6 +36,17 @@ bool SyncFolderOf(const QString& path, QString* error)
 {
     const QString folder = QFileInfo(path).absolutePath();
     const int handle = ::open(QFile::encodeName(folder).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (handle < 0 && errno == EACCES) {
+        // A drop box (write and search, no read) cannot be opened to sync its entries: sync the
+        // whole file system through the file itself, which holds the folder's entries too.
+        const int file = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC);
+        if (file < 0)
+            return fail(error, QStringLiteral("Cannot open the folder"), folder, EACCES);
+        const bool synced = ::syncfs(file) == 0;
+        const int number = errno;
+        ::close(file);
+        return synced || fail(error, QStringLiteral("Cannot save to disk the folder"), folder, number);
+    }
     if (handle < 0)
         return fail(error, QStringLiteral("Cannot open the folder"), folder);
     // Some file systems cannot sync a folder and say so with EINVAL; their entries are as safe

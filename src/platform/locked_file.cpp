@@ -15,7 +15,9 @@ bool LockedNewFile::create(const QString& path, int* number)
 {
     close();
     path_ = path;
-    handle_ = ::open(QFile::encodeName(path).constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    // Readable by the group too: in the system relay's drop box a user queues, and the relay reads
+    // the file as a member of the folder's group.
+    handle_ = ::open(QFile::encodeName(path).constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0640);
     if (handle_ < 0) {
         *number = errno;
         return false;

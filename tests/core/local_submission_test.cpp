@@ -52,13 +52,14 @@ TEST(LocalSubmission, ALineWithoutHeaderGetsOneAndBareLineEndsBecomeCrLf)
     EXPECT_EQ(s.recipients, QByteArrayList{"<carol@y.org>"});
 }
 
-TEST(LocalSubmission, DotsEndTheInputOnlyWithoutDashIAndAreStuffedInTheQueue)
+// The queue holds the message itself: the dots are doubled only on the wire, when it is sent.
+TEST(LocalSubmission, DotsEndTheInputOnlyWithoutDashIAndAreKeptAsWritten)
 {
     const QByteArray input = "Subject: x\n\n.leading dot\n.\nafter the dot\n";
     SubmissionRequest r = request(input, {"a@x.org"});
-    EXPECT_TRUE(prepared(r).endsWith("\r\n\r\n..leading dot\r\n"));
+    EXPECT_TRUE(prepared(r).endsWith("\r\n\r\n.leading dot\r\n"));
     r.dotEnds = false; // -i
-    EXPECT_TRUE(prepared(r).endsWith("\r\n\r\n..leading dot\r\n..\r\nafter the dot\r\n"));
+    EXPECT_TRUE(prepared(r).endsWith("\r\n\r\n.leading dot\r\n.\r\nafter the dot\r\n"));
 }
 
 TEST(LocalSubmission, DashTTakesToCcAndBccAndDropsBcc)
