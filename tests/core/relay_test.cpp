@@ -15,7 +15,9 @@ TEST(Relay, AMailProgramHandsAMessageToTheRunningRelay)
     const QString mailLog = folder + QStringLiteral("/maillog.txt");
     QDir().mkpath(folder);
     const quint16 port = freeListenPort();
-    writeFile(folder + QStringLiteral("/Postiq.ini"), "ListenPort\t" + QByteArray::number(port) + "\r\n");
+    // Kept local: a stored message would otherwise leave for delivery at once.
+    writeFile(folder + QStringLiteral("/Postiq.ini"),
+              "ListenPort\t" + QByteArray::number(port) + "\r\nKeepLocal\tOn\r\n");
 
     PostiqProcess postiq(folder, root.path() + QStringLiteral("/config"));
     ASSERT_TRUE(spinUntil([&] { return readFile(mailLog).contains("Start of SMTP service"); }, 10000))
