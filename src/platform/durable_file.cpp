@@ -19,9 +19,7 @@ bool fail(QString* error, const QString& what, const QString& path, int number =
     *error = QStringLiteral("%1 '%2': %3").arg(what, path, QString::fromLocal8Bit(std::strerror(number)));
     return false;
 }
-} // namespace
 
-namespace {
 // Closes and removes a file whose writing failed. Not QFile::remove: on a full disk its close
 // fails again to write what is still buffered, and it then keeps the file.
 void removeUnfinished(QFile& file)
