@@ -179,14 +179,14 @@ void Dispatcher::SendOutSmtp(const QString& file)
         slot.triedInClear = false;
         slot.arrival = QFileInfo(queue_.path("OutBox", file)).lastModified();
         ReleasingOnFault(tables_, i, [&] {
-            if (!loadOrSetAside(cnx.Message, file)) {
+            const std::optional<QByteArray> found = loadOrSetAside(cnx.Message, file);
+            if (!found) {
                 tables_.ReleaseSmtpDistant(i);
                 postVerifOutBox();
                 return;
             }
             cnx.Message.Essai = uint8_t(cnx.Message.Essai + 1);
-            // The whole message goes the way of its first recipient's domain.
-            const QByteArray domain = GetDomain(logs_, cnx.Message.RcptTo(1));
+            const QByteArray domain = *found;
             cnx.DNS.ResolveMx(domain, [this, i, file, domain] {
                 Trapped(logs_, "D:MODULE[SendOutSmtp]",
                         [&] { ReleasingOnFault(tables_, i, [&] { routeResolved(i, file, domain); }); });
@@ -196,17 +196,19 @@ void Dispatcher::SendOutSmtp(const QString& file)
 }
 
 // A queue file that cannot be read (cut short, garbage) would stop the queue at every scan: it is
-// set aside in Error as it is, with a line in the error log, and the queue goes on.
-bool Dispatcher::loadOrSetAside(CMessage& message, const QString& file)
+// set aside in Error as it is, with a line in the error log, and the queue goes on. So is one
+// whose first recipient has no domain (written by hand): no route could ever be found for it.
+std::optional<QByteArray> Dispatcher::loadOrSetAside(CMessage& message, const QString& file)
 {
     try {
         message.MLoad(queue_.path("OutBox", file));
-        return true;
+        // The whole message goes the way of its first recipient's domain.
+        return DomainOf(message.RcptTo(1));
     } catch (const Fault& fault) {
         queue_.setAside(file);
         logs_.ErrorLog(GMTDate(logs_.clock()) + " D:MODULE[SendOutSmtp] error " + number(fault.number()) + ": "
                        + fault.description().toUtf8() + " => placed in the error directory");
-        return false;
+        return std::nullopt;
     }
 }
 

@@ -87,8 +87,9 @@ private:
     // Where the disposition table sends the slot once its session has ended.
     void sessionEnded(uint8_t i, quint64 generation, const DeliveryOutcome& outcome);
     void dispose(uint8_t i, const DeliveryOutcome& outcome);
-    // Loads the OutBox file into `message`; false when it could not be read and went to Error.
-    bool loadOrSetAside(CMessage& message, const QString& file);
+    // Loads the OutBox file into `message` and gives its first recipient's domain; nothing when
+    // the file could not be read, or names no recipient with a domain, and went to Error.
+    std::optional<QByteArray> loadOrSetAside(CMessage& message, const QString& file);
     // Copies every (or every due) deferred file back to OutBox, dispatches them, and wakes the
     // scan again when the earliest file left falls due.
     void moveDeferredBack(bool onlyDue);

@@ -19,6 +19,14 @@ bool fail(QString* error, const QString& what, const QString& path, int number =
     *error = QStringLiteral("%1 '%2': %3").arg(what, path, QString::fromLocal8Bit(std::strerror(number)));
     return false;
 }
+
+// Closes and removes a file whose writing failed. Not QFile::remove: on a full disk its close
+// fails again to write what is still buffered, and it then keeps the file.
+void removeUnfinished(QFile& file)
+{
+    file.close();
+    QFile::remove(file.fileName());
+}
 } // namespace
 
 bool SyncFile(QFile& file, QString* error)
@@ -69,11 +77,11 @@ bool ReplaceDurably(const QString& path, const QByteArray& data, QString* error)
     }
     if (file.write(data) != data.size()) {
         *error = QStringLiteral("Cannot write '%1': %2").arg(temporary, file.errorString());
-        file.remove();
+        removeUnfinished(file);
         return false;
     }
     if (!SyncFile(file, error)) {
-        file.remove();
+        removeUnfinished(file);
         return false;
     }
     file.close();
@@ -101,7 +109,7 @@ bool StageFile(const QString& path, const QByteArray& data, StagedFile* staged, 
     }
     if (file.write(data) != data.size() || !file.flush()) {
         *error = QStringLiteral("Cannot write '%1': %2").arg(staging, file.errorString());
-        file.remove();
+        removeUnfinished(file);
         return false;
     }
     *staged = StagedFile{staging, path};

@@ -44,6 +44,15 @@ void logReply(Logs& logs, uint8_t n, const QByteArray& reply, bool bold)
     logs.DbgAdd(bold ? "<FONT COLOR='#0000FF'><B>" + text + "</B></FONT><BR>"
                      : "<FONT COLOR='#0000FF'>" + text + "</FONT><BR>");
 }
+
+// Whatever made the write fail (no space, a quota, an I/O error), the client hears that the relay
+// cannot store mail for now: a 4xx it retries, on this session or a later one.
+QByteArray NotStoredAnswer(Logs& logs, uint8_t n, const QString& error)
+{
+    logs.ErrorLog(GMTDate(logs.clock()) + " Postiq/smtplocal[" + number(n) + "]: message not stored: "
+                  + error.toUtf8());
+    return "452 Insufficient system storage" + kCrLf;
+}
 } // namespace
 
 // The command rules, tried in order; the first whose verb and state match is applied. In a message
@@ -438,12 +447,21 @@ void InboundSession::endOfData()
     const QByteArray localHost = server_.settings().LocalHostName.toUtf8();
     const auto header = [&](const QByteArray& id) { return ReceivedHeader(peer_, localHost, id, date); };
     QList<StagedFile> files;
-    if (message_.MRcptToCount() > 1) {
-        ParseRcptTo(logs_, message_, outBox, &files, header);
-    } else {
-        message_.ID = FreshQueueName(logs_);
-        message_.Data.prepend(header(message_.ID));
-        files.append(message_.MStage(outBox + '/' + QString::fromLatin1(message_.ID)));
+    try {
+        if (message_.MRcptToCount() > 1) {
+            ParseRcptTo(logs_, message_, outBox, &files, header);
+        } else {
+            message_.ID = FreshQueueName(logs_);
+            message_.Data.prepend(header(message_.ID));
+            files.append(message_.MStage(outBox + '/' + QString::fromLatin1(message_.ID)));
+        }
+    } catch (const Fault& fault) {
+        // A full disk refuses this message, not the relay: nothing of it stays, and the client
+        // may try again on the same session.
+        DiscardStagedFiles(files);
+        message_.Data = QByteArray();
+        notStored(fault.description());
+        return;
     }
     row_.Message.ID = message_.ID;
     message_.Data = QByteArray(); // on its way to the disk; its memory goes back now
@@ -463,14 +481,26 @@ void InboundSession::endOfData()
                 logs.MailLog(GMTDate(logs.clock()) + tag + ":  to=" + firstRecipient + " status=outbox");
                 answer = "250 Message accepted for delivery" + kCrLf;
             } else {
-                logs.ErrorLog(GMTDate(logs.clock()) + tag + ": message not stored: " + error.toUtf8());
-                answer = "451 Requested action aborted: local error in processing" + kCrLf;
+                answer = NotStoredAnswer(logs, n, error);
             }
             logReply(logs, n, answer, false);
             if (self)
                 self->committed(answer);
         });
     });
+}
+
+// The message could not be written at the end of its data: answered in the next turn of the loop,
+// as a commit is, so that the reply order and the state rules stay those of a stored message.
+void InboundSession::notStored(const QString& error)
+{
+    const QByteArray answer = NotStoredAnswer(logs_, n_, error);
+    logReply(logs_, n_, answer, false);
+    const QPointer<InboundSession> self(this);
+    QMetaObject::invokeMethod(this, [self, answer] {
+        if (self)
+            self->committed(answer);
+    }, Qt::QueuedConnection);
 }
 
 void InboundSession::committed(const QByteArray& answer)

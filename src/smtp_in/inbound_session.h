@@ -95,6 +95,7 @@ private:
     void unrecognized(const QByteArray& line);
 
     void endOfData();
+    void notStored(const QString& error);
     void committed(const QByteArray& answer);
 
     void reply(const QByteArray& text, bool bold = false);

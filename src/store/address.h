@@ -16,13 +16,17 @@ class Logs;
 // An address holding CR, LF or NUL never is.
 bool CheckEmail(const QByteArray& address);
 
-// The part between "@" and the closing ">", case kept. An address without "@" is a fault.
+// The part between "@" and the closing ">", case kept. An address without "@" throws Fault.
+QByteArray DomainOf(const QByteArray& address);
+// The same where such an address is the fatal program-error report.
 QByteArray GetDomain(Logs& logs, const QByteArray& address);
 
 // Writes a message with several recipients into OutBox as one queue file per recipient domain,
 // in order of the domains' first appearance, named FreshQueueName with the suffix "-" + k.
 // With `staged`, the files are only staged (CMessage::MStage) and listed there for one commit.
-// With `header`, each file's text starts with what it gives for that file's name.
+// With `header`, each file's text starts with what it gives for that file's name. A failure (an
+// address without domain, a full disk) throws Fault; files already staged are left in `staged`
+// for the caller to discard.
 void ParseRcptTo(Logs& logs, const CMessage& message, const QString& outBoxFolder,
                  QList<StagedFile>* staged = nullptr,
                  const std::function<QByteArray(const QByteArray& id)>& header = {});

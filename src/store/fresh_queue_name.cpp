@@ -13,8 +13,7 @@ QByteArray FreshQueueName(Logs& logs, const QByteArray& suffix)
 
 QByteArray FreshQueueName(Logs& logs, const QByteArray& suffix, const std::function<QByteArray()>& draw)
 {
-    return logs.guarded("MOD:FILESYSTEM[FreshQueueName]",
-                        [&] { return Queue(logs.folder()).freshName(suffix, draw); });
+    return Queue(logs.folder()).freshName(suffix, draw);
 }
 
 } // namespace postiq

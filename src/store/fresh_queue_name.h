@@ -8,7 +8,9 @@ namespace postiq {
 class Logs;
 
 // A queue file name, RandomFileGet + suffix, that no file in OutBox, Deferred or Error of the
-// program folder holds yet: a new message never replaces a queued one.
+// program folder holds yet: a new message never replaces a queued one. A queue folder that cannot
+// be made or read, or no free name after many draws, throws a Fault (QueueFault) for the caller
+// to answer per message.
 QByteArray FreshQueueName(Logs& logs, const QByteArray& suffix = {});
 
 // The same with the random part drawn by `draw`, so that clashes can be forced.

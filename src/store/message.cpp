@@ -117,17 +117,15 @@ void CMessage::MWrite(const QString& path)
 
 StagedFile CMessage::MStage(const QString& path)
 {
-    return logs_->guarded(kFileSite, [&] {
-        logs_->DbgAdd(fileNote(*logs_, ": Ecriture de ", path));
-        QBuffer buffer;
-        buffer.open(QIODevice::WriteOnly);
-        WriteQueueRecord(buffer, *this);
-        QString error;
-        StagedFile staged;
-        if (!StageFile(path, buffer.data(), &staged, &error))
-            throw Fault(ErrAccessDenied, error);
-        return staged;
-    });
+    logs_->DbgAdd(fileNote(*logs_, ": Ecriture de ", path));
+    QBuffer buffer;
+    buffer.open(QIODevice::WriteOnly);
+    WriteQueueRecord(buffer, *this);
+    QString error;
+    StagedFile staged;
+    if (!StageFile(path, buffer.data(), &staged, &error))
+        throw Fault(ErrAccessDenied, error);
+    return staged;
 }
 
 } // namespace postiq

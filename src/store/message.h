@@ -42,7 +42,8 @@ public:
     // there. A failure is the fatal program-error report.
     void MWrite(const QString& path);
     // Writes the record under the staging name of `path`, without waiting for the disk: the file
-    // takes its name once CommitStagedFiles has made it durable together with others.
+    // takes its name once CommitStagedFiles has made it durable together with others. A failure
+    // (a full disk) throws Fault and leaves no staging file: the message is refused, not the relay.
     StagedFile MStage(const QString& path);
 
     // The same two for callers that can go on: a failure throws Fault and changes nothing (the

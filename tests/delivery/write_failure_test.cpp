@@ -15,24 +15,26 @@ void breakFolder(DeliveryBench& b, const char* folder)
     writeFile(path, "not a folder");
 }
 
-// Cut short or garbage: each is set aside in Error byte for byte, the queue goes on and the
-// program with it.
+// Cut short, garbage, or a first recipient without domain (written by hand): each is set aside in
+// Error byte for byte, the queue goes on and the program with it.
 TEST(WriteFailure, UnreadableQueueFilesGoToErrorAndTheQueueMovesOn)
 {
     DeliveryBench b;
     b.queue("GOOD", {"<b@dst.test>"});
+    b.queue("NODOMAIN", {"<nobody>"});
     const QByteArray whole = readFile(b.path("OutBox/GOOD"));
     writeFile(b.path("OutBox/SHORT"), whole.left(whole.size() - 5));
     writeFile(b.path("OutBox/JUNK"), QByteArray(3, '\xff') + "garbage");
     QFile::remove(b.path("OutBox/GOOD"));
-    b.dispatcher.VerifOutBox();
-    b.dispatcher.VerifOutBox();
+    for (int tick = 0; tick < 3; ++tick)
+        b.dispatcher.VerifOutBox();
     ASSERT_TRUE(b.settle());
-    EXPECT_EQ(b.files("Error"), (QStringList{"JUNK", "SHORT"}));
+    EXPECT_EQ(b.files("Error"), (QStringList{"JUNK", "NODOMAIN", "SHORT"}));
     EXPECT_TRUE(b.files("OutBox").isEmpty());
     EXPECT_EQ(readFile(b.path("Error/SHORT")), whole.left(whole.size() - 5));
-    EXPECT_EQ(b.errorLog().count(" D:MODULE[SendOutSmtp] error "), 2);
-    EXPECT_EQ(b.errorLog().count("=> placed in the error directory\r\n"), 2);
+    EXPECT_EQ(b.errorLog().count(" D:MODULE[SendOutSmtp] error "), 3);
+    EXPECT_TRUE(b.errorLog().contains("The address '<nobody>' has no domain => placed in the error directory"));
+    EXPECT_EQ(b.errorLog().count("=> placed in the error directory\r\n"), 3);
     EXPECT_TRUE(b.desktop.boxes.isEmpty());
 }
 

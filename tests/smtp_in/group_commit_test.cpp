@@ -53,6 +53,7 @@ struct GatedFlush {
 };
 
 const QByteArray kDataEnd = "Subject: x\r\n\r\nbody\r\n.\r\n";
+const QByteArray kNoStorage = "452 Insufficient system storage";
 } // namespace
 
 // The 250 waits for the disk; sessions that end their data while a round runs share the next.
@@ -91,8 +92,8 @@ TEST(GroupCommit, RepliesOnlyOnceTheFilesAreOnDiskAndSharesOneRoundAmongWaitingS
     EXPECT_EQ(bench.log("maillog.txt").count("status=outbox"), 5);
 }
 
-// A flush that fails turns the 250 into a 451, leaves no file, and the session goes on.
-TEST(GroupCommit, AFailedFlushAnswers451AndLeavesNoFile)
+// A flush that fails turns the 250 into a 452, leaves no file, and the session goes on.
+TEST(GroupCommit, AFailedFlushAnswers452AndLeavesNoFile)
 {
     CommitBench bench;
     bench.session.commitQueue().setFlush([](const QList<StagedFile>& files, QString* error) {
@@ -107,7 +108,7 @@ TEST(GroupCommit, AFailedFlushAnswers451AndLeavesNoFile)
                   {"RCPT TO:<b@y.org>\r\n", "250 recipient is <b@y.org> recipient ok"},
                   {"RCPT TO:<c@z.org>\r\n", "250 recipient is <c@z.org> recipient ok"},
                   {"DATA\r\n", kGoAhead},
-                  {kDataEnd, "451 Requested action aborted: local error in processing"}});
+                  {kDataEnd, kNoStorage}});
     EXPECT_TRUE(bench.outBox().isEmpty());
     EXPECT_FALSE(bench.log("maillog.txt").contains("status=outbox"));
     EXPECT_TRUE(bench.log("error.txt").contains(kStamp + " Postiq/smtplocal[1]: message not stored: Cannot save"));
@@ -177,4 +178,31 @@ TEST(GroupCommit, CommittingStagedFilesNeverReplacesAFileAndLeavesNothingOnFailu
     EXPECT_TRUE(CommitStagedFiles({stagedA}, &error)) << qPrintable(error);
     EXPECT_EQ(readFile(a), "first");
     EXPECT_FALSE(QFileInfo::exists(stagedA.staging));
+}
+
+// A message that cannot even be staged (here OutBox is a plain file, so no queue file can be
+// made there) is refused with a 452 and leaves nothing; the relay and the session go on, and the
+// next message, once the folder is back, is stored.
+TEST(GroupCommit, AMessageThatCannotBeStagedIsRefusedAndTheSessionGoesOn)
+{
+    CommitBench bench;
+    const QString outBox = bench.path(QStringLiteral("OutBox"));
+    ASSERT_TRUE(QDir(outBox).removeRecursively());
+    writeFile(outBox, "not a folder");
+    Client client(bench.port);
+    const Dialogue oneDomain = {
+        {"MAIL FROM:<a@x.com>\r\n", "250 sender is <a@x.com> sender ok"},
+        {"RCPT TO:<b@y.org>\r\n", "250 recipient is <b@y.org> recipient ok"},
+    };
+    const Dialogue twoDomains = oneDomain + Dialogue{{"RCPT TO:<c@z.org>\r\n", "250 recipient is <c@z.org> recipient ok"}};
+    play(client, {{"", kGreeting}, {"HELO box\r\n", "250 Hello box"}});
+    for (const Dialogue& envelope : {oneDomain, twoDomains}) // one file, then one per domain
+        play(client, envelope + Dialogue{{"DATA\r\n", kGoAhead}, {kDataEnd, kNoStorage}});
+    EXPECT_EQ(bench.log("error.txt").count(kStamp + " Postiq/smtplocal[1]: message not stored: "), 2);
+    EXPECT_TRUE(bench.desktop.diagnostics.isEmpty()); // no fatal report
+
+    ASSERT_TRUE(QFile::remove(outBox));
+    ASSERT_TRUE(QDir().mkdir(outBox));
+    play(client, oneDomain + Dialogue{{"DATA\r\n", kGoAhead}, {kDataEnd, kAccepted}, {"QUIT\r\n", "221 Postiq Goodbye"}});
+    EXPECT_EQ(bench.outBox().size(), 1);
 }

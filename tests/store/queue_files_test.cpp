@@ -45,13 +45,14 @@ TEST(FreshQueueName, DrawsAgainWhileAnyQueueFolderHoldsTheName)
     EXPECT_EQ(draw.draws, 2);
 }
 
-TEST(FreshQueueName, ABrokenDrawIsFatalInsteadOfEndless)
+// The caller answers for one message (a 4xx, a trapped delivery step); the relay goes on.
+TEST(FreshQueueName, ABrokenDrawIsAFaultInsteadOfEndless)
 {
     LogBench bench;
     QDir().mkpath(bench.path("OutBox"));
     writeFile(bench.path("OutBox/SAME"), "x");
-    EXPECT_THROW(FreshQueueName(bench.logs, {}, [] { return QByteArray("SAME"); }), ProgramEnded);
-    EXPECT_TRUE(bench.desktop.diagnostics.value(0).startsWith("Where: MOD:FILESYSTEM[FreshQueueName]"));
+    EXPECT_THROW(FreshQueueName(bench.logs, {}, [] { return QByteArray("SAME"); }), Fault);
+    EXPECT_TRUE(bench.desktop.diagnostics.isEmpty());
 }
 
 TEST(QueueFiles, CopyReplacesTheTargetWholeAndRemoveToleratesAMissingFile)
