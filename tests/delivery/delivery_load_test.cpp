@@ -77,8 +77,9 @@ TEST(DeliveryLoad, ThreeHundredMessagesToSlowExchangers)
     for (const QByteArray& line : b.mailLog(" connect to ") + b.mailLog("status=sent")) {
         const qsizetype at = line.indexOf("]: M") + 4;
         const QByteArray number = line.mid(at, line.indexOf(' ', at) - at);
-        if (line.contains("status=sent"))
+        if (line.contains("status=sent")) {
             EXPECT_TRUE(line.contains(" to=<r" + number + "@")) << line.constData();
+        }
         EXPECT_TRUE(line.contains(" Postiq/smtpdistant[")) << line.constData();
     }
     EXPECT_TRUE(b.files("OutBox").isEmpty()) << b.files("OutBox").join(' ').toStdString();
