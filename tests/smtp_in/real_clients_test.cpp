@@ -99,8 +99,9 @@ TEST_F(RealClients, SwaksAlsoPipelining)
         if (pipeline)
             arguments << QStringLiteral("--pipeline");
         ASSERT_EQ(run(QStringLiteral("swaks"), arguments), 0) << output.constData();
-        if (pipeline) // it asks for pipelining and fails if the server does not offer it
+        if (pipeline) { // it asks for pipelining and fails if the server does not offer it
             EXPECT_TRUE(output.contains("250-PIPELINING")) << output.constData();
+        }
         const CMessage message = stored();
         EXPECT_EQ(WithoutReceived(message.Data), text + "\r\n");
         QDir(folder + QStringLiteral("/OutBox")).removeRecursively();
