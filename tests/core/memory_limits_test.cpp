@@ -85,8 +85,11 @@ TEST_F(MeasuredRelay, MemoryStaysBoundedAndReturnsAfterABurst)
     std::string body;
     for (size_t i = 0; i < large.size(); i += 1000)
         body += large.substr(i, 998) + "\r\n";
+    // Under the sanitizers every byte costs several times as much: a burst from every slot would
+    // outlast the clients' patience, and its sizes say nothing there anyway.
+    const int clients = kSizesMeaningful ? 99 : 20;
     const auto accepted = runInParallel(
-        99, [&](int i) { return sendOneMessage(port, "<a@x.com>", "<r" + std::to_string(i) + "@y.org>", body); },
+        clients, [&](int i) { return sendOneMessage(port, "<a@x.com>", "<r" + std::to_string(i) + "@y.org>", body); },
         [] { spinUntil([] { return false; }, 20); });
     const qint64 burstPeak = peak();
     EXPECT_GT(std::count(accepted.begin(), accepted.end(), true), 0);
@@ -94,7 +97,7 @@ TEST_F(MeasuredRelay, MemoryStaysBoundedAndReturnsAfterABurst)
     const qint64 after = rss();
 
     std::cout << "memory: idle " << idle / kMegabyte << " MB, peak under the endless message "
-              << endlessPeak / kMegabyte << " MB (cut off after " << megabytes << " MB sent), peak in a burst of 99 x 4 MB "
+              << endlessPeak / kMegabyte << " MB (cut off after " << megabytes << " MB sent), peak in a burst of " << clients << " x 4 MB "
               << burstPeak / kMegabyte << " MB, after the burst " << after / kMegabyte << " MB" << std::endl;
     EXPECT_TRUE(relay->running());
     if (kSizesMeaningful) {
