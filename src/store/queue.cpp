@@ -331,20 +331,27 @@ QByteArrayList Queue::enqueue(const CMessage& message, const QByteArray& group) 
         throw QueueFault(ErrAccessDenied, error, errno == ENOSPC || errno == EDQUOT);
     for (const std::unique_ptr<QueueWriter>& writer : writers)
         writer->committed_ = true;
+    for (const QByteArray& name : names)
+        announce(QueueFolder::OutBox, name, QueueChange::Added);
     return names;
 }
 
 std::unique_ptr<QueueWriter> Queue::open(const CMessage& envelope, const QByteArray& suffix,
                                          const QByteArray& chosen) const
 {
-    if (!chosen.isEmpty())
-        return std::unique_ptr<QueueWriter>(new QueueWriter(filePath(QueueFolder::OutBox, chosen), chosen, envelope));
+    if (!chosen.isEmpty()) {
+        std::unique_ptr<QueueWriter> writer(new QueueWriter(filePath(QueueFolder::OutBox, chosen), chosen, envelope));
+        writer->queue_ = this;
+        return writer;
+    }
     // Two writers (this process and another) may draw the same free name in the same instant:
     // creating the staging file decides, and the loser draws again.
     for (int attempt = 0;; ++attempt) {
         const QByteArray name = freshName(suffix);
         try {
-            return std::unique_ptr<QueueWriter>(new QueueWriter(filePath(QueueFolder::OutBox, name), name, envelope));
+            std::unique_ptr<QueueWriter> writer(new QueueWriter(filePath(QueueFolder::OutBox, name), name, envelope));
+            writer->queue_ = this;
+            return writer;
         } catch (const QueueFault& fault) {
             if (fault.number() != kNameTakenMeanwhile || attempt >= 3)
                 throw;
@@ -414,6 +421,8 @@ void Queue::move(QueueFolder from, QueueFolder to, const QByteArray& name, const
         SyncFolderOf(target, &ignored);
         throw QueueFault(fault.number(), fault.description());
     }
+    announce(from, name, QueueChange::Removed);
+    announce(to, name, QueueChange::Added);
 }
 
 int Queue::returnDeferred(std::optional<qint64> olderThanSeconds, const QDateTime& now, QStringList* errors) const
@@ -441,6 +450,7 @@ void Queue::rewrite(QueueFolder folder, const QByteArray& name, const CMessage& 
                                               .arg(QString::fromLatin1(name), QString::fromLatin1(folderName(folder))));
     const QByteArray record = serialised(message);
     writeDurably(path, path, &record);
+    announce(folder, name, QueueChange::Rewritten);
 }
 
 void Queue::remove(QueueFolder folder, const QByteArray& name) const
@@ -450,6 +460,26 @@ void Queue::remove(QueueFolder folder, const QByteArray& name) const
     } catch (const Fault& fault) {
         throw QueueFault(fault.number(), fault.description());
     }
+    announce(folder, name, QueueChange::Removed);
+}
+
+int Queue::addObserver(QueueObserver observer)
+{
+    observers_.emplace_back(++lastObserver_, std::move(observer));
+    return lastObserver_;
+}
+
+void Queue::removeObserver(int id)
+{
+    std::erase_if(observers_, [id](const auto& entry) { return entry.first == id; });
+}
+
+void Queue::announce(QueueFolder folder, const QByteArray& name, QueueChange change) const
+{
+    // A copy: an observer may add or remove observers while it is told.
+    const auto observers = observers_;
+    for (const auto& [id, observer] : observers)
+        observer(folder, name, change);
 }
 
 bool Queue::claim(const QByteArray& name)
@@ -602,6 +632,8 @@ void QueueWriter::commit()
     }
     committed_ = true;
     file_->file.close();
+    if (queue_)
+        queue_->announce(QueueFolder::OutBox, name_, QueueChange::Added);
 }
 
 void QueueWriter::discard()

@@ -45,6 +45,11 @@ struct QueueEntry {
     QDateTime modified;
 };
 
+// What a change did to one queued file.
+enum class QueueChange { Added, Removed, Rewritten };
+// Told of a change once it is durable: a move is a Removed from one folder and an Added to another.
+using QueueObserver = std::function<void(QueueFolder folder, const QByteArray& name, QueueChange change)>;
+
 // What the start-up cleanup found.
 struct QueueLeftovers {
     int stagingFiles = 0; // hidden files of writes that never finished, removed
@@ -140,12 +145,21 @@ public:
     // two folders (the one written last, which is the move's destination; OutBox on a tie).
     QueueLeftovers clearLeftovers() const;
 
+    // ---- watching (a queue window, the in-memory index) ----
+    // Every change made through this object is told to each observer, in the order they were added.
+    int addObserver(QueueObserver observer);
+    void removeObserver(int id);
+    // For files made visible outside the queue's own calls (a group commit of staged files).
+    void announce(QueueFolder folder, const QByteArray& name, QueueChange change) const;
+
 private:
     // The per-domain files of a message, written and finished but not committed.
     std::vector<std::unique_ptr<QueueWriter>> split(const CMessage& message, const QByteArray& group) const;
 
     QString programFolder_;
     QSet<QByteArray> claims_;
+    std::vector<std::pair<int, QueueObserver>> observers_;
+    int lastObserver_ = 0;
 };
 
 // One new message being written into OutBox under its hidden staging name, locked so that no
@@ -177,6 +191,7 @@ private:
     QString path_;
     QString stagingPath_;
     QByteArray name_;
+    const Queue* queue_ = nullptr; // told of the commit
     struct File;
     std::unique_ptr<File> file_;
     QByteArray buffer_;

@@ -202,6 +202,32 @@ TEST(Queue, FoldersAreFoundWhateverTheirCase)
     EXPECT_EQ(QDir(root.path()).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size(), 3);
 }
 
+TEST_F(QueueBench, ObserversHearEveryChangeOnceItIsDurable)
+{
+    QStringList heard;
+    const int id = queue.addObserver([&](QueueFolder folder, const QByteArray& name, QueueChange change) {
+        // Told after the fact: the file is already where the change says.
+        EXPECT_EQ(QFileInfo::exists(queue.filePath(folder, name)), change != QueueChange::Removed);
+        heard << QStringLiteral("%1 %2 %3").arg(QString::fromLatin1(Queue::folderName(folder)), QString::fromLatin1(name))
+                     .arg(int(change));
+    });
+    const QByteArray name = queue.enqueue(message({"<a@x.org>"})).value(0);
+    std::unique_ptr<QueueWriter> writer = queue.open(message({"<b@y.org>"}));
+    const QByteArray streamed = writer->name();
+    writer->append("Subject: s\r\n\r\nbody\r\n");
+    writer->commit();
+    queue.defer(name);
+    CMessage record = message({"<a@x.org>"});
+    queue.rewrite(QueueFolder::Deferred, name, record);
+    queue.remove(QueueFolder::OutBox, streamed);
+    queue.removeObserver(id);
+    queue.backToOutBox(QueueFolder::Deferred, name);
+
+    const QString n = QString::fromLatin1(name), s = QString::fromLatin1(streamed);
+    EXPECT_EQ(heard, QStringList({"OutBox " + n + " 0", "OutBox " + s + " 0", "OutBox " + n + " 1",
+                                  "Deferred " + n + " 0", "Deferred " + n + " 2", "OutBox " + s + " 1"}));
+}
+
 TEST_F(QueueBench, LeftoversOfAKilledRelayAreClearedButALiveWriteIsLeftAlone)
 {
     const QByteArray moved = queue.enqueue(message({"<a@x.org>"}))[0];
