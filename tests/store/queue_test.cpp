@@ -12,6 +12,7 @@
 #include "platform/locked_file.h"
 #include "store/message.h"
 #include "store/queue.h"
+#include "store/queue_text_reader.h"
 #include "support/fakes.h"
 
 using namespace postiq;
@@ -226,6 +227,36 @@ TEST_F(QueueBench, ObserversHearEveryChangeOnceItIsDurable)
     const QString n = QString::fromLatin1(name), s = QString::fromLatin1(streamed);
     EXPECT_EQ(heard, QStringList({"OutBox " + n + " 0", "OutBox " + s + " 0", "OutBox " + n + " 1",
                                   "Deferred " + n + " 0", "Deferred " + n + " 2", "OutBox " + s + " 1"}));
+}
+
+TEST_F(QueueBench, ATextIsReadBackInChunksWithItsRecord)
+{
+    QByteArray text;
+    for (int i = 0; i < 40000; ++i)
+        text += "line " + QByteArray::number(i) + "\r\n";
+    const QByteArray name = queue.enqueue(message({"<a@x.org>"}, text)).value(0);
+
+    CMessage head(bench.logs);
+    QueueTextReader reader(queue, QueueFolder::OutBox, name, head);
+    EXPECT_EQ(head.From, "<me@here.org>");
+    EXPECT_TRUE(head.Data.isEmpty());
+    EXPECT_EQ(reader.size(), text.size());
+    QByteArray back;
+    while (!reader.atEnd()) {
+        const QByteArray chunk = reader.read(4096);
+        ASSERT_FALSE(chunk.isEmpty());
+        ASSERT_LE(chunk.size(), 4096);
+        back += chunk;
+    }
+    EXPECT_EQ(back, text);
+    EXPECT_TRUE(reader.read(4096).isEmpty());
+    reader.rewind();
+    EXPECT_EQ(reader.read(6), "line 0");
+
+    // A file cut short inside its text is a fault, not a short message.
+    QFile::resize(queue.filePath(QueueFolder::OutBox, name), QFileInfo(queue.filePath(QueueFolder::OutBox, name)).size() - 10);
+    EXPECT_THROW(QueueTextReader(queue, QueueFolder::OutBox, name, head), QueueFault);
+    EXPECT_THROW(QueueTextReader(queue, QueueFolder::OutBox, "nothing", head), QueueFault);
 }
 
 TEST_F(QueueBench, LeftoversOfAKilledRelayAreClearedButALiveWriteIsLeftAlone)
