@@ -19,7 +19,8 @@ struct CommitBench {
     Logs logs{dir.path(), settings, desktop, clock};
     DnsCache cache;
     ConnectionTables tables{logs, settings, cache};
-    InboundServer session{logs, settings, tables};
+    Queue queue{dir.path()};
+    InboundServer session{logs, settings, tables, queue};
     quint16 port = 0;
 
     CommitBench()
