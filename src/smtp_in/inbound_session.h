@@ -31,7 +31,8 @@ enum InboundState : int32_t {
 };
 
 // One inbound SMTP connection from a mail program, from its connection request to its close. It
-// owns its socket, its line reader, the message being received, its state and its idle timer;
+// owns its socket, its line reader, the message being received (its text on its way to disk, see
+// QueueWriter), its state and its idle timer;
 // when the connection ends it frees its slot and goes, and nothing else refers to it. Commands
 // are read one line at a time and answered in order, so several in one packet (pipelining) are
 // served like commands sent one by one.
@@ -137,7 +138,7 @@ private:
     bool lostWhileCommitting_ = false; // handled once the message's commit is over
     bool cutOff_ = false;              // told to go: whatever else it sends is dropped
     qsizetype dropped_ = 0;            // what it sent after that
-    bool large_ = false;               // held a large message at some point
+    bool large_ = false;               // received a large message, so its buffers were large
     bool finished_ = false;
 };
 

@@ -101,6 +101,11 @@ TEST(InboundSession, CarriesSeveralMessagesOnOneConnectionAndLogsThem)
 {
     SmtpBench bench;
     bench.settings.ActiveSettings.DebugMode = true;
+    QStringList announced; // what the queue's observers were told
+    bench.queue.addObserver([&](QueueFolder folder, const QByteArray& name, QueueChange change) {
+        announced.append(QString::fromLatin1(Queue::folderName(folder) + ' ' + name
+                                             + (change == QueueChange::Added ? " added" : " other")));
+    });
     ASSERT_TRUE(bench.start());
     Client client(bench.port);
     play(client, {{"", kGreeting},
@@ -137,6 +142,12 @@ TEST(InboundSession, CarriesSeveralMessagesOnOneConnectionAndLogsThem)
         EXPECT_TRUE(message.Data.contains(" (Postiq) with SMTP id " + file.toLatin1() + ";\r\n\t"));
     }
     std::sort(stored.begin(), stored.end());
+    QStringList files = bench.outBox();
+    for (QString& file : files)
+        file = QStringLiteral("OutBox ") + file + QStringLiteral(" added");
+    announced.sort();
+    files.sort();
+    EXPECT_EQ(announced, files);
     EXPECT_EQ(stored, (QList<QByteArray>{"1|<s@w.net>|<a@x.com><c@x.com>|one\r\n", "2|<s@w.net>|<b@y.org>|one\r\n",
                                          "|<c@x.com>|<d@z.net>|two\r\n"}));
 
