@@ -11,6 +11,7 @@
 #include "store/message.h"
 #include "store/queue_file_format.h"
 #include "support/fakes.h"
+#include "support/process_memory.h"
 #include "support/thread_clients.h"
 
 using namespace postiq;
@@ -19,31 +20,8 @@ using namespace postiq::test;
 namespace {
 
 constexpr qint64 kMegabyte = 1024 * 1024;
-// Under AddressSanitizer every byte costs several times as much, and memory sizes say nothing.
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool kSanitized = true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-constexpr bool kSanitized = true;
-#else
-constexpr bool kSanitized = false;
-#endif
-#else
-constexpr bool kSanitized = false;
-#endif
 constexpr int kClients = 20;
-constexpr qint64 kMessageBytes = (kSanitized ? 6 : 30) * kMegabyte;
-
-qint64 memoryOf(qint64 pid, const char* field)
-{
-    QFile status(QStringLiteral("/proc/%1/status").arg(pid));
-    if (!status.open(QIODevice::ReadOnly))
-        return -1;
-    for (const QByteArray& line : status.readAll().split('\n'))
-        if (line.startsWith(QByteArray(field) + ':'))
-            return line.mid(qsizetype(strlen(field)) + 1).trimmed().split(' ').value(0).toLongLong() * 1024;
-    return -1;
-}
+constexpr qint64 kMessageBytes = (kSanitizerBuild ? 6 : 30) * kMegabyte;
 
 // What a client sent and what it was told.
 struct Sent {
@@ -131,10 +109,10 @@ struct LargeMessages : KeptLocalRelay {};
 TEST_F(LargeMessages, TwentyClientsSendingThirtyMegabytesAtOnceAreAllStoredWhole)
 {
     spinUntil([] { return false; }, 300);
-    const qint64 idle = memoryOf(relay->processId(), "VmRSS");
+    const qint64 idle = MemoryOf(relay->processId(), "VmRSS");
     const auto sent = runInParallel(kClients, [&](int client) { return sendLargeMessage(port, client); },
                                     [] { spinUntil([] { return false; }, 20); });
-    const qint64 peak = memoryOf(relay->processId(), "VmHWM");
+    const qint64 peak = MemoryOf(relay->processId(), "VmHWM");
     std::cout << "memory: idle " << idle / kMegabyte << " MB, peak while receiving " << kClients << " x "
               << kMessageBytes / kMegabyte << " MB: " << peak / kMegabyte << " MB" << std::endl;
     ASSERT_TRUE(relay->running()) << relay->standardError().constData();
@@ -155,7 +133,7 @@ TEST_F(LargeMessages, TwentyClientsSendingThirtyMegabytesAtOnceAreAllStoredWhole
         expected.remove(hash);
     }
     EXPECT_EQ(readFile(mailLog()).count("status=outbox"), kClients);
-    if (!kSanitized) { // holding every text would take 600 MB and more
+    if (!kSanitizerBuild) { // holding every text would take 600 MB and more
         EXPECT_LT(peak, idle + 160 * kMegabyte);
     }
 }
