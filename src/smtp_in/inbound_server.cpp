@@ -15,8 +15,10 @@ namespace {
 constexpr std::chrono::milliseconds kFullTableGrace{50};
 } // namespace
 
-InboundServer::InboundServer(Logs& logs, const Settings& settings, ConnectionTables& tables, QObject* parent)
-    : QObject(parent), logs_(logs), settings_(settings), tables_(tables), idleLimit_(InboundSession::kIdleLimit)
+InboundServer::InboundServer(Logs& logs, const Settings& settings, ConnectionTables& tables, Queue& queue,
+                             QObject* parent)
+    : QObject(parent), logs_(logs), settings_(settings), tables_(tables), queue_(queue),
+      idleLimit_(InboundSession::kIdleLimit)
 {
     connect(&tables_.SmtpListener(), &QTcpServer::newConnection, this, &InboundServer::Smtp_ConnectionRequest);
     fullTableGrace_.setSingleShot(true);

@@ -10,12 +10,11 @@
 #include "log/html.h"
 #include "log/logs.h"
 #include "log/version.h"
-#include "platform/program_folder.h"
 #include "smtp_in/connexion.h"
 #include "smtp_in/envelope_commands.h"
 #include "smtp_in/inbound_server.h"
 #include "store/address.h"
-#include "store/fresh_queue_name.h"
+#include "store/domain_parts.h"
 
 namespace postiq {
 
@@ -76,6 +75,7 @@ InboundSession::InboundSession(InboundServer& server, uint8_t n, QTcpSocket* soc
       row_(server.tables().CnxIn(n)), socket_(socket), message_(server.logs())
 {
     socket_->setParent(this);
+    socket_->setReadBufferSize(kMostArrivalBytes);
     peer_.host = socket_->peerName().toUtf8();
     peer_.ip = PlainAddressText(socket_->peerAddress());
     localIp_ = PlainAddressText(socket_->localAddress());
@@ -153,7 +153,7 @@ void InboundSession::dataArrived()
         logs_.DbgAdd(tag + HtmlEscape(bytes), DbgInbound);
     }
     reader_.append(bytes);
-    large_ = large_ || message_.Data.size() + reader_.held() > kLargeBytes;
+    large_ = large_ || textBytes_ + reader_.held() > kLargeBytes;
     serve();
 }
 
@@ -228,6 +228,8 @@ void InboundSession::finish()
 {
     finished_ = true;
     idle_.stop();
+    writer_.reset(); // an unfinished message leaves nothing
+
     disconnect(socket_, nullptr, this, nullptr);
     server_.tables().ReleaseSmtpLocal(n_);
     server_.sessionEnded(large_);
@@ -271,22 +273,69 @@ void InboundSession::command(const QByteArray& line)
 }
 
 // The message as the client wrote it: a leading dot that doubles another is dropped, and every
-// line ends with CR LF, however it ended on the wire. Only CR LF "." CR LF ends the text.
+// line ends with CR LF, however it ended on the wire. Only CR LF "." CR LF ends the text. Each line
+// goes to the message's file as it comes.
 bool InboundSession::readText()
 {
-    while (const std::optional<LineReader::TextLine> line = reader_.nextTextLine()) {
-        if (textLineStart_ && line->crLf && line->text == ".") {
+    while (std::optional<LineReader::TextLine> line = reader_.nextTextLine()) {
+        const bool lineStart = !midLine_;
+        if (lineStart && textLineStart_ && line->crLf && line->text == ".") {
             endOfData();
             return true;
         }
-        QByteArray& data = message_.Data;
-        data += line->text.startsWith("..") ? QByteArrayView(line->text).sliced(1) : QByteArrayView(line->text);
-        data += kCrLf;
-        textLineStart_ = line->crLf;
-        if (data.size() > kMostMessageBytes)
+        QByteArray& text = line->text;
+        if (lineStart && text.startsWith(".."))
+            text.remove(0, 1);
+        if (line->ended)
+            text += kCrLf;
+        textBytes_ += text.size();
+        writeText(text);
+        midLine_ = !line->ended;
+        textLineStart_ = line->ended && line->crLf;
+        if (textBytes_ > kMostMessageBytes)
             return !overLimit();
     }
     return false;
+}
+
+// The file is made as soon as the client may send its text. The Received header goes first when
+// the message makes one file; a message for several domains gets one in each file at its end.
+void InboundSession::openMessageFile()
+{
+    message_.Essai = 0;
+    receivedDate_ = Rfc5322Date(logs_.clock());
+    storeError_.clear();
+    try {
+        writer_ = server_.queue().open(message_);
+        if (EnvelopesByDomain(message_).size() == 1)
+            writer_->append(receivedHeader(writer_->name()));
+    } catch (const QueueFault& fault) {
+        cannotStore(fault);
+    }
+}
+
+void InboundSession::writeText(const QByteArray& text)
+{
+    if (!writer_)
+        return;
+    try {
+        writer_->append(text);
+    } catch (const QueueFault& fault) {
+        cannotStore(fault);
+    }
+}
+
+// A full disk (or any failed write) refuses this message, not the relay: what was written goes at
+// once, the rest of the text is read and dropped, and its end is answered 452.
+void InboundSession::cannotStore(const QueueFault& fault)
+{
+    writer_.reset();
+    storeError_ = fault.description();
+}
+
+QByteArray InboundSession::receivedHeader(const QByteArray& id) const
+{
+    return ReceivedHeader(peer_, server_.settings().LocalHostName.toUtf8(), id, receivedDate_);
 }
 
 // ---- limits ----
@@ -296,7 +345,7 @@ bool InboundSession::readText()
 bool InboundSession::overLimit()
 {
     if (state_ == InData) {
-        if (message_.Data.size() + reader_.held() <= kMostMessageBytes)
+        if (textBytes_ + reader_.held() <= kMostMessageBytes)
             return false;
         cutOff("552 Message too big, the limit is " + number(int(kMostMessageBytes / (1024 * 1024))) + " MB"
                    + kCrLf,
@@ -316,7 +365,7 @@ void InboundSession::cutOff(const QByteArray& reply, const QByteArray& logText)
     mailLog(slotTag() + logText + " from " + peer_.host + " [" + peer_.ip + "]");
     cutOff_ = true;
     reader_.clear();
-    message_.Data = QByteArray();
+    writer_.reset();
     setState(Quitting);
     this->reply(reply);
     idle_.start(server_.idleLimit()); // a client that does not take the reply is closed on expiry
@@ -402,10 +451,12 @@ void InboundSession::startData(const QByteArray&)
         reply("554 No valid recipients" + kCrLf);
         return;
     }
-    message_.Data.clear();
     textLineStart_ = true;
+    midLine_ = false;
+    textBytes_ = 0;
     setState(InData);
     reply("354 OK End with <CRLF>.<CRLF>" + kCrLf);
+    openMessageFile();
 }
 
 void InboundSession::reset(const QByteArray&)
@@ -432,51 +483,40 @@ void InboundSession::unrecognized(const QByteArray&)
 
 // ---- the end of a message ----
 
-// The 250 promises that the message is on disk: the files are written at once, each under a
-// Received header that names it, and the reply waits for the next flush round, which covers
-// every session whose data ended meanwhile.
+// The 250 promises that the message is on disk: its files are completed at once, and the reply
+// waits for the next flush round, which covers every session whose data ended meanwhile.
 void InboundSession::endOfData()
 {
     setState(Committing);
     const QByteArray firstRecipient = message_.MRcptToCount() >= 1 ? message_.RcptTo(1) : QByteArray();
-    message_.TxtEng = kCrLf + "==> DO NOT ALTER THIS FILE !" + kCrLf;
-    message_.TxtFr = kCrLf + "==> NE PAS MODIFIER CE FICHIER !" + kCrLf;
-    message_.Essai = 0;
-    const QString outBox = SubfolderPath(logs_.folder(), QStringLiteral("OutBox"));
-    const QByteArray date = Rfc5322Date(logs_.clock());
-    const QByteArray localHost = server_.settings().LocalHostName.toUtf8();
-    const auto header = [&](const QByteArray& id) { return ReceivedHeader(peer_, localHost, id, date); };
+    QByteArrayList names;
+    auto parts = std::make_shared<std::vector<std::unique_ptr<QueueWriter>>>();
     QList<StagedFile> files;
     try {
-        if (message_.MRcptToCount() > 1) {
-            ParseRcptTo(logs_, message_, outBox, &files, header);
-        } else {
-            message_.ID = FreshQueueName(logs_);
-            message_.Data.prepend(header(message_.ID));
-            files.append(message_.MStage(outBox + '/' + QString::fromLatin1(message_.ID)));
-        }
-    } catch (const Fault& fault) {
-        // A full disk refuses this message, not the relay: nothing of it stays, and the client
-        // may try again on the same session.
-        DiscardStagedFiles(files);
-        message_.Data = QByteArray();
+        files = stageMessage(names, *parts);
+    } catch (const QueueFault& fault) {
+        // Nothing of the message stays, and the client may try again on the same session.
+        writer_.reset();
+        parts->clear();
         notStored(fault.description());
         return;
     }
-    row_.Message.ID = message_.ID;
-    message_.Data = QByteArray(); // on its way to the disk; its memory goes back now
+    row_.Message.ID = names.value(0);
 
     // The session may be gone before the round is over: the message is stored all the same, and
     // only the reply has nobody to go to.
     Logs& logs = logs_;
+    Queue& queue = server_.queue();
     const uint8_t n = n_;
     const QPointer<InboundSession> self(this);
-    server_.commitQueue().commit(std::move(files), [&logs, n, self, firstRecipient](bool stored,
-                                                                                     const QString& error) {
+    server_.commitQueue().commit(std::move(files), [&logs, &queue, n, self, firstRecipient, names,
+                                                    parts](bool stored, const QString& error) {
         logs.guarded("FRM:MAIN[Smtp_DataArrival]", [&] {
             const QByteArray tag = " Postiq/smtplocal[" + number(n) + "]";
             QByteArray answer;
             if (stored) {
+                for (const QByteArray& name : names)
+                    queue.announce(QueueFolder::OutBox, name, QueueChange::Added);
                 // Two spaces before "to=": the established layout of this mail-log line.
                 logs.MailLog(GMTDate(logs.clock()) + tag + ":  to=" + firstRecipient + " status=outbox");
                 answer = "250 Message accepted for delivery" + kCrLf;
@@ -488,6 +528,29 @@ void InboundSession::endOfData()
                 self->committed(answer);
         });
     });
+}
+
+// One file is the streamed one itself; a message for several domains is copied from it into one
+// file per domain, each under a Received header that names it.
+QList<StagedFile> InboundSession::stageMessage(QByteArrayList& names,
+                                               std::vector<std::unique_ptr<QueueWriter>>& parts)
+{
+    if (!writer_)
+        throw QueueFault(ErrAccessDenied, storeError_);
+    const QList<CMessage> envelopes = EnvelopesByDomain(message_);
+    if (envelopes.size() == 1) {
+        names.append(writer_->name());
+        return server_.queue().stageWritten(std::move(writer_), message_);
+    }
+    parts = WriteDomainParts(server_.queue(), *writer_, envelopes,
+                             [this](const QByteArray& id) { return receivedHeader(id); });
+    writer_.reset();
+    QList<StagedFile> files;
+    for (const std::unique_ptr<QueueWriter>& part : parts) {
+        names.append(part->name());
+        files.append(part->staged());
+    }
+    return files;
 }
 
 // The message could not be written at the end of its data: answered in the next turn of the loop,

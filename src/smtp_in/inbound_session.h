@@ -5,10 +5,12 @@
 #include <QTimer>
 #include <chrono>
 #include <cstdint>
+#include <memory>
 
 #include "smtp_in/line_reader.h"
 #include "smtp_in/received_header.h"
 #include "store/message.h"
+#include "store/queue.h"
 
 class QTcpSocket;
 
@@ -29,7 +31,8 @@ enum InboundState : int32_t {
 };
 
 // One inbound SMTP connection from a mail program, from its connection request to its close. It
-// owns its socket, its line reader, the message being received, its state and its idle timer;
+// owns its socket, its line reader, the message being received (its text on its way to disk, see
+// QueueWriter), its state and its idle timer;
 // when the connection ends it frees its slot and goes, and nothing else refers to it. Commands
 // are read one line at a time and answered in order, so several in one packet (pipelining) are
 // served like commands sent one by one.
@@ -38,9 +41,12 @@ class InboundSession : public QObject {
 public:
     // Limits that keep one client from stopping or starving the relay. A command line, or what
     // has come of one, may not grow past kMostCommandBytes, a message past kMostMessageBytes: the
-    // client is told so and cut off before its bytes are held any longer.
+    // client is told so and cut off before its bytes are held or written any longer.
     static constexpr qsizetype kMostCommandBytes = 1024 * 1024;
     static constexpr qsizetype kMostMessageBytes = 64 * 1024 * 1024;
+    // What the socket takes from the system at a time: a message's text goes to disk as it comes,
+    // so a session holds little more than this whatever the message's size.
+    static constexpr qint64 kMostArrivalBytes = 256 * 1024;
     // A session that sends nothing for this long is closed, so that idle clients cannot hold
     // every slot.
     static constexpr std::chrono::milliseconds kIdleLimit = std::chrono::minutes(5);
@@ -75,6 +81,11 @@ private:
     void command(const QByteArray& line);
     // Takes the text lines that have come; false once none is complete.
     bool readText();
+    // The message's file from the DATA command on; its text is written as it arrives.
+    void openMessageFile();
+    void writeText(const QByteArray& text);
+    void cannotStore(const QueueFault& fault);
+    QByteArray receivedHeader(const QByteArray& id) const;
     bool overLimit();
     void cutOff(const QByteArray& reply, const QByteArray& logText);
     void closeAndFinish();
@@ -95,6 +106,9 @@ private:
     void unrecognized(const QByteArray& line);
 
     void endOfData();
+    // The message's files, staged for the group commit; `writers` keeps those that must live until
+    // then. Throws QueueFault.
+    QList<StagedFile> stageMessage(QByteArrayList& names, std::vector<std::unique_ptr<QueueWriter>>& writers);
     void notStored(const QString& error);
     void committed(const QByteArray& answer);
 
@@ -112,12 +126,19 @@ private:
     InboundState state_ = Greeted;
     LineReader reader_;
     CMessage message_;
+    // The text being received, on its way to disk; none once a write failed (storeError_ says
+    // why): the text is then read on and dropped, and its end answered 452.
+    std::unique_ptr<QueueWriter> writer_;
+    QString storeError_;
+    qsizetype textBytes_ = 0;   // of the text received so far
+    QByteArray receivedDate_;   // when DATA came, for the Received header
     bool textLineStart_ = true; // the text so far ends with CR LF, so a lone dot would end it
+    bool midLine_ = false;      // the text so far ends inside a long line that comes in pieces
     QTimer idle_;
     bool lostWhileCommitting_ = false; // handled once the message's commit is over
     bool cutOff_ = false;              // told to go: whatever else it sends is dropped
     qsizetype dropped_ = 0;            // what it sent after that
-    bool large_ = false;               // held a large message at some point
+    bool large_ = false;               // received a large message, so its buffers were large
     bool finished_ = false;
 };
 

@@ -36,7 +36,10 @@ std::optional<LineReader::TextLine> LineReader::nextTextLine()
                                           [](char c) { return c == '\r' || c == '\n'; });
     if (stop == end || (*stop == '\r' && stop + 1 == end)) {
         searched_ = stop - buffer_.constData(); // a last CR may meet its LF later
-        return std::nullopt;
+        if (stop - begin < kMostTextPiece)
+            return std::nullopt;
+        start_ = searched_;
+        return TextLine{QByteArray(begin, stop - begin), false, false};
     }
     const bool crLf = *stop == '\r' && stop[1] == '\n';
     TextLine line{QByteArray(begin, stop - begin), crLf};

@@ -16,10 +16,10 @@ namespace {
 constexpr int kListenBacklog = 128;
 } // namespace
 
-SmtpService::SmtpService(Settings& settings, Logs& logs, DnsCache& cache, ConnectionTables& tables,
+SmtpService::SmtpService(Settings& settings, Logs& logs, DnsCache& cache, ConnectionTables& tables, Queue& queue,
                          ServiceView* view, QObject* parent)
     : QObject(parent), settings_(settings), logs_(logs), cache_(cache), tables_(tables),
-      view_(view), sessions_(logs, settings, tables)
+      view_(view), sessions_(logs, settings, tables, queue)
 {
 }
 

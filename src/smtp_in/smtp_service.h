@@ -8,6 +8,7 @@ namespace postiq {
 
 class ConnectionTables;
 class Logs;
+class Queue;
 class Settings;
 struct DnsCache;
 
@@ -23,7 +24,7 @@ public:
 class SmtpService : public QObject {
     Q_OBJECT
 public:
-    SmtpService(Settings& settings, Logs& logs, DnsCache& cache, ConnectionTables& tables,
+    SmtpService(Settings& settings, Logs& logs, DnsCache& cache, ConnectionTables& tables, Queue& queue,
                 ServiceView* view = nullptr, QObject* parent = nullptr);
 
     void setView(ServiceView* view) { view_ = view; }

@@ -85,6 +85,20 @@ std::unique_ptr<BlockingConnection> GreetedSession(quint16 port)
 
 void ServeEventLoop() { spinUntil([] { return false; }, 20); }
 
+// Every client vanishes in the middle of its text, half of them with a reset; the relay is then
+// given a moment to see them go.
+void LeaveInData(quint16 port, int number)
+{
+    runInParallel(
+        kClients,
+        [&](int client) {
+            endInData(port, MessageText(client, number, kMessageBytes / 2), client % 2 == 1);
+            return 0;
+        },
+        ServeEventLoop);
+    spinUntil([] { return false; }, 300);
+}
+
 struct FullDiskRelay : KeptLocalRelay {
     void SetUp() override
     {
@@ -145,11 +159,21 @@ TEST_F(FullDiskRelay, AFullDiskRefusesMessagesOneByOneAndTheRelayLives)
         const std::string reply = SendOnSession(*sessions[0], MessageText(0, 100 + number, 8 * 1024));
         EXPECT_EQ(reply, "452 Insufficient system storage");
     }
+    // A text that fails part-way is read to its end: the session stays in step, and RSET, an
+    // unknown command and NOOP get their usual answers after it.
+    EXPECT_EQ(SendOnSession(*sessions[1], MessageText(1, 200, kMessageBytes)), "452 Insufficient system storage");
+    for (const auto& [command, reply] : {std::pair{"RSET\r\n", "250 Reset Ok."},
+                                         std::pair{"xyzzy\r\n", "500 Unrecognized command."},
+                                         std::pair{"NOOP\r\n", "250 Noop Ok."}})
+        EXPECT_EQ(sessions[1]->send(command) ? sessions[1]->readLine().value_or("no reply") : "not sent", reply);
+    LeaveInData(port, 300);
     ASSERT_TRUE(relay->running()) << relay->standardError().constData();
 
-    // Space back: the same session is served again, and the log tells of the lines lost meanwhile.
+    // Space back: clients that vanish in their text leave nothing; the same session is served
+    // again, and the log tells of the lines lost meanwhile.
     ASSERT_TRUE(QFile::remove(folder + QStringLiteral("/filler-1")));
     ASSERT_TRUE(QFile::remove(folder + QStringLiteral("/filler-2")));
+    LeaveInData(port, 400);
     const std::string again = MessageText(0, 999, kMessageBytes);
     EXPECT_EQ(SendOnSession(*sessions[0], again), "250 Message accepted for delivery");
     accepted.push_back(again);

@@ -7,6 +7,7 @@
 #include "core/kept_local_relay.h"
 #include "support/fakes.h"
 #include "support/mail_client.h"
+#include "support/process_memory.h"
 #include "support/thread_clients.h"
 
 using namespace postiq::test;
@@ -15,34 +16,11 @@ namespace {
 
 constexpr qint64 kMegabyte = 1024 * 1024;
 
-// Under AddressSanitizer freed memory is held back on purpose, so sizes say nothing about leaks.
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool kSizesMeaningful = false;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-constexpr bool kSizesMeaningful = false;
-#else
-constexpr bool kSizesMeaningful = true;
-#endif
-#else
-constexpr bool kSizesMeaningful = true;
-#endif
-
-// A memory figure of a process from /proc, in bytes: "VmRSS" now, "VmHWM" its peak so far.
-qint64 memoryOf(qint64 pid, const char* field)
-{
-    QFile status(QStringLiteral("/proc/%1/status").arg(pid));
-    if (!status.open(QIODevice::ReadOnly))
-        return -1;
-    for (const QByteArray& line : status.readAll().split('\n'))
-        if (line.startsWith(QByteArray(field) + ':'))
-            return line.mid(qsizetype(strlen(field)) + 1).trimmed().split(' ').value(0).toLongLong() * 1024;
-    return -1;
-}
+constexpr bool kSizesMeaningful = !kSanitizerBuild;
 
 struct MeasuredRelay : KeptLocalRelay {
-    qint64 rss() const { return memoryOf(relay->processId(), "VmRSS"); }
-    qint64 peak() const { return memoryOf(relay->processId(), "VmHWM"); }
+    qint64 rss() const { return MemoryOf(relay->processId(), "VmRSS"); }
+    qint64 peak() const { return MemoryOf(relay->processId(), "VmHWM"); }
 };
 
 // Envelope, then 1 MB of complete lines after another without the dot; the number of megabytes

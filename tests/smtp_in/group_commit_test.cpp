@@ -1,7 +1,9 @@
 #include <QSemaphore>
 #include <atomic>
+#include <csignal>
 #include <list>
 #include <memory>
+#include <sys/resource.h>
 
 #include "smtp_bench.h"
 #include "smtp_in/inbound_server.h"
@@ -19,7 +21,8 @@ struct CommitBench {
     Logs logs{dir.path(), settings, desktop, clock};
     DnsCache cache;
     ConnectionTables tables{logs, settings, cache};
-    InboundServer session{logs, settings, tables};
+    Queue queue{dir.path()};
+    InboundServer session{logs, settings, tables, queue};
     quint16 port = 0;
 
     CommitBench()
@@ -205,4 +208,66 @@ TEST(GroupCommit, AMessageThatCannotBeStagedIsRefusedAndTheSessionGoesOn)
     ASSERT_TRUE(QDir().mkdir(outBox));
     play(client, oneDomain + Dialogue{{"DATA\r\n", kGoAhead}, {kDataEnd, kAccepted}, {"QUIT\r\n", "221 Postiq Goodbye"}});
     EXPECT_EQ(bench.outBox().size(), 1);
+}
+
+namespace {
+// While it lives, no file of this process may grow past `bytes`: a write beyond fails (EFBIG) as a
+// full disk would fail it, at the same place in the text.
+class FileSizeLimit {
+public:
+    explicit FileSizeLimit(rlim_t bytes)
+    {
+        ::getrlimit(RLIMIT_FSIZE, &saved_);
+        signal_ = std::signal(SIGXFSZ, SIG_IGN);
+        const rlimit limit{bytes, saved_.rlim_max};
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    ~FileSizeLimit()
+    {
+        ::setrlimit(RLIMIT_FSIZE, &saved_);
+        std::signal(SIGXFSZ, signal_);
+    }
+
+private:
+    rlimit saved_{};
+    void (*signal_)(int) = nullptr;
+};
+} // namespace
+
+// A write that fails in the middle of a text is answered once the text is over, with 452: what was
+// written goes at once, the session stays in step (RSET, anything else, the next message), and a
+// client that vanishes in its text leaves nothing either.
+TEST(GroupCommit, AWriteThatFailsInTheTextIsAnswered452AtItsEndAndLeavesNothing)
+{
+    CommitBench bench;
+    const QByteArray text = QByteArray(998, 't').append("\r\n").repeated(600); // 600 KB
+    Client client(bench.port);
+    {
+        FileSizeLimit limit(300 * 1024);
+        play(client, kEnvelope);
+        EXPECT_EQ(client.answer(text, 200), QByteArray()); // read on, not answered yet
+        EXPECT_EQ(client.answer(text + ".\r\n"), kNoStorage);
+        EXPECT_TRUE(bench.outBox().isEmpty());
+        play(client, {{"RSET\r\n", "250 Reset Ok."},
+                      {"garbage\r\n", "500 Unrecognized command."},
+                      {"MAIL FROM:<a@x.com>\r\n", "250 sender is <a@x.com> sender ok"},
+                      {"RCPT TO:<b@y.org>\r\n", "250 recipient is <b@y.org> recipient ok"},
+                      {"RCPT TO:<c@z.org>\r\n", "250 recipient is <c@z.org> recipient ok"},
+                      {"DATA\r\n", kGoAhead},
+                      {text + ".\r\n", kNoStorage}});
+        EXPECT_TRUE(bench.outBox().isEmpty());
+    }
+    EXPECT_TRUE(bench.log("error.txt").contains(kStamp + " Postiq/smtplocal[1]: message not stored: Cannot write"));
+    play(client, {{"MAIL FROM:<a@x.com>\r\n", "250 sender is <a@x.com> sender ok"},
+                  {"RCPT TO:<b@y.org>\r\n", "250 recipient is <b@y.org> recipient ok"},
+                  {"DATA\r\n", kGoAhead},
+                  {text + ".\r\n", kAccepted}});
+    {
+        Client leaving(bench.port);
+        play(leaving, kEnvelope);
+        EXPECT_EQ(leaving.answer(text, 200), QByteArray());
+    }
+    EXPECT_TRUE(spinUntil([&] { return bench.tables.InSession(2) == nullptr; }));
+    EXPECT_EQ(bench.outBox().size(), 1);
+    EXPECT_FALSE(bench.outBox().first().startsWith('.'));
 }

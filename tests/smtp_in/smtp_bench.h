@@ -13,6 +13,7 @@
 #include "dns/dns_cache.h"
 #include "smtp_in/inbound_session.h"
 #include "smtp_in/smtp_service.h"
+#include "store/queue.h"
 #include "support/fakes.h"
 #include "support/mail_client.h"
 
@@ -36,7 +37,8 @@ struct SmtpBench {
     DnsCache cache;
     RecordingViews views;
     ConnectionTables tables{logs, settings, cache, &views};
-    SmtpService service{settings, logs, cache, tables, &views};
+    Queue queue{dir.path()};
+    SmtpService service{settings, logs, cache, tables, queue, &views};
     quint16 port = 0;
 
     SmtpBench()
@@ -61,6 +63,11 @@ struct SmtpBench {
         return logLines(path(QStringLiteral("maillog.txt")), part);
     }
     QStringList outBox() const { return QDir(path(QStringLiteral("OutBox"))).entryList(QDir::Files); }
+    // The same with the hidden files of messages being written.
+    QStringList outBoxWithStaging() const
+    {
+        return QDir(path(QStringLiteral("OutBox"))).entryList(QDir::Files | QDir::Hidden);
+    }
     bool slotFreed(int n) { return spinUntil([this, n] { return tables.InSession(n) == nullptr; }); }
 };
 
