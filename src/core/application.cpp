@@ -67,7 +67,7 @@ void Application::start()
         logs_.DbgAdd("<P><HR><FONT face='Verdana' size='2'>Lancement de Postiq</FONT><BR>");
         tables_ = std::make_unique<ConnectionTables>(logs_, settings_, dnsCache_, this);
         service_ = std::make_unique<SmtpService>(settings_, logs_, dnsCache_, *tables_, queue_, this);
-        dispatcher_ = std::make_unique<Dispatcher>(logs_, settings_, *tables_);
+        dispatcher_ = std::make_unique<Dispatcher>(logs_, settings_, *tables_, queue_);
         tables_->enableOutboxTimer = [this] { dispatcher_->enableOutboxTimer(); };
         // A message just stored leaves at once, not at the next tick of the outbox scan.
         service_->sessions().commitQueue().setStoredHook([this] { dispatcher_->queueChanged(); });

@@ -65,7 +65,7 @@ ControlAnswer quit(Application& app, const QByteArray&)
 // Every deferred message back to OutBox, then a dispatch.
 ControlAnswer retryAll(Application& app)
 {
-    if (app.queue().list(QueueFolder::Deferred).isEmpty())
+    if (!app.queue().next(QueueFolder::Deferred)) // from the index: no listing of Deferred
         return ControlAnswer::nothingToDo("no message is deferred");
     QStringList errors;
     const int moved = app.queue().returnDeferred(std::nullopt, app.logs().clock().now(), &errors);

@@ -1,6 +1,5 @@
 #include "delivery/dispatcher.h"
 
-#include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
 #include <QSslSocket>
@@ -13,8 +12,6 @@
 #include "log/dates.h"
 #include "log/logs.h"
 #include "platform/clock.h"
-#include "platform/folder_scan.h"
-#include "platform/program_folder.h"
 #include "smtp_in/connexion.h"
 #include "store/address.h"
 
@@ -25,19 +22,18 @@ constexpr int kLastUsableOutSlot = ConnectionTables::kUpperBound - 1; // 100 is 
 const QByteArray kNoHost = "NONE";
 
 QByteArray number(int n) { return QByteArray::number(n); }
-
-// The files of a queue folder, one at a time in the order the directory gives them; folders and
-// hidden names (files being written) are passed over.
-QDirIterator queueFiles(const Logs& logs, const char* folder)
-{
-    return QDirIterator(SubfolderPath(logs.folder(), QString::fromLatin1(folder)), QDir::Files);
-}
 } // namespace
 
-Dispatcher::Dispatcher(Logs& logs, Settings& settings, ConnectionTables& tables, QObject* parent)
-    : QObject(parent), logs_(logs), settings_(settings), tables_(tables),
-      queue_(logs), disposition_(logs, settings), addresses_(logs, settings, tables.CnxOut(1).DNS.lookups())
+Dispatcher::Dispatcher(Logs& logs, Settings& settings, ConnectionTables& tables, Queue& queue, QObject* parent)
+    : QObject(parent), logs_(logs), settings_(settings), tables_(tables), queue_(queue),
+      disposition_(logs, settings, queue), addresses_(logs, settings, tables.CnxOut(1).DNS.lookups())
 {
+    // Whatever reaches OutBox through the queue (a notice, a message sent back on request, a
+    // file found by a rescan) leaves at once.
+    queueObserver_ = queue_.addObserver([this](QueueFolder folder, const QByteArray&, QueueChange change) {
+        if (folder == QueueFolder::OutBox && change == QueueChange::Added)
+            dispatchSoon(false);
+    });
     tmrVerifOutBox.setInterval(kTimerInterval);
     tmrVerifDeferred.setInterval(kTimerInterval);
     connect(&tmrVerifOutBox, &QTimer::timeout, this, &Dispatcher::outboxTick);
@@ -46,6 +42,8 @@ Dispatcher::Dispatcher(Logs& logs, Settings& settings, ConnectionTables& tables,
     tmrDeferredDue.setTimerType(Qt::PreciseTimer);
     connect(&tmrDeferredDue, &QTimer::timeout, this, &Dispatcher::VerifDeferred);
 }
+
+Dispatcher::~Dispatcher() { queue_.removeObserver(queueObserver_); }
 
 void Dispatcher::startTimers()
 {
@@ -66,13 +64,18 @@ void Dispatcher::enableOutboxTimer()
         tmrVerifOutBox.start();
 }
 
-void Dispatcher::queueChanged()
+void Dispatcher::queueChanged() { dispatchSoon(true); }
+
+void Dispatcher::dispatchSoon(bool rescan)
 {
+    rescanPosted_ = rescanPosted_ || rescan;
     if (dispatchPosted_)
         return;
     dispatchPosted_ = true;
     QMetaObject::invokeMethod(this, [this] {
         dispatchPosted_ = false;
+        if (std::exchange(rescanPosted_, false))
+            Trapped(logs_, "D:MODULE[VerifOutBox]", [&] { queue_.rescanOutBox(); });
         VerifOutBox();
     }, Qt::QueuedConnection);
 }
@@ -92,9 +95,14 @@ void Dispatcher::postAfterSession()
 }
 
 // With KeepLocal on the timer keeps running, so that delivery resumes on the first tick after
-// the setting is switched off.
+// the setting is switched off. The tick is also when OutBox is listed again for files that
+// another process dropped there without telling this one (a sendmail run by another user writes
+// into the drop box directly): a rescan every 10 s rather than a file-system watcher, which would
+// wake the relay for each of its own writes too.
 void Dispatcher::outboxTick()
 {
+    unreadable_.clear();
+    Trapped(logs_, "D:MODULE[VerifOutBox]", [&] { queue_.rescanOutBox(); });
     if (settings_.ActiveSettings.KeepLocal)
         return;
     tmrVerifOutBox.stop();
@@ -111,19 +119,24 @@ void Dispatcher::VerifOutBox()
             enableOutboxTimer();
             return;
         }
-        // Stops at the first file it can dispatch: a call costs the entries it skips, no more.
+        // The oldest file that no busy slot delivers: a call costs the files it skips, no more.
         const QSet<QByteArray> claimed = claimedFiles();
-        FolderScan files(SubfolderPath(logs_.folder(), QStringLiteral("OutBox")));
-        while (const std::optional<QByteArray> name = files.nextFile()) {
-            if (claimed.contains(*name))
-                continue; // being delivered
-            const QString file = QFile::decodeName(*name);
-            logs_.DbgAdd("<FONT face='Verdana' size='2'>" + GMTDate(logs_.clock()) + ": OUT demande d'envoi demandée ("
-                         + file.toUtf8() + ")</FONT><BR>");
-            SendOutSmtp(file);
+        const auto skip = [&](const QByteArray& name) { return claimed.contains(name) || unreadable_.contains(name); };
+        std::optional<QByteArray> name = queue_.next(QueueFolder::OutBox, skip);
+        if (!name) {
+            // Nothing known waits: OutBox is short then, and a listing of it catches what was
+            // written past the queue (a test's or an older program's own files).
+            queue_.rescanOutBox();
+            name = queue_.next(QueueFolder::OutBox, skip);
+        }
+        if (!name) {
+            enableOutboxTimer();
             return;
         }
-        enableOutboxTimer();
+        const QString file = QFile::decodeName(*name);
+        logs_.DbgAdd("<FONT face='Verdana' size='2'>" + GMTDate(logs_.clock()) + ": OUT demande d'envoi demandée ("
+                     + file.toUtf8() + ")</FONT><BR>");
+        SendOutSmtp(file);
     });
 }
 
@@ -177,7 +190,7 @@ void Dispatcher::SendOutSmtp(const QString& file)
         SlotDelivery& slot = slots_[i];
         slot.generation += 1;
         slot.triedInClear = false;
-        slot.arrival = QFileInfo(queue_.path("OutBox", file)).lastModified();
+        slot.arrival = QFileInfo(queue_.filePath(QueueFolder::OutBox, QFile::encodeName(file))).lastModified();
         ReleasingOnFault(tables_, i, [&] {
             const std::optional<QByteArray> found = loadOrSetAside(cnx.Message, file);
             if (!found) {
@@ -200,14 +213,25 @@ void Dispatcher::SendOutSmtp(const QString& file)
 // whose first recipient has no domain (written by hand): no route could ever be found for it.
 std::optional<QByteArray> Dispatcher::loadOrSetAside(CMessage& message, const QString& file)
 {
+    const QByteArray name = QFile::encodeName(file);
     try {
-        message.MLoad(queue_.path("OutBox", file));
+        queue_.read(QueueFolder::OutBox, name, message);
         // The whole message goes the way of its first recipient's domain.
         return DomainOf(message.RcptTo(1));
     } catch (const Fault& fault) {
-        queue_.setAside(file);
-        logs_.ErrorLog(GMTDate(logs_.clock()) + " D:MODULE[SendOutSmtp] error " + number(fault.number()) + ": "
-                       + fault.description().toUtf8() + " => placed in the error directory");
+        if (fault.number() == ErrFileNotFound)
+            return std::nullopt; // taken meanwhile (a command, another process): nothing to do
+        const QByteArray why = GMTDate(logs_.clock()) + " D:MODULE[SendOutSmtp] error " + number(fault.number())
+            + ": " + fault.description().toUtf8();
+        try {
+            queue_.moveToError(QueueFolder::OutBox, name);
+        } catch (const Fault& moveFault) {
+            // It stays where it is, passed over until the next tick; the queue goes on.
+            unreadable_.insert(name);
+            logs_.ErrorLog(why + " => left in OutBox: " + moveFault.description().toUtf8());
+            return std::nullopt;
+        }
+        logs_.ErrorLog(why + " => placed in the error directory");
         return std::nullopt;
     }
 }
@@ -296,9 +320,7 @@ void Dispatcher::dispose(uint8_t i, const DeliveryOutcome& outcome)
     }
     tables_.ReleaseSmtpDistant(i);
     // A deferred message goes again as soon as its delay has run out.
-    const QFileInfo deferred(queue_.path("Deferred", input.file));
-    if (deferred.exists())
-        Trapped(logs_, "D:MODULE[VerifDeferred]", [&] { wakeWhenDue(deferred.lastModified()); });
+    Trapped(logs_, "D:MODULE[VerifDeferred]", [&] { wakeForEarliestDeferred(); });
     if (outcome.kind == DeliveryOutcome::Transaction)
         postAfterSession();
     else
@@ -308,12 +330,12 @@ void Dispatcher::dispose(uint8_t i, const DeliveryOutcome& outcome)
 
 void Dispatcher::VerifDeferred()
 {
-    Trapped(logs_, "D:MODULE[VerifDeferred]", [&] { moveDeferredBack(true); });
+    Trapped(logs_, "D:MODULE[VerifDeferred]", [&] { moveDeferredBack(true, "D:MODULE[VerifDeferred]"); });
 }
 
 void Dispatcher::Flush()
 {
-    Trapped(logs_, "D:MODULE[Flush]", [&] { moveDeferredBack(false); });
+    Trapped(logs_, "D:MODULE[Flush]", [&] { moveDeferredBack(false, "D:MODULE[Flush]"); });
 }
 
 void Dispatcher::ForceDeferred()
@@ -331,29 +353,31 @@ int Dispatcher::deferredDelaySeconds() const
     return delay;
 }
 
-void Dispatcher::moveDeferredBack(bool onlyDue)
+// The due files are the first ones of the queue's deferral order, so only those are looked at.
+// A file that cannot go back stays in Deferred with an error-log line; the others go on.
+void Dispatcher::moveDeferredBack(bool onlyDue, const char* site)
 {
     const QDateTime now = logs_.clock().now();
-    std::optional<QDateTime> earliestLeft;
-    bool moved = false;
-    for (QDirIterator files = queueFiles(logs_, "Deferred"); files.hasNext();) {
-        const QFileInfo info = files.nextFileInfo();
-        if (onlyDue) {
-            const QDateTime deferredAt = info.lastModified();
-            if (deferredAt.secsTo(now) <= deferredDelaySeconds()) {
-                if (!earliestLeft || deferredAt < *earliestLeft)
-                    earliestLeft = deferredAt;
-                continue;
-            }
-        }
-        queue_.backToOutBox(info.filePath());
-        moved = true;
-    }
-    if (moved)
-        queueChanged();
+    std::optional<qint64> olderThan;
+    if (onlyDue)
+        olderThan = deferredDelaySeconds();
+    QStringList errors;
+    queue_.returnDeferred(olderThan, now, &errors);
+    for (const QString& error : std::as_const(errors))
+        logs_.ErrorLog(GMTDate(logs_.clock()) + ' ' + site + " error " + number(ErrAccessDenied) + ": "
+                       + error.toUtf8());
     tmrDeferredDue.stop();
-    if (earliestLeft)
-        wakeWhenDue(*earliestLeft);
+    wakeForEarliestDeferred();
+}
+
+void Dispatcher::wakeForEarliestDeferred()
+{
+    const std::optional<QDateTime> earliest = queue_.earliestDeferral();
+    if (!earliest)
+        return;
+    if (earliest->secsTo(logs_.clock().now()) > deferredDelaySeconds())
+        return; // due already, yet still there: the next scan tries it again
+    wakeWhenDue(*earliest);
 }
 
 // A file is due once its age exceeds the delay by a whole second.

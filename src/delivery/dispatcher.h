@@ -10,11 +10,11 @@
 #include <cstdint>
 #include <optional>
 
-#include "delivery/delivery_queue.h"
 #include "delivery/disposition.h"
 #include "delivery/outbound_session.h"
 #include "dns/address_resolver.h"
 #include "smtp_in/connexion.h"
+#include "store/queue.h"
 
 namespace postiq {
 
@@ -28,22 +28,24 @@ class Settings;
 // the slot on to the next host. Mail leaves at once: a new queue file (queueChanged), a freed
 // slot, a notice and a deferred file that falls due each start a dispatch within milliseconds;
 // the sessions' milestones call VerifOutBox, which chains the dispatch of the whole queue. The
-// two 10-second timers remain as a backstop.
+// two 10-second timers remain as a backstop. Every file is found through the queue's index, never
+// by listing a folder, so a dispatch costs the same however many files wait.
 class Dispatcher : public QObject {
     Q_OBJECT
 public:
     static constexpr int kTimerInterval = 10'000; // ms, for both timers
 
-    Dispatcher(Logs& logs, Settings& settings, ConnectionTables& tables, QObject* parent = nullptr);
+    Dispatcher(Logs& logs, Settings& settings, ConnectionTables& tables, Queue& queue, QObject* parent = nullptr);
+    ~Dispatcher() override;
 
     // Starts both timers; the program does so at start-up, whatever the service's state.
     void startTimers();
     // Stops the timers (the fatal report, the end of the program).
     void stopTimers();
 
-    // Something new may wait in OutBox (a message just accepted): a dispatch starts after the
-    // events already pending. Calls made meanwhile add nothing; it never dispatches from inside
-    // its caller.
+    // Something new may wait in OutBox that was written past the queue's own calls (a message just
+    // accepted): OutBox is looked at again and a dispatch starts after the events already pending.
+    // Calls made meanwhile add nothing; it never dispatches from inside its caller.
     void queueChanged();
     // Dispatches at most one OutBox file.
     void VerifOutBox();
@@ -76,6 +78,8 @@ public:
 
 private:
     void outboxTick();
+    // A dispatch after the events already pending, once however often it is asked for meanwhile.
+    void dispatchSoon(bool rescan);
     // The files that busy OUT slots are delivering.
     QSet<QByteArray> claimedFiles() const;
     std::optional<uint8_t> freeCnxOut() const;
@@ -90,9 +94,12 @@ private:
     // Loads the OutBox file into `message` and gives its first recipient's domain; nothing when
     // the file could not be read, or names no recipient with a domain, and went to Error.
     std::optional<QByteArray> loadOrSetAside(CMessage& message, const QString& file);
+    // Arms tmrDeferredDue for the earliest deferred file, unless it is due already (one that could
+    // not go back waits for the next scan instead of being tried again at once).
+    void wakeForEarliestDeferred();
     // Copies every (or every due) deferred file back to OutBox, dispatches them, and wakes the
     // scan again when the earliest file left falls due.
-    void moveDeferredBack(bool onlyDue);
+    void moveDeferredBack(bool onlyDue, const char* site);
     // The deferred delay in seconds; a value beyond 16 bits is a fault, as the setting has always been.
     int deferredDelaySeconds() const;
     // Arms tmrDeferredDue for a file deferred at `deferredAt`, unless it already fires sooner.
@@ -108,11 +115,16 @@ private:
     Logs& logs_;
     Settings& settings_;
     ConnectionTables& tables_;
-    DeliveryQueue queue_;
+    Queue& queue_;
+    int queueObserver_ = 0;
     Disposition disposition_;
     AddressResolver addresses_;
     std::array<SlotDelivery, ConnectionTables::kUpperBound + 1> slots_;
     bool dispatchPosted_ = false;
+    bool rescanPosted_ = false;
+    // OutBox files that could neither be read nor set aside: passed over until the next tick, so
+    // that one broken file does not keep the dispatcher busy.
+    QSet<QByteArray> unreadable_;
 };
 
 } // namespace postiq

@@ -7,6 +7,8 @@
 #include "log/logs.h"
 #include "store/message.h"
 
+#include <QFile>
+
 namespace postiq {
 
 namespace {
@@ -14,6 +16,8 @@ const QByteArray kNotRoutable =
     "See log file at this time : The corresponding message is not routable => placed in the error directory";
 
 QByteArray number(int n) { return QByteArray::number(n); }
+// The OutBox file's queue name.
+QByteArray nameOf(const DispositionInput& in) { return QFile::encodeName(in.file); }
 } // namespace
 
 struct Disposition::Facts {
@@ -47,8 +51,8 @@ const Disposition::Row Disposition::kRows[] = {
     {O::Transaction,    Hosts::Any,         Kinds::Any,       Attempts::Any,    &Self::settleRecipients},
 };
 
-Disposition::Disposition(Logs& logs, const Settings& settings)
-    : logs_(logs), settings_(settings), queue_(logs)
+Disposition::Disposition(Logs& logs, const Settings& settings, const Queue& queue)
+    : logs_(logs), settings_(settings), queue_(queue)
 {
 }
 
@@ -159,7 +163,7 @@ NextStep Disposition::giveUp(Facts& facts)
         one.diagnostic = detail;
         fates << one;
     }
-    noticeThen(facts, NoticeKind::Bounce, fates, [&] { queue_.remove(facts.in.file); });
+    noticeThen(facts, NoticeKind::Bounce, fates, [&] { queue_.remove(QueueFolder::OutBox, nameOf(facts.in)); });
     return NextStep::Release;
 }
 
@@ -167,7 +171,7 @@ NextStep Disposition::giveUpToError(Facts& facts)
 {
     mailLog(failureLine(facts, "error, " + denyTail(facts), true));
     facts.message.LastError = facts.failure;
-    toError(facts, facts.message, facts.in.file, false);
+    toError(facts, facts.message, false);
     return NextStep::Release;
 }
 
@@ -181,7 +185,7 @@ NextStep Disposition::bounceAll(Facts& facts)
         mailLog(refusalLine(facts, message.RcptTo(i), reply) + "return error to=" + message.From);
         fates << fate(facts, message.RcptTo(i), reply, true);
     }
-    noticeThen(facts, NoticeKind::Bounce, fates, [&] { queue_.remove(facts.in.file); });
+    noticeThen(facts, NoticeKind::Bounce, fates, [&] { queue_.remove(QueueFolder::OutBox, nameOf(facts.in)); });
     return NextStep::Release;
 }
 
@@ -192,7 +196,7 @@ NextStep Disposition::refusedToError(Facts& facts)
     message.LastError = reply.text();
     for (int i = 1; i <= message.MRcptToCount(); ++i)
         mailLog(refusalLine(facts, message.RcptTo(i), reply) + denyTail(facts));
-    toError(facts, message, facts.in.file, true);
+    toError(facts, message, true);
     return NextStep::Release;
 }
 
@@ -207,7 +211,7 @@ NextStep Disposition::deferNoRoute(Facts& facts)
 {
     noRouteLine(facts);
     facts.message.LastError = facts.failure;
-    queue_.moveTo("Deferred", facts.in.file, facts.message, facts.in.file);
+    queue_.defer(nameOf(facts.in), &facts.message);
     return NextStep::Release;
 }
 
@@ -219,7 +223,7 @@ NextStep Disposition::bounceNoRoute(Facts& facts)
     QList<RecipientFate> fates;
     for (int i = 1; i <= message.MRcptToCount(); ++i)
         fates << fate(facts, message.RcptTo(i), facts.in.outcome.reply, true);
-    noticeThen(facts, NoticeKind::Bounce, fates, [&] { queue_.remove(facts.in.file); });
+    noticeThen(facts, NoticeKind::Bounce, fates, [&] { queue_.remove(QueueFolder::OutBox, nameOf(facts.in)); });
     return NextStep::Release;
 }
 
@@ -227,7 +231,7 @@ NextStep Disposition::noRouteToError(Facts& facts)
 {
     noRouteLine(facts);
     facts.message.LastError = facts.failure;
-    toError(facts, facts.message, facts.in.file, true);
+    toError(facts, facts.message, true);
     return NextStep::Release;
 }
 
@@ -276,11 +280,12 @@ NextStep Disposition::settleRecipients(Facts& facts)
             // Queued before anything else moves: a crash can repeat it, never lose it.
             noticeThen(facts, NoticeKind::Bounce, refusedFates, [] {});
         } else {
-            const QString name = deferred.isEmpty() ? facts.in.file : queue_.freshName();
-            CMessage part = only(refused, lastRefusal);
-            if (name != facts.in.file)
-                part.ID = name.toLatin1();
-            queue_.moveTo("Error", name, part, deferred.isEmpty() ? facts.in.file : QString());
+            // While some recipients stay deferred, the refused go to Error as a copy of their own.
+            const CMessage part = only(refused, lastRefusal);
+            if (deferred.isEmpty())
+                queue_.moveToError(QueueFolder::OutBox, nameOf(facts.in), &part);
+            else
+                queue_.derive(QueueFolder::OutBox, nameOf(facts.in), QueueFolder::Error, part);
             logs_.ErrorLog(GMTDate(logs_.clock()) + " " + kNotRoutable);
             if (deferred.isEmpty())
                 return NextStep::Release;
@@ -288,14 +293,14 @@ NextStep Disposition::settleRecipients(Facts& facts)
     }
     if (!deferred.isEmpty()) {
         const CMessage part = only(deferred, deferredFates.value(0).diagnostic);
-        const auto defer = [&] { queue_.moveTo("Deferred", facts.in.file, part, facts.in.file); };
+        const auto defer = [&] { queue_.defer(nameOf(facts.in), &part); };
         if (facts.kind == Kind::Ordinary)
             noticeThen(facts, NoticeKind::Delay, deferredFates, defer);
         else
             defer();
         return NextStep::Release;
     }
-    queue_.remove(facts.in.file); // no copy of a sent message is kept
+    queue_.remove(QueueFolder::OutBox, nameOf(facts.in)); // no copy of a sent message is kept
     return NextStep::Release;
 }
 
@@ -307,7 +312,7 @@ void Disposition::defer(Facts& facts, bool notify)
     CMessage& message = facts.message;
     mailLog(failureLine(facts, "deferred, attempt=" + number(message.Essai), false));
     message.LastError = facts.failure;
-    const auto move = [&] { queue_.moveTo("Deferred", facts.in.file, message, facts.in.file); };
+    const auto move = [&] { queue_.defer(nameOf(facts.in), &message); };
     if (!notify) {
         move();
         return;
@@ -318,9 +323,9 @@ void Disposition::defer(Facts& facts, bool notify)
     noticeThen(facts, NoticeKind::Delay, fates, move);
 }
 
-void Disposition::toError(Facts& facts, const CMessage& record, const QString& name, bool blankInErrorLine)
+void Disposition::toError(Facts& facts, const CMessage& record, bool blankInErrorLine)
 {
-    queue_.moveTo("Error", name, record, facts.in.file);
+    queue_.moveToError(QueueFolder::OutBox, nameOf(facts.in), &record);
     // The entry of a notice that ran out of attempts has no blank after the stamp.
     logs_.ErrorLog(GMTDate(logs_.clock()) + (blankInErrorLine ? " " : "") + kNotRoutable);
 }
@@ -335,9 +340,9 @@ void Disposition::noticeThen(Facts& facts, NoticeKind kind, const QList<Recipien
     request.original = &facts.message;
     request.arrival = facts.in.arrival;
     request.recipients = fates;
-    CMessage notice = BuildNotice(logs_, settings_, logs_.clock(), request);
-    const QString name = queue_.enqueue(notice);
-    UndoingOnFault(move, [&] { queue_.remove(name); });
+    const QByteArray notice =
+        QueueNotice(queue_, logs_, settings_, logs_.clock(), request, QueueFolder::OutBox, nameOf(facts.in));
+    UndoingOnFault(move, [&] { queue_.remove(QueueFolder::OutBox, notice); });
 }
 
 // What the notice says of one recipient. Only a server that answered is named as the remote one.

@@ -8,8 +8,8 @@
 #include <functional>
 
 #include "delivery/delivery_outcome.h"
-#include "delivery/delivery_queue.h"
 #include "notify/notice.h"
+#include "store/queue.h"
 
 namespace postiq {
 
@@ -21,6 +21,8 @@ class Settings;
 struct DispositionInput {
     uint8_t slot = 0;
     QString file;           // the OutBox file
+    // Its record as loaded, with or without its text: what is written back is only the fields
+    // before the text, and notices copy the text from the file.
     CMessage* message = nullptr;
     QDateTime arrival;      // when the message was queued
     DeliveryOutcome outcome;
@@ -35,7 +37,7 @@ enum class NextStep { Release, NextHost, SameHostInClear };
 // what becomes of a message.
 class Disposition {
 public:
-    Disposition(Logs& logs, const Settings& settings);
+    Disposition(Logs& logs, const Settings& settings, const Queue& queue);
 
     NextStep decide(const DispositionInput& input);
 
@@ -75,7 +77,7 @@ private:
 
     // Shared steps.
     void defer(Facts& facts, bool notify);
-    void toError(Facts& facts, const CMessage& record, const QString& name, bool blankInErrorLine);
+    void toError(Facts& facts, const CMessage& record, bool blankInErrorLine);
     void noticeThen(Facts& facts, NoticeKind kind, const QList<RecipientFate>& fates, const std::function<void()>& move);
     RecipientFate fate(const Facts& facts, const QByteArray& address, const ServerReply& reply, bool failed) const;
     QByteArray failureLine(const Facts& facts, const QByteArray& status, bool withAttempt) const;
@@ -86,7 +88,7 @@ private:
 
     Logs& logs_;
     const Settings& settings_;
-    DeliveryQueue queue_;
+    const Queue& queue_;
 };
 
 } // namespace postiq

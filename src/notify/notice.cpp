@@ -4,6 +4,7 @@
 #include "log/dates.h"
 #include "notify/notice_text.h"
 #include "platform/clock.h"
+#include "store/queue_text_reader.h"
 
 namespace postiq {
 
@@ -93,17 +94,24 @@ void statusPart(NoticeText& text, const QByteArray& host, const NoticeRequest& r
     text.line();
 }
 
-} // namespace
+// The envelope of a notice: from the null sender to the original's sender, marked as a notice.
+CMessage noticeEnvelope(Logs& logs, const CMessage& original)
+{
+    CMessage notice(logs);
+    notice.TxtEng = "\r\n==> DO NOT ALTER THIS FILE !\r\n";
+    notice.TxtFr = "\r\n==> NE PAS MODIFIER CE FICHIER !\r\n";
+    notice.ForSender = true;
+    notice.From = "<>";
+    notice.AddRcptTo(original.From);
+    return notice;
+}
 
-CMessage BuildNotice(Logs& logs, const Settings& settings, const Clock& clock, const NoticeRequest& request)
+// Everything of the notice's text before what it returns of the original.
+void composeNotice(NoticeText& text, const QByteArray& host, const NoticeRequest& request, const Clock& clock,
+                   bool eightBit)
 {
     const CMessage& original = *request.original;
     const bool bounce = request.kind == NoticeKind::Bounce;
-    // A bounce carries the whole message back, a delay notice only its header.
-    const QByteArray returned = bounce ? original.Data : HeaderBlock(original.Data);
-    const QByteArray host = NoticeHostName(settings.LocalHostName);
-
-    NoticeText text(host, clock, returned);
     text.opening(bounce ? "Undelivered Mail Returned to Sender" : "Delivery Status Notification (Mail Delivery Delayed)",
                  original.From);
     if (bounce)
@@ -112,18 +120,92 @@ CMessage BuildNotice(Logs& logs, const Settings& settings, const Clock& clock, c
         delayWording(text, request);
     statusPart(text, host, request, clock);
     if (bounce)
-        text.part("Undelivered Message", "message/rfc822", hasEightBit(returned));
+        text.part("Undelivered Message", "message/rfc822", eightBit);
     else
-        text.part("Undelivered Message Headers", "text/rfc822-headers", hasEightBit(returned));
+        text.part("Undelivered Message Headers", "text/rfc822-headers", eightBit);
+}
 
-    CMessage notice(logs);
-    notice.TxtEng = "\r\n==> DO NOT ALTER THIS FILE !\r\n";
-    notice.TxtFr = "\r\n==> NE PAS MODIFIER CE FICHIER !\r\n";
-    notice.ForSender = true;
-    notice.From = "<>";
-    notice.AddRcptTo(original.From);
+// How much of the original a delay notice reads at most to find the end of its header; a header
+// longer than this is returned cut there.
+constexpr qint64 kHeaderLimit = 1024 * 1024;
+constexpr qint64 kChunk = 256 * 1024;
+
+// The header block of the queued text, read a chunk at a time until its end is found.
+QByteArray queuedHeader(QueueTextReader& reader)
+{
+    QByteArray read;
+    while (!reader.atEnd() && read.size() < kHeaderLimit) {
+        read += reader.read(kChunk);
+        if (read.startsWith('\n') || read.startsWith("\r\n") || read.contains("\r\n\r\n") || read.contains("\n\n"))
+            break;
+    }
+    return HeaderBlock(read);
+}
+
+// Whether `what` occurs in the queued text, looked for a chunk at a time (each chunk with the end
+// of the one before, so that nothing is missed across their border).
+bool occursInQueued(QueueTextReader& reader, const QByteArray& what)
+{
+    reader.rewind();
+    QByteArray tail;
+    while (!reader.atEnd()) {
+        const QByteArray window = tail + reader.read(kChunk);
+        if (window.contains(what))
+            return true;
+        tail = window.right(what.size() - 1);
+    }
+    return false;
+}
+
+bool queuedHasEightBit(QueueTextReader& reader)
+{
+    reader.rewind();
+    while (!reader.atEnd()) {
+        if (hasEightBit(reader.read(kChunk)))
+            return true;
+    }
+    return false;
+}
+
+} // namespace
+
+CMessage BuildNotice(Logs& logs, const Settings& settings, const Clock& clock, const NoticeRequest& request)
+{
+    const CMessage& original = *request.original;
+    // A bounce carries the whole message back, a delay notice only its header.
+    const QByteArray returned = request.kind == NoticeKind::Bounce ? original.Data : HeaderBlock(original.Data);
+    const QByteArray host = NoticeHostName(settings.LocalHostName);
+    NoticeText text(host, clock, returned);
+    composeNotice(text, host, request, clock, hasEightBit(returned));
+    CMessage notice = noticeEnvelope(logs, original);
     notice.Data = text.finish(returned);
     return notice;
+}
+
+QByteArray QueueNotice(const Queue& queue, Logs& logs, const Settings& settings, const Clock& clock,
+                       const NoticeRequest& request, QueueFolder folder, const QByteArray& name)
+{
+    CMessage head(logs);
+    QueueTextReader reader(queue, folder, name, head);
+    const QByteArray host = NoticeHostName(settings.LocalHostName);
+    std::unique_ptr<QueueWriter> writer = queue.open(noticeEnvelope(logs, *request.original));
+    if (request.kind == NoticeKind::Delay) {
+        const QByteArray returned = queuedHeader(reader);
+        NoticeText text(host, clock, returned);
+        composeNotice(text, host, request, clock, hasEightBit(returned));
+        writer->append(text.finish(returned));
+    } else {
+        const bool eightBit = queuedHasEightBit(reader);
+        NoticeText text(host, clock, [&reader](const QByteArray& boundary) { return occursInQueued(reader, boundary); });
+        composeNotice(text, host, request, clock, eightBit);
+        writer->append(text.text());
+        reader.rewind();
+        while (!reader.atEnd())
+            writer->append(reader.read(kChunk));
+        writer->append(text.closing());
+    }
+    writer->commit();
+    return writer->name();
 }
 
 } // namespace postiq

@@ -5,6 +5,7 @@
 #include <QList>
 
 #include "store/message.h"
+#include "store/queue.h"
 
 namespace postiq {
 
@@ -38,6 +39,14 @@ struct NoticeRequest {
 // what it is: dated in the real zone, its own Message-ID and boundary, "Auto-Submitted", a status
 // block per recipient, and the whole message (a bounce) or its header (a delay notice).
 CMessage BuildNotice(Logs& logs, const Settings& settings, const Clock& clock, const NoticeRequest& request);
+
+// The same notice written straight into OutBox, its text copied from the queued original (`name`
+// in `folder`) a chunk at a time, so that a returned message of any size costs a chunk of memory;
+// the request's original gives only the fields before the text. Durable when it returns; gives
+// the notice's name. A fault (the original unreadable, a full disk) throws QueueFault and leaves
+// no notice behind.
+QByteArray QueueNotice(const Queue& queue, Logs& logs, const Settings& settings, const Clock& clock,
+                       const NoticeRequest& request, QueueFolder folder, const QByteArray& name);
 
 // Why a recipient failed, as far as its Status field can tell.
 enum class FailureCause {

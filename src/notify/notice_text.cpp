@@ -80,12 +80,18 @@ QByteArray HeaderBlock(const QByteArray& data)
 }
 
 NoticeText::NoticeText(const QByteArray& host, const Clock& clock, const QByteArray& returned)
+    : NoticeText(host, clock, [&returned](const QByteArray& boundary) { return returned.contains(boundary); })
+{
+}
+
+NoticeText::NoticeText(const QByteArray& host, const Clock& clock,
+                       const std::function<bool(const QByteArray&)>& occursIn)
     : host_(host), clock_(clock)
 {
     // A boundary must not occur in what it encloses; a 64-bit draw all but never does.
     do
         boundary_ = "=_Postiq_" + uniqueToken();
-    while (returned.contains(boundary_));
+    while (occursIn(boundary_));
 }
 
 void NoticeText::line(const QByteArray& text) { text_ += text + kCrLf; }
@@ -127,8 +133,10 @@ QByteArray NoticeText::finish(const QByteArray& returned)
 {
     // The line break before the closing boundary belongs to the boundary: the part holds exactly
     // the returned text.
-    text_ += returned + kCrLf + "--" + boundary_ + "--" + kCrLf;
+    text_ += returned + closing();
     return text_;
 }
+
+QByteArray NoticeText::closing() const { return kCrLf + "--" + boundary_ + "--" + kCrLf; }
 
 } // namespace postiq

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <functional>
 
 namespace postiq {
 
@@ -12,6 +13,9 @@ class NoticeText {
 public:
     // `returned` is the text the notice carries back: the boundary is drawn until it is not in it.
     NoticeText(const QByteArray& host, const Clock& clock, const QByteArray& returned);
+    // The same for a returned text that is not in memory: `occursIn` tells whether a drawn
+    // boundary occurs in it.
+    NoticeText(const QByteArray& host, const Clock& clock, const std::function<bool(const QByteArray&)>& occursIn);
 
     void line(const QByteArray& text = {});
 
@@ -22,6 +26,9 @@ public:
     void part(const QByteArray& description, const QByteArray& type, bool eightBit = false);
     // Appends the returned text to the last part, closes it and gives the whole text.
     QByteArray finish(const QByteArray& returned);
+    // For a returned text written after it: the text so far, then what closes the last part.
+    const QByteArray& text() const { return text_; }
+    QByteArray closing() const;
 
 private:
     QByteArray host_;

@@ -44,11 +44,6 @@ QByteArray DomainOf(const QByteArray& address)
     return tail.chopped(1);
 }
 
-QByteArray GetDomain(Logs& logs, const QByteArray& address)
-{
-    return logs.guarded("MOD:MESSAGE[GetDomain]", [&] { return DomainOf(address); });
-}
-
 void ParseRcptTo(Logs& logs, const CMessage& message, const QString& outBoxFolder,
                  QList<StagedFile>* staged, const std::function<QByteArray(const QByteArray& id)>& header)
 {

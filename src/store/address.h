@@ -18,8 +18,6 @@ bool CheckEmail(const QByteArray& address);
 
 // The part between "@" and the closing ">", case kept. An address without "@" throws Fault.
 QByteArray DomainOf(const QByteArray& address);
-// The same where such an address is the fatal program-error report.
-QByteArray GetDomain(Logs& logs, const QByteArray& address);
 
 // Writes a message with several recipients into OutBox as one queue file per recipient domain,
 // in order of the domains' first appearance, named FreshQueueName with the suffix "-" + k.

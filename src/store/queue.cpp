@@ -21,7 +21,6 @@
 #include "store/fresh_queue_name.h"
 #include "store/message.h"
 #include "store/queue_file_format.h"
-#include "store/queue_files.h"
 
 namespace postiq {
 
@@ -36,39 +35,55 @@ constexpr int kNameTakenMeanwhile = ErrFileAccess;
 
 QString systemError(int number) { return QString::fromLocal8Bit(std::strerror(number)); }
 
-QByteArray serialised(const CMessage& message)
+QByteArray serialisedHead(const CMessage& head, qint64 textSize)
 {
     QBuffer buffer;
     buffer.open(QIODevice::WriteOnly);
-    WriteQueueRecord(buffer, message);
+    WriteQueueRecordHead(buffer, head);
+    buffer.write(LongTextCount(quint32(textSize)));
     return buffer.data();
 }
 
-// Stages a copy of `from` (or `record`) beside `to`, then makes it durable under that name.
-void writeDurably(const QString& to, const QString& from, const QByteArray* record)
+QueueFault missingOrUnreadable(const QFile& file)
 {
-    QString error;
-    if (record) {
-        if (!ReplaceDurably(to, *record, &error))
-            throw QueueFault(ErrAccessDenied, error, errno == ENOSPC || errno == EDQUOT);
-        return;
-    }
+    return QueueFault(QFileInfo::exists(file.fileName()) ? ErrFileAccess : ErrFileNotFound,
+                      QStringLiteral("Cannot open '%1': %2").arg(file.fileName(), file.errorString()));
+}
+
+// Stages a copy of `from` beside `to`, then makes it durable under that name. With `head`, the
+// copy has those fields before the text and only the text is taken from `from`; without, it is
+// the same bytes. Either way the text goes a chunk at a time.
+void writeDurably(const QString& to, const QString& from, const CMessage* head)
+{
     QFile source(from);
     if (!source.open(QIODevice::ReadOnly))
-        throw QueueFault(QFileInfo::exists(from) ? ErrFileAccess : ErrFileNotFound,
-                         QStringLiteral("Cannot open '%1': %2").arg(from, source.errorString()));
+        throw missingOrUnreadable(source);
+    qint64 left = source.size();
+    QByteArray first;
+    if (head) {
+        CMessage scratch = *head;
+        try {
+            left = ReadQueueRecordHead(source, scratch);
+        } catch (const Fault& fault) { // a torn or foreign file keeps its place
+            throw QueueFault(fault.number(), QStringLiteral("'%1': %2").arg(from, fault.description()));
+        }
+        first = serialisedHead(*head, left);
+    }
     const QString staging = StagingPathOf(to);
     QFile::remove(staging); // a copy of an earlier attempt that failed
     LockedNewFile copy;
     int number = 0;
     bool written = copy.create(staging, &number);
-    while (written && !source.atEnd()) {
-        const QByteArray chunk = source.read(kChunk);
-        if (chunk.isEmpty() && source.error() != QFileDevice::NoError) {
+    if (written && !first.isEmpty())
+        written = copy.write(first.constData(), first.size(), &number);
+    while (written && left > 0) {
+        const QByteArray chunk = source.read(std::min<qint64>(left, kChunk));
+        if (chunk.isEmpty()) {
             number = EIO;
             written = false;
             break;
         }
+        left -= chunk.size();
         written = copy.write(chunk.constData(), chunk.size(), &number);
     }
     written = written && copy.sync(&number);
@@ -78,12 +93,31 @@ void writeDurably(const QString& to, const QString& from, const QByteArray* reco
         throw QueueFault(ErrAccessDenied, QStringLiteral("Cannot write '%1': %2").arg(to, systemError(number)),
                          IsDiskFull(number));
     }
+    QString error;
     if (std::rename(QFile::encodeName(staging).constData(), QFile::encodeName(to).constData()) != 0
         || !SyncFolderOf(to, &error)) {
         const QString reason = error.isEmpty() ? systemError(errno) : error;
         QFile::remove(staging);
         throw QueueFault(ErrAccessDenied, QStringLiteral("Cannot store '%1': %2").arg(to, reason));
     }
+}
+
+// Removes the file and makes the removal durable; a file already gone is no fault.
+void removeDurably(const QString& path)
+{
+    const QFileInfo file(path);
+    if (file.exists()) {
+        QFile entry(path);
+        if (!entry.remove())
+            throw QueueFault(ErrAccessDenied, QStringLiteral("Cannot delete '%1': %2").arg(path, entry.errorString()));
+    }
+    // Synced even when the file was already gone: an earlier removal may not have reached the
+    // disk yet. Without its folder there is nothing to make durable.
+    if (!file.dir().exists())
+        return;
+    QString error;
+    if (!SyncFolderOf(path, &error))
+        throw QueueFault(ErrFileAccess, error);
 }
 } // namespace
 
@@ -186,12 +220,97 @@ QList<QueueEntry> Queue::listAll() const
 
 std::optional<QByteArray> Queue::next(QueueFolder folder, const std::function<bool(const QByteArray&)>& skip) const
 {
+    switch (folder) {
+    case QueueFolder::OutBox:
+        return index().nextOutBox(skip);
+    case QueueFolder::Deferred:
+        for (const QByteArray& name : index().deferredUntil(std::nullopt)) {
+            if (!skip || !skip(name))
+                return name;
+        }
+        return std::nullopt;
+    case QueueFolder::Error:
+        break;
+    }
     FolderScan scan(folderPath(folder));
     while (std::optional<QByteArray> name = scan.nextFile()) {
         if (!skip || !skip(*name))
             return name;
     }
     return std::nullopt;
+}
+
+std::optional<QDateTime> Queue::earliestDeferral() const { return index().earliestDeferral(); }
+
+QueueIndex& Queue::index() const
+{
+    if (!index_) {
+        QueueIndex built;
+        FolderScan scan(folderPath(QueueFolder::OutBox));
+        while (const std::optional<QByteArray> name = scan.nextFile())
+            built.addOutBox(*name);
+        for (const QueueEntry& entry : list(QueueFolder::Deferred))
+            built.addDeferred(entry.name, entry.modified);
+        index_ = std::move(built);
+    }
+    return *index_;
+}
+
+void Queue::rescanOutBox() const
+{
+    QList<QByteArray> listed;
+    FolderScan scan(folderPath(QueueFolder::OutBox));
+    while (const std::optional<QByteArray> name = scan.nextFile())
+        listed.append(*name);
+    const QSet<QByteArray> present(listed.cbegin(), listed.cend());
+    for (const QByteArray& name : index().outBoxNames()) {
+        if (!present.contains(name))
+            announce(QueueFolder::OutBox, name, QueueChange::Removed);
+    }
+    for (const QByteArray& name : listed) {
+        if (!index().inOutBox(name))
+            announce(QueueFolder::OutBox, name, QueueChange::Added);
+    }
+}
+
+void Queue::updateIndex(QueueFolder folder, const QByteArray& name, QueueChange change) const
+{
+    if (!index_)
+        return; // built from the disk when first needed
+    switch (folder) {
+    case QueueFolder::OutBox:
+        if (change == QueueChange::Removed)
+            index_->removeOutBox(name);
+        else
+            index_->addOutBox(name);
+        break;
+    case QueueFolder::Deferred:
+        if (change == QueueChange::Removed) {
+            index_->removeDeferred(name);
+        } else {
+            // The file's time is its deferral time: the same clock that a scan at start reads.
+            const QFileInfo file(filePath(folder, name));
+            index_->addDeferred(name, file.exists() ? file.lastModified() : QDateTime::currentDateTime());
+        }
+        break;
+    case QueueFolder::Error:
+        break;
+    }
+}
+
+void Queue::forgetIfGone(QueueFolder folder, const QByteArray& name) const
+{
+    if (folder == QueueFolder::Error || !index_ || QFileInfo::exists(filePath(folder, name)))
+        return;
+    if (folder == QueueFolder::OutBox ? index_->inOutBox(name) : index_->inDeferred(name))
+        announce(folder, name, QueueChange::Removed);
+}
+
+void Queue::noMessage(QueueFolder folder, const QByteArray& name) const
+{
+    forgetIfGone(folder, name);
+    throw QueueFault(ErrFileNotFound, QStringLiteral("No message '%1' in %2")
+                                          .arg(QString::fromLatin1(name), QString::fromLatin1(folderName(folder))));
 }
 
 namespace {
@@ -383,15 +502,27 @@ auto loadRecord(const QString& path, CMessage& into, Reader reader)
 
 void Queue::read(QueueFolder folder, const QByteArray& name, CMessage& into) const
 {
-    loadRecord(filePath(folder, name), into, [](QFile& file, CMessage& loaded) {
-        ReadQueueRecord(file, loaded);
-        return 0;
-    });
+    try {
+        loadRecord(filePath(folder, name), into, [](QFile& file, CMessage& loaded) {
+            ReadQueueRecord(file, loaded);
+            return 0;
+        });
+    } catch (const QueueFault& fault) {
+        if (fault.number() == ErrFileNotFound)
+            forgetIfGone(folder, name);
+        throw;
+    }
 }
 
 qint64 Queue::readHead(QueueFolder folder, const QByteArray& name, CMessage& into) const
 {
-    return loadRecord(filePath(folder, name), into, ReadQueueRecordHead);
+    try {
+        return loadRecord(filePath(folder, name), into, ReadQueueRecordHead);
+    } catch (const QueueFault& fault) {
+        if (fault.number() == ErrFileNotFound)
+            forgetIfGone(folder, name);
+        throw;
+    }
 }
 
 void Queue::move(QueueFolder from, QueueFolder to, const QByteArray& name, const CMessage* updated) const
@@ -399,27 +530,21 @@ void Queue::move(QueueFolder from, QueueFolder to, const QByteArray& name, const
     const QString source = filePath(from, name);
     const QString target = filePath(to, name);
     if (!QFileInfo(source).isFile())
-        throw QueueFault(ErrFileNotFound, QStringLiteral("No message '%1' in %2")
-                                              .arg(QString::fromLatin1(name), QString::fromLatin1(folderName(from))));
+        noMessage(from, name);
     if (from == to) {
         if (updated)
             rewrite(from, name, *updated);
         return;
     }
-    if (updated) {
-        const QByteArray record = serialised(*updated);
-        writeDurably(target, source, &record);
-    } else {
-        writeDurably(target, source, nullptr);
-    }
+    writeDurably(target, source, updated);
     try {
-        RemoveQueueFile(source);
-    } catch (const Fault& fault) {
+        removeDurably(source);
+    } catch (const QueueFault&) {
         // The original could not go: the copy is taken back, so that the message stays where it was.
         QFile::remove(target);
         QString ignored;
         SyncFolderOf(target, &ignored);
-        throw QueueFault(fault.number(), fault.description());
+        throw;
     }
     announce(from, name, QueueChange::Removed);
     announce(to, name, QueueChange::Added);
@@ -427,12 +552,14 @@ void Queue::move(QueueFolder from, QueueFolder to, const QByteArray& name, const
 
 int Queue::returnDeferred(std::optional<qint64> olderThanSeconds, const QDateTime& now, QStringList* errors) const
 {
+    // Due once whole seconds of age exceed the delay: deferred at least (delay + 1) s before now.
+    std::optional<QDateTime> latest;
+    if (olderThanSeconds)
+        latest = now.addMSecs(-(*olderThanSeconds + 1) * 1000);
     int moved = 0;
-    for (const QueueEntry& entry : list(QueueFolder::Deferred)) {
-        if (olderThanSeconds && entry.modified.secsTo(now) <= *olderThanSeconds)
-            continue;
+    for (const QByteArray& name : index().deferredUntil(latest)) {
         try {
-            backToOutBox(QueueFolder::Deferred, entry.name);
+            backToOutBox(QueueFolder::Deferred, name);
             ++moved;
         } catch (const QueueFault& fault) {
             if (errors)
@@ -442,24 +569,30 @@ int Queue::returnDeferred(std::optional<qint64> olderThanSeconds, const QDateTim
     return moved;
 }
 
-void Queue::rewrite(QueueFolder folder, const QByteArray& name, const CMessage& message) const
+void Queue::rewrite(QueueFolder folder, const QByteArray& name, const CMessage& head) const
 {
     const QString path = filePath(folder, name);
     if (!QFileInfo(path).isFile())
-        throw QueueFault(ErrFileNotFound, QStringLiteral("No message '%1' in %2")
-                                              .arg(QString::fromLatin1(name), QString::fromLatin1(folderName(folder))));
-    const QByteArray record = serialised(message);
-    writeDurably(path, path, &record);
+        noMessage(folder, name);
+    writeDurably(path, path, &head);
     announce(folder, name, QueueChange::Rewritten);
+}
+
+QByteArray Queue::derive(QueueFolder from, const QByteArray& name, QueueFolder to, const CMessage& head) const
+{
+    const QString source = filePath(from, name);
+    if (!QFileInfo(source).isFile())
+        noMessage(from, name);
+    CMessage named = head;
+    named.ID = freshName();
+    writeDurably(filePath(to, named.ID), source, &named);
+    announce(to, named.ID, QueueChange::Added);
+    return named.ID;
 }
 
 void Queue::remove(QueueFolder folder, const QByteArray& name) const
 {
-    try {
-        RemoveQueueFile(filePath(folder, name));
-    } catch (const Fault& fault) {
-        throw QueueFault(fault.number(), fault.description());
-    }
+    removeDurably(filePath(folder, name));
     announce(folder, name, QueueChange::Removed);
 }
 
@@ -476,6 +609,7 @@ void Queue::removeObserver(int id)
 
 void Queue::announce(QueueFolder folder, const QByteArray& name, QueueChange change) const
 {
+    updateIndex(folder, name, change);
     // A copy: an observer may add or remove observers while it is told.
     const auto observers = observers_;
     for (const auto& [id, observer] : observers)

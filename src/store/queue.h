@@ -13,6 +13,7 @@
 
 #include "log/fault.h"
 #include "platform/durable_file.h"
+#include "store/queue_index.h"
 
 namespace postiq {
 
@@ -65,7 +66,13 @@ struct QueueLeftovers {
 // message ID. Operations that fail throw QueueFault and leave the queue as it was.
 //
 // Besides the files, the queue keeps which names are taken by a delivery in progress (claim), so
-// that the commands of the command line do not delete a message under a running delivery.
+// that the commands of the command line do not delete a message under a running delivery, and an
+// index of OutBox and Deferred in memory (built from one scan when first asked, then kept by the
+// queue's own changes), so that the next message to send and the next deferred file to fall due
+// are found at once however many files wait.
+//
+// A move or rewrite never needs the text in memory: the caller gives the record's fields before
+// the text, and the text is carried over from the existing file in chunks.
 class Queue {
 public:
     explicit Queue(QString programFolder);
@@ -89,9 +96,16 @@ public:
     // and subfolders are not messages.
     QList<QueueEntry> list(QueueFolder folder) const;
     QList<QueueEntry> listAll() const;
-    // The first file of the folder for which `skip` says false, found without building a listing.
+    // The first file of the folder for which `skip` says false: OutBox in the order files came,
+    // Deferred earliest deferral first, both from the index; Error from the directory.
     std::optional<QByteArray> next(QueueFolder folder,
                                    const std::function<bool(const QByteArray&)>& skip = {}) const;
+    // When the earliest deferred file was deferred (its file's time), if any file is deferred.
+    std::optional<QDateTime> earliestDeferral() const;
+    // Brings the index of OutBox in line with the folder, for files that another process (a
+    // sendmail run by another user, a mail program's drop) put there or took away; observers are
+    // told of each. Costs one listing of OutBox's names.
+    void rescanOutBox() const;
 
     // ---- new messages, always into OutBox ----
     // Splits the message into one file per recipient domain (in order of first appearance, names
@@ -121,7 +135,8 @@ public:
     // The record without its text, and the text's size.
     qint64 readHead(QueueFolder folder, const QByteArray& name, CMessage& into) const;
 
-    // ---- moves; `updated`, when given, is the record written at the destination ----
+    // ---- moves; `updated`, when given, gives the fields before the text written at the
+    // destination (its Data is not used: the text is copied from the file, in chunks) ----
     void move(QueueFolder from, QueueFolder to, const QByteArray& name, const CMessage* updated = nullptr) const;
     // OutBox -> Deferred; the file's time becomes the deferral time.
     void defer(const QByteArray& name, const CMessage* updated = nullptr) const { move(QueueFolder::OutBox, QueueFolder::Deferred, name, updated); }
@@ -131,8 +146,11 @@ public:
     // A file that cannot move stays where it was and is named in *errors; the others go on.
     int returnDeferred(std::optional<qint64> olderThanSeconds, const QDateTime& now,
                        QStringList* errors = nullptr) const;
-    // Replaces the record in place, whole.
-    void rewrite(QueueFolder folder, const QByteArray& name, const CMessage& message) const;
+    // Replaces the fields before the text in place; the text stays as it is.
+    void rewrite(QueueFolder folder, const QByteArray& name, const CMessage& head) const;
+    // A new file in `to`, under a fresh name (returned, and written as its ID), with the fields of
+    // `head` and the text of the file `name` in `from`, which stays as it is.
+    QByteArray derive(QueueFolder from, const QByteArray& name, QueueFolder to, const CMessage& head) const;
     void remove(QueueFolder folder, const QByteArray& name) const;
 
     // ---- deliveries in progress (in memory only) ----
@@ -155,8 +173,15 @@ public:
 private:
     // The per-domain files of a message, written and finished but not committed.
     std::vector<std::unique_ptr<QueueWriter>> split(const CMessage& message, const QByteArray& group) const;
+    // The index, built from one scan of OutBox and Deferred the first time it is needed.
+    QueueIndex& index() const;
+    void updateIndex(QueueFolder folder, const QByteArray& name, QueueChange change) const;
+    // A file that the index holds but the disk no longer does (taken by another process).
+    void forgetIfGone(QueueFolder folder, const QByteArray& name) const;
+    [[noreturn]] void noMessage(QueueFolder folder, const QByteArray& name) const;
 
     QString programFolder_;
+    mutable std::optional<QueueIndex> index_;
     QSet<QByteArray> claims_;
     std::vector<std::pair<int, QueueObserver>> observers_;
     int lastObserver_ = 0;

@@ -35,7 +35,8 @@ struct DeliveryBench {
     DnsCache cache;
     FakeDnsServer dns;
     ConnectionTables tables{logs, settings, cache};
-    Dispatcher dispatcher{logs, settings, tables};
+    Queue queueFolders{dir.path()};
+    Dispatcher dispatcher{logs, settings, tables, queueFolders};
     SmtpService service{settings, logs, cache, tables};
     quint16 port = 0;
 

@@ -1,4 +1,7 @@
+#include <QElapsedTimer>
 #include <QFile>
+
+#include "support/fake_exchanger.h"
 
 #include "delivery_bench.h"
 
@@ -81,6 +84,65 @@ TEST(WriteFailure, FailedMovesNeverLoseNorDoubleAMessage)
     b.dispatcher.Flush();
     EXPECT_EQ(b.files("Deferred"), QStringList{"BACK"});
     EXPECT_TRUE(b.desktop.boxes.isEmpty());
+}
+
+// A torn queue file that cannot even be set aside (Error is broken) stays in OutBox with one line,
+// is passed over until the next tick instead of being tried in a loop, and the mail behind it
+// still leaves.
+TEST(WriteFailure, ATornFileThatCannotBeSetAsideStaysAndTheQueueGoesOn)
+{
+    DeliveryBench b;
+    FakeExchanger mx;
+    ASSERT_TRUE(mx.listen(QHostAddress(QStringLiteral("127.0.0.14")), 25));
+    b.mx("dst.test", {{10, "127.0.0.14"}});
+    b.queue("GOOD", {"<b@dst.test>"});
+    const QByteArray whole = readFile(b.path("OutBox/GOOD"));
+    writeFile(b.path("OutBox/TORN"), whole.left(whole.size() - 4));
+    breakFolder(b, "Error");
+    b.dispatcher.queueChanged();
+    ASSERT_TRUE(spinUntil([&] { return b.idle() && b.files("OutBox") == QStringList{"TORN"}; }, 5000));
+    spinUntil([] { return false; }, 300); // time for a loop to show itself
+    EXPECT_EQ(mx.sessionCount(), 1);
+    EXPECT_EQ(b.errorLog().count(" => left in OutBox: "), 1);
+    EXPECT_EQ(readFile(b.path("OutBox/TORN")), whole.left(whole.size() - 4));
+    EXPECT_TRUE(b.desktop.boxes.isEmpty());
+
+    // Once Error takes files again, the next tick sets it aside.
+    QFile::remove(b.path("Error"));
+    QDir(b.dir.path()).mkdir("Error");
+    b.dispatcher.tmrVerifOutBox.setInterval(10);
+    b.dispatcher.startTimers();
+    ASSERT_TRUE(spinUntil([&] { return b.files("Error") == QStringList{"TORN"}; }, 3000));
+    EXPECT_TRUE(b.files("OutBox").isEmpty());
+}
+
+// Thousands of deferred files not yet due: a new message still leaves at once, none of them moves,
+// and a message that another program drops into OutBox behind the queue's back is found too.
+TEST(WriteFailure, ManyDeferredFilesDoNotDelayANewMessage)
+{
+    DeliveryBench b;
+    FakeExchanger mx;
+    ASSERT_TRUE(mx.listen(QHostAddress(QStringLiteral("127.0.0.14")), 25));
+    b.mx("dst.test", {{10, "127.0.0.14"}});
+    b.queue("TEMPLATE", {"<b@dst.test>"}, "x\r\n", 1, false, "Deferred");
+    const QByteArray record = readFile(b.path("Deferred/TEMPLATE"));
+    for (int i = 0; i < 3000; ++i)
+        writeFile(b.path("Deferred/W" + QString::number(i)), record);
+    b.dispatcher.startTimers();
+    b.dispatcher.VerifDeferred(); // the index is built here, from one scan
+
+    b.queue("NEW", {"<b@dst.test>"});
+    QElapsedTimer clock;
+    clock.start();
+    b.dispatcher.queueChanged();
+    ASSERT_TRUE(spinUntil([&] { return b.idle() && mx.sessionCount() == 1 && b.files("OutBox").isEmpty(); }, 5000));
+    EXPECT_LT(clock.elapsed(), 3000);
+    // Written by another process, without a word to this one: the tick's rescan finds it.
+    writeFile(b.path("OutBox/DROP"), readFile(b.path("Deferred/W7")));
+    b.dispatcher.tmrVerifOutBox.setInterval(10);
+    b.dispatcher.enableOutboxTimer();
+    ASSERT_TRUE(spinUntil([&] { return b.idle() && mx.sessionCount() == 2 && b.files("OutBox").isEmpty(); }, 5000));
+    EXPECT_EQ(b.files("Deferred").size(), 3001);
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 
 #include <QJsonArray>
 #include <QRegularExpression>
+#include <QTemporaryDir>
 #include <QTimeZone>
 
 #include "config/settings.h"
@@ -213,6 +214,55 @@ TEST(Notices, EnhancedStatusFromTheReplyOrTheCause)
     };
     for (const auto& c : cases)
         EXPECT_EQ(EnhancedStatus(c.cause, c.reply, c.permanent), c.status) << c.reply;
+}
+
+} // namespace
+
+namespace {
+
+// The random parts of a notice (boundary, Message-ID token) as one fixed word, to compare two.
+QByteArray withoutTokens(QByteArray text)
+{
+    static const QRegularExpression token(QStringLiteral("[0-9a-f]{16}"));
+    return QString::fromLatin1(text).replace(token, QStringLiteral("TOKEN")).toLatin1();
+}
+
+// A notice queued from the original's file, its text copied a chunk at a time, is the very notice
+// built in memory: same words, same parts, the whole message (or its header) returned.
+TEST(Notices, AQueuedNoticeCopiesTheOriginalFromItsFileInChunks)
+{
+    NoticeBench n;
+    QTemporaryDir root;
+    Queue queue(root.path());
+    queue.createMissingFolders();
+    n.original.Data = "From: alice@home.net\r\nSubject: big\r\n\r\n";
+    for (int i = 0; n.original.Data.size() < 600 * 1024; ++i)
+        n.original.Data += "line " + QByteArray::number(i) + " \xe9\r\n";
+    const QByteArray name = queue.enqueue(n.original).value(0);
+    CMessage head(n.bench.logs);
+    queue.readHead(QueueFolder::OutBox, name, head); // what the notice is given: no text
+    const QDateTime arrival(QDate(2004, 2, 4), QTime(23, 0, 1), QTimeZone(3600));
+    const QList<RecipientFate> fates{{"<bob@x.com>", "5.1.1", "mx.x.com", "550 5.1.1 <bob@x.com>: unknown"}};
+    for (const NoticeKind kind : {NoticeKind::Bounce, NoticeKind::Delay}) {
+        const QByteArray queued =
+            QueueNotice(queue, n.bench.logs, n.settings, n.bench.clock, {kind, &head, arrival, fates},
+                        QueueFolder::OutBox, name);
+        CMessage written(n.bench.logs);
+        queue.read(QueueFolder::OutBox, queued, written);
+        const CMessage built = BuildNotice(n.bench.logs, n.settings, n.bench.clock, {kind, &n.original, arrival, fates});
+        EXPECT_EQ(withoutTokens(written.Data), withoutTokens(built.Data));
+        EXPECT_EQ(written.ID, queued);
+        EXPECT_TRUE(written.ForSender);
+        EXPECT_EQ(written.From, QByteArray("<>"));
+        EXPECT_EQ(written.RcptTo(1), QByteArray("<alice@home.net>"));
+        EXPECT_EQ(written.Data.contains("\r\nline 9999 "), kind == NoticeKind::Bounce);
+    }
+    // An original that is gone leaves no notice behind.
+    queue.remove(QueueFolder::OutBox, name);
+    EXPECT_THROW(QueueNotice(queue, n.bench.logs, n.settings, n.bench.clock,
+                             {NoticeKind::Bounce, &head, arrival, fates}, QueueFolder::OutBox, name),
+                 QueueFault);
+    EXPECT_EQ(queue.list(QueueFolder::OutBox).size(), 2);
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 #include <QFile>
 #include <QTemporaryDir>
 #include <algorithm>
+#include <tuple>
 
 #include <sched.h>
 #include <sys/mount.h>
@@ -166,8 +167,7 @@ TEST_F(QueueBench, MovesKeepOneCopyAndCarryTheUpdatedRecord)
 
     // Only what waited longer than the delay goes back, unless all is asked for.
     EXPECT_EQ(queue.returnDeferred(600, QDateTime::currentDateTime()), 0);
-    age(QueueFolder::Deferred, a, 601);
-    EXPECT_EQ(queue.returnDeferred(600, QDateTime::currentDateTime()), 1);
+    EXPECT_EQ(queue.returnDeferred(600, QDateTime::currentDateTime().addSecs(601)), 1);
     queue.backToOutBox(QueueFolder::Error, b);
     EXPECT_EQ(queue.find(a), QueueFolder::OutBox);
     EXPECT_EQ(queue.find(b), QueueFolder::OutBox);
@@ -189,6 +189,149 @@ TEST_F(QueueBench, MovesKeepOneCopyAndCarryTheUpdatedRecord)
     EXPECT_TRUE(queue.claimed(b));
     queue.release(b);
     EXPECT_FALSE(queue.claimed(b));
+}
+
+// A move or rewrite with new fields never needs the text: the caller's record may lack it, and
+// the text is carried over from the file whole, however long.
+TEST_F(QueueBench, HeadOnlyMovesCarryTheTextOverWhole)
+{
+    QByteArray text;
+    for (int i = 0; text.size() < 700 * 1024; ++i)
+        text += "line " + QByteArray::number(i) + "\r\n";
+    const QByteArray name = queue.enqueue(message({"<a@x.org>", "<b@x.org>"}, text)).value(0);
+    CMessage head(bench.logs);
+    queue.readHead(QueueFolder::OutBox, name, head);
+    ASSERT_TRUE(head.Data.isEmpty());
+    head.Essai = 2;
+    head.LastError = "451 later";
+    queue.defer(name, &head);
+
+    CMessage back(bench.logs);
+    queue.read(QueueFolder::Deferred, name, back);
+    EXPECT_EQ(back.Data, text);
+    EXPECT_EQ(back.Essai, 2);
+    EXPECT_EQ(back.LastError, QByteArray("451 later"));
+    EXPECT_EQ(back.MRcptToCount(), 2);
+
+    // A record that holds another text still only gives the fields: the file's text stays.
+    back.Data = "not this";
+    back.OneRcptTo();
+    back.setRcptTo(1, "<b@x.org>");
+    queue.rewrite(QueueFolder::Deferred, name, back);
+    // The refused recipient goes to Error as a file of its own, the text copied again.
+    CMessage refused = back;
+    refused.setRcptTo(1, "<a@x.org>");
+    const QByteArray part = queue.derive(QueueFolder::Deferred, name, QueueFolder::Error, refused);
+    EXPECT_NE(part, name);
+    for (const auto& [folder, id, rcpt] : {std::tuple{QueueFolder::Deferred, name, QByteArray("<b@x.org>")},
+                                         std::tuple{QueueFolder::Error, part, QByteArray("<a@x.org>")}}) {
+        CMessage one(bench.logs);
+        queue.read(folder, id, one);
+        EXPECT_EQ(one.ID, id);
+        EXPECT_EQ(one.Data, text);
+        EXPECT_EQ(one.MRcptToCount(), 1);
+        EXPECT_EQ(one.RcptTo(1), rcpt);
+    }
+    for (const QueueFolder folder : kQueueFolders)
+        EXPECT_TRUE(hidden(folder).isEmpty());
+}
+
+// A move that cannot be made (its folder gone, the file torn) leaves the message where it was,
+// byte for byte, and nothing half-written anywhere.
+TEST_F(QueueBench, AFailedMoveLeavesTheMessageWhereItWas)
+{
+    const QByteArray name = queue.enqueue(message({"<a@x.org>"}))[0];
+    const QString path = queue.filePath(QueueFolder::OutBox, name);
+    const QByteArray before = readFile(path);
+    CMessage head(bench.logs);
+    queue.readHead(QueueFolder::OutBox, name, head);
+    const QString error = queue.folderPath(QueueFolder::Error);
+    ASSERT_TRUE(QDir(error).removeRecursively());
+    writeFile(error, "a file where the folder was");
+    EXPECT_THROW(queue.moveToError(QueueFolder::OutBox, name, &head), QueueFault);
+    EXPECT_THROW(queue.derive(QueueFolder::OutBox, name, QueueFolder::Error, head), QueueFault);
+    EXPECT_EQ(readFile(path), before);
+    EXPECT_EQ(queue.next(QueueFolder::OutBox), name);
+
+    // Torn: the text ends early. A head-only move refuses it; taken as it is, it moves whole.
+    writeFile(path, before.left(before.size() - 3));
+    QFile::remove(error);
+    queue.createMissingFolders();
+    EXPECT_THROW(queue.defer(name, &head), QueueFault);
+    EXPECT_EQ(queue.find(name), QueueFolder::OutBox);
+    EXPECT_TRUE(hidden(QueueFolder::Deferred).isEmpty());
+    queue.moveToError(QueueFolder::OutBox, name);
+    EXPECT_EQ(readFile(queue.filePath(QueueFolder::Error, name)), before.left(before.size() - 3));
+    EXPECT_EQ(queue.next(QueueFolder::OutBox), std::nullopt);
+}
+
+// The index answers what waits without a listing, and stays right through every change: the
+// queue's own, and files that another process drops into OutBox or takes away.
+TEST_F(QueueBench, TheIndexFollowsEveryChange)
+{
+    const QByteArray a = queue.enqueue(message({"<a@x.org>"}))[0];
+    EXPECT_EQ(queue.next(QueueFolder::OutBox), a); // built here, from the disk
+    const QByteArray b = queue.enqueue(message({"<b@x.org>"}))[0];
+    const QByteArray c = queue.enqueue(message({"<c@x.org>"}))[0];
+    EXPECT_EQ(queue.next(QueueFolder::OutBox, [&](const QByteArray& n) { return n == a; }), b) << "in arrival order";
+
+    queue.defer(a);
+    const QDateTime aDeferred = QFileInfo(queue.filePath(QueueFolder::Deferred, a)).lastModified();
+    queue.defer(b);
+    EXPECT_EQ(queue.next(QueueFolder::OutBox), c);
+    EXPECT_EQ(queue.earliestDeferral(), aDeferred);
+    queue.remove(QueueFolder::OutBox, c);
+    EXPECT_EQ(queue.next(QueueFolder::OutBox), std::nullopt);
+
+    // Dropped from outside: seen once OutBox is looked at again, and the observers hear of it.
+    QByteArrayList heard;
+    queue.addObserver([&](QueueFolder, const QByteArray& name, QueueChange change) {
+        heard << name + (change == QueueChange::Added ? "+" : "-");
+    });
+    const Queue otherProcess(root.path());
+    std::unique_ptr<QueueWriter> outside = otherProcess.open(message({"<d@x.org>"}));
+    outside->append("Subject: d\r\n\r\nd\r\n");
+    outside->commit();
+    const QByteArray d = outside->name();
+    EXPECT_EQ(queue.next(QueueFolder::OutBox), std::nullopt);
+    queue.rescanOutBox();
+    EXPECT_EQ(queue.next(QueueFolder::OutBox), d);
+    EXPECT_EQ(heard, QByteArrayList{d + "+"});
+
+    // Taken from outside: a rescan forgets it in OutBox; in Deferred the failed move does.
+    QFile::remove(queue.filePath(QueueFolder::OutBox, d));
+    QFile::remove(queue.filePath(QueueFolder::Deferred, a));
+    queue.rescanOutBox();
+    QStringList errors;
+    EXPECT_EQ(queue.returnDeferred(std::nullopt, QDateTime::currentDateTime(), &errors), 1);
+    EXPECT_EQ(errors.size(), 1);
+    EXPECT_EQ(queue.earliestDeferral(), std::nullopt);
+    EXPECT_EQ(queue.next(QueueFolder::OutBox), b);
+    EXPECT_EQ(heard, (QByteArrayList{d + "+", d + "-", a + "-", b + "-", b + "+"}));
+}
+
+// Tens of thousands of deferred files: the next message and the next file due are found without
+// a listing, and only the due files move.
+TEST_F(QueueBench, ManyDeferredFilesCostNothingToPassOver)
+{
+    const QByteArray record = readFile(queue.filePath(QueueFolder::OutBox, queue.enqueue(message({"<a@x.org>"}))[0]));
+    const QString deferred = queue.folderPath(QueueFolder::Deferred);
+    const QDateTime old = QDateTime::currentDateTime().addSecs(-3600);
+    for (int i = 0; i < 5000; ++i) {
+        const QString path = deferred + "/M" + QString::number(i);
+        writeFile(path, record);
+        if (i < 3) { // three of them long overdue
+            utimbuf times{old.toSecsSinceEpoch(), old.toSecsSinceEpoch()};
+            ASSERT_EQ(::utime(QFile::encodeName(path).constData(), &times), 0);
+        }
+    }
+    Queue fresh(root.path());
+    ASSERT_TRUE(fresh.next(QueueFolder::OutBox).has_value());
+    EXPECT_EQ(fresh.earliestDeferral()->toSecsSinceEpoch(), old.toSecsSinceEpoch());
+    EXPECT_EQ(fresh.returnDeferred(600, QDateTime::currentDateTime()), 3);
+    EXPECT_EQ(fresh.list(QueueFolder::OutBox).size(), 4);
+    EXPECT_EQ(fresh.list(QueueFolder::Deferred).size(), 4997);
+    EXPECT_GT(fresh.earliestDeferral(), old);
 }
 
 TEST(Queue, FoldersAreFoundWhateverTheirCase)

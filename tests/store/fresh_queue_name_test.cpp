@@ -3,7 +3,6 @@
 #include <QDir>
 
 #include "store/fresh_queue_name.h"
-#include "store/queue_files.h"
 #include "support/fakes.h"
 
 using namespace postiq;
@@ -55,43 +54,3 @@ TEST(FreshQueueName, ABrokenDrawIsAFaultInsteadOfEndless)
     EXPECT_TRUE(bench.desktop.diagnostics.isEmpty());
 }
 
-TEST(QueueFiles, CopyReplacesTheTargetWholeAndRemoveToleratesAMissingFile)
-{
-    LogBench bench;
-    for (const char* folder : {"OutBox", "Deferred"})
-        QDir().mkpath(bench.path(folder));
-    writeFile(bench.path("OutBox/A1"), "short record");
-    writeFile(bench.path("Deferred/A1"), "an older and much longer record");
-
-    CopyQueueFileDurably(bench.path("OutBox/A1"), bench.path("Deferred/A1"));
-    EXPECT_EQ(readFile(bench.path("Deferred/A1")), QByteArray("short record"));
-    EXPECT_EQ(readFile(bench.path("OutBox/A1")), QByteArray("short record"));
-    EXPECT_EQ(everyEntry(bench.path("Deferred")), QStringList{"A1"});
-
-    RemoveQueueFile(bench.path("OutBox/A1"));
-    EXPECT_EQ(everyEntry(bench.path("OutBox")), QStringList{});
-    EXPECT_NO_THROW(RemoveQueueFile(bench.path("OutBox/A1")));
-    EXPECT_NO_THROW(RemoveQueueFile(bench.path("NoFolder/A1")));
-}
-
-TEST(QueueFiles, CopyFaultsLeaveNothingBehind)
-{
-    LogBench bench;
-    QDir().mkpath(bench.path("OutBox"));
-    try {
-        CopyQueueFileDurably(bench.path("OutBox/missing"), bench.path("OutBox/copy"));
-        ADD_FAILURE() << "a missing source was copied";
-    } catch (const Fault& fault) {
-        EXPECT_EQ(fault.number(), ErrFileNotFound);
-    }
-    EXPECT_EQ(everyEntry(bench.path("OutBox")), QStringList{});
-
-    writeFile(bench.path("OutBox/A1"), "record");
-    try {
-        CopyQueueFileDurably(bench.path("OutBox/A1"), bench.path("NoFolder/A1"));
-        ADD_FAILURE() << "copied into a missing folder";
-    } catch (const Fault& fault) {
-        EXPECT_EQ(fault.number(), ErrAccessDenied);
-    }
-    EXPECT_EQ(everyEntry(bench.path("OutBox")), QStringList{"A1"});
-}
