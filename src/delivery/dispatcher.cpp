@@ -3,6 +3,7 @@
 #include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
+#include <QHash>
 #include <QSslSocket>
 #include <algorithm>
 #include <limits>
@@ -22,6 +23,8 @@ namespace postiq {
 
 namespace {
 constexpr int kLastUsableOutSlot = ConnectionTables::kUpperBound - 1; // 100 is never handed out
+// Files whose heads a connection reads, at most, when it looks into the queue for its next message.
+constexpr int kLookAhead = 20;
 const QByteArray kNoHost = "NONE";
 
 QByteArray number(int n) { return QByteArray::number(n); }
@@ -36,7 +39,7 @@ QDirIterator queueFiles(const Logs& logs, const char* folder)
 
 Dispatcher::Dispatcher(Logs& logs, Settings& settings, ConnectionTables& tables, QObject* parent)
     : QObject(parent), logs_(logs), settings_(settings), tables_(tables),
-      queue_(logs), disposition_(logs, settings), addresses_(logs, settings, tables.CnxOut(1).DNS.lookups())
+      queue_(logs), files_(logs.folder()), disposition_(logs, settings), addresses_(logs, settings, tables.CnxOut(1).DNS.lookups())
 {
     tmrVerifOutBox.setInterval(kTimerInterval);
     tmrVerifDeferred.setInterval(kTimerInterval);
@@ -113,14 +116,17 @@ void Dispatcher::VerifOutBox()
         }
         // Stops at the first file it can dispatch: a call costs the entries it skips, no more.
         const QSet<QByteArray> claimed = claimedFiles();
+        const QSet<QByteArray> busy = busyExchangers();
         FolderScan files(SubfolderPath(logs_.folder(), QStringLiteral("OutBox")));
         while (const std::optional<QByteArray> name = files.nextFile()) {
-            if (claimed.contains(*name))
-                continue; // being delivered
+            if (claimed.contains(*name) || waitsForConnection(*name, busy))
+                continue; // being delivered, or waiting for a connection that will take it
             const QString file = QFile::decodeName(*name);
             logs_.DbgAdd("<FONT face='Verdana' size='2'>" + GMTDate(logs_.clock()) + ": OUT demande d'envoi demandée ("
                          + file.toUtf8() + ")</FONT><BR>");
             SendOutSmtp(file);
+            if (waitsForConnection(*name, busyExchangers()))
+                continue; // it joined the others waiting: the next file may go
             return;
         }
         enableOutboxTimer();
@@ -162,6 +168,21 @@ void Dispatcher::SendOutSmtp(const QString& file)
         const std::optional<uint8_t> free = freeCnxOut();
         if (!free)
             return; // the file stays where it is; a release re-enables the timer
+        // The head first: a message whose exchanger has all its connections busy waits for one
+        // of them instead of taking a slot.
+        CMessage head(logs_);
+        const std::optional<QByteArray> found = loadHeadOrSetAside(head, file);
+        if (!found) {
+            postVerifOutBox();
+            return;
+        }
+        const QByteArray name = QFile::encodeName(file);
+        const QByteArray exchanger = exchangerFor(*found);
+        if (busyExchangers().contains(exchanger)) {
+            backlog_.wait(name, exchanger);
+            return;
+        }
+        backlog_.forget(name);
         const uint8_t i = *free;
         tables_.LastCnxOut = i;
         logs_.DbgAdd(stamp + ": Connexion OUT trouvée: " + number(i) + "</FONT><BR>");
@@ -172,19 +193,16 @@ void Dispatcher::SendOutSmtp(const QString& file)
         cnx.setStatus(Taken);
         cnx.CurrentOutFile = file;
         cnx.CurrentRcptTo = 0;
+        cnx.Message = head;
         // The slot is busy from here on, so it owns its socket from here on (a release needs it).
         tables_.LoadSmtpDistant(i);
         SlotDelivery& slot = slots_[i];
         slot.generation += 1;
         slot.triedInClear = false;
+        slot.exchanger = exchanger;
+        slot.session.clear();
         slot.arrival = QFileInfo(queue_.path("OutBox", file)).lastModified();
         ReleasingOnFault(tables_, i, [&] {
-            const std::optional<QByteArray> found = loadOrSetAside(cnx.Message, file);
-            if (!found) {
-                tables_.ReleaseSmtpDistant(i);
-                postVerifOutBox();
-                return;
-            }
             cnx.Message.Essai = uint8_t(cnx.Message.Essai + 1);
             const QByteArray domain = *found;
             cnx.DNS.ResolveMx(domain, [this, i, file, domain] {
@@ -198,18 +216,24 @@ void Dispatcher::SendOutSmtp(const QString& file)
 // A queue file that cannot be read (cut short, garbage) would stop the queue at every scan: it is
 // set aside in Error as it is, with a line in the error log, and the queue goes on. So is one
 // whose first recipient has no domain (written by hand): no route could ever be found for it.
-std::optional<QByteArray> Dispatcher::loadOrSetAside(CMessage& message, const QString& file)
+// Only the head is read: the session reads the text from the file as it sends it.
+std::optional<QByteArray> Dispatcher::loadHeadOrSetAside(CMessage& message, const QString& file)
 {
     try {
-        message.MLoad(queue_.path("OutBox", file));
+        files_.readHead(QueueFolder::OutBox, QFile::encodeName(file), message);
         // The whole message goes the way of its first recipient's domain.
         return DomainOf(message.RcptTo(1));
     } catch (const Fault& fault) {
-        queue_.setAside(file);
-        logs_.ErrorLog(GMTDate(logs_.clock()) + " D:MODULE[SendOutSmtp] error " + number(fault.number()) + ": "
-                       + fault.description().toUtf8() + " => placed in the error directory");
+        setAside(file, fault);
         return std::nullopt;
     }
+}
+
+void Dispatcher::setAside(const QString& file, const Fault& fault)
+{
+    queue_.setAside(file);
+    logs_.ErrorLog(GMTDate(logs_.clock()) + " D:MODULE[SendOutSmtp] error " + number(fault.number()) + ": "
+                   + fault.description().toUtf8() + " => placed in the error directory");
 }
 
 void Dispatcher::routeResolved(uint8_t i, const QString& file, const QByteArray& domain)
@@ -255,8 +279,9 @@ void Dispatcher::startSession(uint8_t i, bool clearOnly)
     target.knownAddresses = cnx.DNS.MX.record(cnx.DNS.CurrentMX).Addresses;
     const quint64 generation = slots_[i].generation;
     auto* session = new OutboundSession(
-        logs_, settings_, addresses_, i, cnx, *socket, target, timeouts, [this] { VerifOutBox(); },
+        logs_, settings_, addresses_, files_, i, cnx, *socket, target, timeouts, [this] { VerifOutBox(); },
         [this, i, generation](const DeliveryOutcome& outcome) { sessionEnded(i, generation, outcome); });
+    slots_[i].session = session;
     session->start();
 }
 
@@ -273,6 +298,21 @@ void Dispatcher::dispose(uint8_t i, const DeliveryOutcome& outcome)
 {
     CConnexion& cnx = tables_.CnxOut(i);
     SlotDelivery& slot = slots_[i];
+    if (outcome.kind == DeliveryOutcome::NotAttempted) {
+        restartOnNewConnection(i);
+        return;
+    }
+    if (outcome.kind == DeliveryOutcome::Unreadable) {
+        setAside(cnx.CurrentOutFile, Fault(outcome.errorNumber, QString::fromUtf8(outcome.description)));
+        if (!takeNextOnConnection(i)) {
+            tables_.ReleaseSmtpDistant(i);
+            postVerifOutBox();
+        }
+        return;
+    }
+    // ---- until the queue's moves carry the text over from the file: a message that is not
+    // simply sent is read whole for the disposition (deferral, bounce, Error copy) ----
+    wholeRecordForDisposition(cnx, outcome);
     DispositionInput input;
     input.slot = i;
     input.file = cnx.CurrentOutFile;
@@ -294,7 +334,8 @@ void Dispatcher::dispose(uint8_t i, const DeliveryOutcome& outcome)
     case NextStep::Release:
         break;
     }
-    tables_.ReleaseSmtpDistant(i);
+    if (!takeNextOnConnection(i))
+        tables_.ReleaseSmtpDistant(i);
     // A deferred message goes again as soon as its delay has run out.
     const QFileInfo deferred(queue_.path("Deferred", input.file));
     if (deferred.exists())
@@ -304,6 +345,120 @@ void Dispatcher::dispose(uint8_t i, const DeliveryOutcome& outcome)
     else
         postVerifOutBox();
     enableOutboxTimer();
+}
+
+// ---- one connection, several messages ----
+
+QByteArray Dispatcher::exchangerFor(const QByteArray& domain) const
+{
+    if (settings_.UserSettings.SmtpServerDefined)
+        return "server " + settings_.ActiveSettings.SmtpServer.toUtf8();
+    return domain.toLower();
+}
+
+QSet<QByteArray> Dispatcher::busyExchangers() const
+{
+    QHash<QByteArray, int> connections;
+    QSet<QByteArray> busy;
+    for (int i = 1; i <= kLastUsableOutSlot; ++i) {
+        if (tables_.CnxOut(i).Status() != 0 && ++connections[slots_[i].exchanger] >= connectionsPerExchanger)
+            busy.insert(slots_[i].exchanger);
+    }
+    return busy;
+}
+
+bool Dispatcher::waitsForConnection(const QByteArray& name, const QSet<QByteArray>& busy) const
+{
+    const std::optional<QByteArray> exchanger = backlog_.exchangerOf(name);
+    return exchanger && busy.contains(*exchanger);
+}
+
+// One place that finds a connection's next message, so that an index of the queue can answer it
+// later. The look into the queue is bounded: the files it meets for other exchangers are noted
+// in the backlog, so that no later look reads them again.
+std::optional<QByteArray> Dispatcher::nextForConnection(uint8_t i)
+{
+    const QByteArray& exchanger = slots_[i].exchanger;
+    const QSet<QByteArray> claimed = claimedFiles();
+    const auto free = [&](const QByteArray& name) {
+        return !claimed.contains(name) && QFileInfo(files_.filePath(QueueFolder::OutBox, name)).isFile();
+    };
+    while (const std::optional<QByteArray> name = backlog_.take(exchanger)) {
+        if (free(*name))
+            return name;
+    }
+    int looked = 0;
+    bool found = false;
+    const std::optional<QByteArray> name = files_.next(QueueFolder::OutBox, [&](const QByteArray& candidate) {
+        if (claimed.contains(candidate) || backlog_.exchangerOf(candidate))
+            return true;
+        if (++looked > kLookAhead)
+            return false; // enough: the dispatcher meets the rest
+        CMessage head(logs_);
+        QByteArray its;
+        try {
+            files_.readHead(QueueFolder::OutBox, candidate, head);
+            its = exchangerFor(DomainOf(head.RcptTo(1)));
+        } catch (const Fault&) {
+            return true; // the dispatcher sets it aside when it comes to it
+        }
+        if (its == exchanger) {
+            found = true;
+            return false;
+        }
+        backlog_.wait(candidate, its);
+        return true;
+    });
+    return found ? name : std::nullopt;
+}
+
+bool Dispatcher::takeNextOnConnection(uint8_t i)
+{
+    SlotDelivery& slot = slots_[i];
+    if (!slot.session)
+        return false;
+    if (!slot.session->canTakeAnother() || settings_.ActiveSettings.KeepLocal) {
+        slot.session->quit();
+        return false;
+    }
+    CConnexion& cnx = tables_.CnxOut(i);
+    while (const std::optional<QByteArray> name = nextForConnection(i)) {
+        const QString file = QFile::decodeName(*name);
+        CMessage head(logs_);
+        if (!loadHeadOrSetAside(head, file))
+            continue;
+        cnx.CurrentOutFile = file;
+        cnx.CurrentRcptTo = 0;
+        cnx.Message = head;
+        cnx.Message.Essai = uint8_t(cnx.Message.Essai + 1);
+        slot.generation += 1;
+        slot.arrival = QFileInfo(queue_.path("OutBox", file)).lastModified();
+        const quint64 generation = slot.generation;
+        slot.session->takeNext(
+            [this, i, generation](const DeliveryOutcome& outcome) { sessionEnded(i, generation, outcome); });
+        return true;
+    }
+    slot.session->quit();
+    return false;
+}
+
+void Dispatcher::restartOnNewConnection(uint8_t i)
+{
+    tables_.CnxOut(i).DNS.CurrentMX = 1;
+    slots_[i].triedInClear = false;
+    startSession(i, false);
+}
+
+void Dispatcher::wholeRecordForDisposition(CConnexion& cnx, const DeliveryOutcome& outcome)
+{
+    bool allSent = outcome.kind == DeliveryOutcome::Transaction;
+    for (const RecipientResult& result : outcome.recipients)
+        allSent = allSent && result.verdict == RecipientResult::Accepted;
+    if (allSent)
+        return;
+    CMessage whole(logs_);
+    files_.read(QueueFolder::OutBox, QFile::encodeName(cnx.CurrentOutFile), whole);
+    cnx.Message.Data = std::move(whole.Data);
 }
 
 void Dispatcher::VerifDeferred()
