@@ -35,6 +35,9 @@ QString connectionStateText(const QByteArray& cnxType, int32_t status)
         case AuthSent: return QStringLiteral("Authentification envoyée");
         case AuthLoginSent: return QStringLiteral("AUTH LOGIN envoyé");
         case AuthUserSent: return QStringLiteral("Utilisateur envoyé");
+        case ResetSent: return QStringLiteral("RSET envoyé (message suivant)");
+        case DataUnwanted: return QStringLiteral("Aucun destinataire accepté");
+        case Held: return QStringLiteral("Connexion ouverte, message suivant");
         default: break;
         }
     }

@@ -23,6 +23,8 @@ struct DeliveryOutcome {
         HostTemporary, // this host failed for now (no connection, 4xx, nonsense, time-out)
         HostPermanent, // this host refused the message for every recipient (5xx)
         NoRoute,       // the domain has no mail host
+        NotAttempted,  // a reused connection ended before this message's transaction began
+        Unreadable,    // the queue file could not be read whole: nothing of it was accepted
     };
     Kind kind = HostTemporary;
     QList<RecipientResult> recipients; // Transaction only

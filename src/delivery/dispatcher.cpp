@@ -2,6 +2,7 @@
 
 #include <QFile>
 #include <QFileInfo>
+#include <QHash>
 #include <QSslSocket>
 #include <algorithm>
 #include <limits>
@@ -19,6 +20,8 @@ namespace postiq {
 
 namespace {
 constexpr int kLastUsableOutSlot = ConnectionTables::kUpperBound - 1; // 100 is never handed out
+// Files whose heads a connection reads, at most, when it looks into the queue for its next message.
+constexpr int kLookAhead = 20;
 const QByteArray kNoHost = "NONE";
 
 QByteArray number(int n) { return QByteArray::number(n); }
@@ -121,22 +124,34 @@ void Dispatcher::VerifOutBox()
         }
         // The oldest file that no busy slot delivers: a call costs the files it skips, no more.
         const QSet<QByteArray> claimed = claimedFiles();
-        const auto skip = [&](const QByteArray& name) { return claimed.contains(name) || unreadable_.contains(name); };
-        std::optional<QByteArray> name = queue_.next(QueueFolder::OutBox, skip);
-        if (!name) {
-            // Nothing known waits: OutBox is short then, and a listing of it catches what was
-            // written past the queue (a test's or an older program's own files).
-            queue_.rescanOutBox();
-            name = queue_.next(QueueFolder::OutBox, skip);
+        QSet<QByteArray> busy = busyExchangers();
+        // Passed over: being delivered, unreadable, or waiting for a connection that will take it.
+        const auto skip = [&](const QByteArray& name) {
+            return claimed.contains(name) || unreadable_.contains(name) || waitsForConnection(name, busy);
+        };
+        bool rescanned = false;
+        for (;;) {
+            std::optional<QByteArray> name = queue_.next(QueueFolder::OutBox, skip);
+            if (!name && !rescanned && !queue_.next(QueueFolder::OutBox)) {
+                // Nothing known waits: OutBox is empty then, and a listing of it catches what was
+                // written past the queue (a test's or an older program's own files).
+                queue_.rescanOutBox();
+                rescanned = true;
+                name = queue_.next(QueueFolder::OutBox, skip);
+            }
+            if (!name) {
+                enableOutboxTimer();
+                return;
+            }
+            const QString file = QFile::decodeName(*name);
+            logs_.DbgAdd("<FONT face='Verdana' size='2'>" + GMTDate(logs_.clock()) + ": OUT demande d'envoi demandée ("
+                         + file.toUtf8() + ")</FONT><BR>");
+            SendOutSmtp(file);
+            busy = busyExchangers();
+            if (!waitsForConnection(*name, busy))
+                return;
+            // It joined the others waiting for their exchanger's connection: the next file may go.
         }
-        if (!name) {
-            enableOutboxTimer();
-            return;
-        }
-        const QString file = QFile::decodeName(*name);
-        logs_.DbgAdd("<FONT face='Verdana' size='2'>" + GMTDate(logs_.clock()) + ": OUT demande d'envoi demandée ("
-                     + file.toUtf8() + ")</FONT><BR>");
-        SendOutSmtp(file);
     });
 }
 
@@ -175,6 +190,21 @@ void Dispatcher::SendOutSmtp(const QString& file)
         const std::optional<uint8_t> free = freeCnxOut();
         if (!free)
             return; // the file stays where it is; a release re-enables the timer
+        // The head first: a message whose exchanger has all its connections busy waits for one
+        // of them instead of taking a slot.
+        CMessage head(logs_);
+        const std::optional<QByteArray> found = loadHeadOrSetAside(head, file);
+        if (!found) {
+            postVerifOutBox();
+            return;
+        }
+        const QByteArray name = QFile::encodeName(file);
+        const QByteArray exchanger = exchangerFor(*found);
+        if (busyExchangers().contains(exchanger)) {
+            backlog_.wait(name, exchanger);
+            return;
+        }
+        backlog_.forget(name);
         const uint8_t i = *free;
         tables_.LastCnxOut = i;
         logs_.DbgAdd(stamp + ": Connexion OUT trouvée: " + number(i) + "</FONT><BR>");
@@ -185,19 +215,16 @@ void Dispatcher::SendOutSmtp(const QString& file)
         cnx.setStatus(Taken);
         cnx.CurrentOutFile = file;
         cnx.CurrentRcptTo = 0;
+        cnx.Message = head;
         // The slot is busy from here on, so it owns its socket from here on (a release needs it).
         tables_.LoadSmtpDistant(i);
         SlotDelivery& slot = slots_[i];
         slot.generation += 1;
         slot.triedInClear = false;
-        slot.arrival = QFileInfo(queue_.filePath(QueueFolder::OutBox, QFile::encodeName(file))).lastModified();
+        slot.exchanger = exchanger;
+        slot.session.clear();
+        slot.arrival = QFileInfo(queue_.filePath(QueueFolder::OutBox, name)).lastModified();
         ReleasingOnFault(tables_, i, [&] {
-            const std::optional<QByteArray> found = loadOrSetAside(cnx.Message, file);
-            if (!found) {
-                tables_.ReleaseSmtpDistant(i);
-                postVerifOutBox();
-                return;
-            }
             cnx.Message.Essai = uint8_t(cnx.Message.Essai + 1);
             const QByteArray domain = *found;
             cnx.DNS.ResolveMx(domain, [this, i, file, domain] {
@@ -211,29 +238,36 @@ void Dispatcher::SendOutSmtp(const QString& file)
 // A queue file that cannot be read (cut short, garbage) would stop the queue at every scan: it is
 // set aside in Error as it is, with a line in the error log, and the queue goes on. So is one
 // whose first recipient has no domain (written by hand): no route could ever be found for it.
-std::optional<QByteArray> Dispatcher::loadOrSetAside(CMessage& message, const QString& file)
+// Only the head is read: the session reads the text from the file as it sends it.
+std::optional<QByteArray> Dispatcher::loadHeadOrSetAside(CMessage& message, const QString& file)
 {
     const QByteArray name = QFile::encodeName(file);
     try {
-        queue_.read(QueueFolder::OutBox, name, message);
+        queue_.readHead(QueueFolder::OutBox, name, message);
         // The whole message goes the way of its first recipient's domain.
         return DomainOf(message.RcptTo(1));
     } catch (const Fault& fault) {
-        if (fault.number() == ErrFileNotFound)
-            return std::nullopt; // taken meanwhile (a command, another process): nothing to do
-        const QByteArray why = GMTDate(logs_.clock()) + " D:MODULE[SendOutSmtp] error " + number(fault.number())
-            + ": " + fault.description().toUtf8();
-        try {
-            queue_.moveToError(QueueFolder::OutBox, name);
-        } catch (const Fault& moveFault) {
-            // It stays where it is, passed over until the next tick; the queue goes on.
-            unreadable_.insert(name);
-            logs_.ErrorLog(why + " => left in OutBox: " + moveFault.description().toUtf8());
-            return std::nullopt;
-        }
-        logs_.ErrorLog(why + " => placed in the error directory");
+        if (fault.number() != ErrFileNotFound) // else taken meanwhile (a command, another process)
+            setAside(file, fault);
         return std::nullopt;
     }
+}
+
+// An OutBox file that cannot be read goes to Error as it is; one that cannot move either stays
+// where it is, passed over until the next tick. Either way the queue goes on.
+void Dispatcher::setAside(const QString& file, const Fault& fault)
+{
+    const QByteArray name = QFile::encodeName(file);
+    const QByteArray why = GMTDate(logs_.clock()) + " D:MODULE[SendOutSmtp] error " + number(fault.number()) + ": "
+        + fault.description().toUtf8();
+    try {
+        queue_.moveToError(QueueFolder::OutBox, name);
+    } catch (const Fault& moveFault) {
+        unreadable_.insert(name);
+        logs_.ErrorLog(why + " => left in OutBox: " + moveFault.description().toUtf8());
+        return;
+    }
+    logs_.ErrorLog(why + " => placed in the error directory");
 }
 
 void Dispatcher::routeResolved(uint8_t i, const QString& file, const QByteArray& domain)
@@ -279,8 +313,9 @@ void Dispatcher::startSession(uint8_t i, bool clearOnly)
     target.knownAddresses = cnx.DNS.MX.record(cnx.DNS.CurrentMX).Addresses;
     const quint64 generation = slots_[i].generation;
     auto* session = new OutboundSession(
-        logs_, settings_, addresses_, i, cnx, *socket, target, timeouts, [this] { VerifOutBox(); },
+        logs_, settings_, addresses_, queue_, i, cnx, *socket, target, timeouts, [this] { VerifOutBox(); },
         [this, i, generation](const DeliveryOutcome& outcome) { sessionEnded(i, generation, outcome); });
+    slots_[i].session = session;
     session->start();
 }
 
@@ -297,6 +332,18 @@ void Dispatcher::dispose(uint8_t i, const DeliveryOutcome& outcome)
 {
     CConnexion& cnx = tables_.CnxOut(i);
     SlotDelivery& slot = slots_[i];
+    if (outcome.kind == DeliveryOutcome::NotAttempted) {
+        restartOnNewConnection(i);
+        return;
+    }
+    if (outcome.kind == DeliveryOutcome::Unreadable) {
+        setAside(cnx.CurrentOutFile, Fault(outcome.errorNumber, QString::fromUtf8(outcome.description)));
+        if (!takeNextOnConnection(i)) {
+            tables_.ReleaseSmtpDistant(i);
+            postVerifOutBox();
+        }
+        return;
+    }
     DispositionInput input;
     input.slot = i;
     input.file = cnx.CurrentOutFile;
@@ -318,7 +365,8 @@ void Dispatcher::dispose(uint8_t i, const DeliveryOutcome& outcome)
     case NextStep::Release:
         break;
     }
-    tables_.ReleaseSmtpDistant(i);
+    if (!takeNextOnConnection(i))
+        tables_.ReleaseSmtpDistant(i);
     // A deferred message goes again as soon as its delay has run out.
     Trapped(logs_, "D:MODULE[VerifDeferred]", [&] { wakeForEarliestDeferred(); });
     if (outcome.kind == DeliveryOutcome::Transaction)
@@ -326,6 +374,108 @@ void Dispatcher::dispose(uint8_t i, const DeliveryOutcome& outcome)
     else
         postVerifOutBox();
     enableOutboxTimer();
+}
+
+// ---- one connection, several messages ----
+
+QByteArray Dispatcher::exchangerFor(const QByteArray& domain) const
+{
+    if (settings_.UserSettings.SmtpServerDefined)
+        return "server " + settings_.ActiveSettings.SmtpServer.toUtf8();
+    return domain.toLower();
+}
+
+QSet<QByteArray> Dispatcher::busyExchangers() const
+{
+    QHash<QByteArray, int> connections;
+    QSet<QByteArray> busy;
+    for (int i = 1; i <= kLastUsableOutSlot; ++i) {
+        if (tables_.CnxOut(i).Status() != 0 && ++connections[slots_[i].exchanger] >= connectionsPerExchanger)
+            busy.insert(slots_[i].exchanger);
+    }
+    return busy;
+}
+
+bool Dispatcher::waitsForConnection(const QByteArray& name, const QSet<QByteArray>& busy) const
+{
+    const std::optional<QByteArray> exchanger = backlog_.exchangerOf(name);
+    return exchanger && busy.contains(*exchanger);
+}
+
+// One place that finds a connection's next message, so that an index of the queue can answer it
+// later. The look into the queue is bounded: the files it meets for other exchangers are noted
+// in the backlog, so that no later look reads them again.
+std::optional<QByteArray> Dispatcher::nextForConnection(uint8_t i)
+{
+    const QByteArray& exchanger = slots_[i].exchanger;
+    const QSet<QByteArray> claimed = claimedFiles();
+    const auto free = [&](const QByteArray& name) {
+        return !claimed.contains(name) && QFileInfo(queue_.filePath(QueueFolder::OutBox, name)).isFile();
+    };
+    while (const std::optional<QByteArray> name = backlog_.take(exchanger)) {
+        if (free(*name))
+            return name;
+    }
+    int looked = 0;
+    bool found = false;
+    const std::optional<QByteArray> name = queue_.next(QueueFolder::OutBox, [&](const QByteArray& candidate) {
+        if (claimed.contains(candidate) || backlog_.exchangerOf(candidate))
+            return true;
+        if (++looked > kLookAhead)
+            return false; // enough: the dispatcher meets the rest
+        CMessage head(logs_);
+        QByteArray its;
+        try {
+            queue_.readHead(QueueFolder::OutBox, candidate, head);
+            its = exchangerFor(DomainOf(head.RcptTo(1)));
+        } catch (const Fault&) {
+            return true; // the dispatcher sets it aside when it comes to it
+        }
+        if (its == exchanger) {
+            found = true;
+            return false;
+        }
+        backlog_.wait(candidate, its);
+        return true;
+    });
+    return found ? name : std::nullopt;
+}
+
+bool Dispatcher::takeNextOnConnection(uint8_t i)
+{
+    SlotDelivery& slot = slots_[i];
+    if (!slot.session)
+        return false;
+    if (!slot.session->canTakeAnother() || settings_.ActiveSettings.KeepLocal) {
+        slot.session->quit();
+        return false;
+    }
+    CConnexion& cnx = tables_.CnxOut(i);
+    while (const std::optional<QByteArray> name = nextForConnection(i)) {
+        const QString file = QFile::decodeName(*name);
+        CMessage head(logs_);
+        if (!loadHeadOrSetAside(head, file))
+            continue;
+        cnx.CurrentOutFile = file;
+        cnx.CurrentRcptTo = 0;
+        cnx.Message = head;
+        cnx.Message.Essai = uint8_t(cnx.Message.Essai + 1);
+        slot.generation += 1;
+        slot.arrival = QFileInfo(queue_.filePath(QueueFolder::OutBox, QFile::encodeName(file))).lastModified();
+        const quint64 generation = slot.generation;
+        slot.session->takeNext(
+            [this, i, generation](const DeliveryOutcome& outcome) { sessionEnded(i, generation, outcome); });
+        return true;
+    }
+    slot.session->quit();
+    return false;
+}
+
+void Dispatcher::restartOnNewConnection(uint8_t i)
+{
+    tables_.CnxOut(i).DNS.CurrentMX = 1;
+    slots_[i].triedInClear = false;
+    startSession(i, false);
 }
 
 void Dispatcher::VerifDeferred()

@@ -3,6 +3,7 @@
 #include <QByteArray>
 #include <QDateTime>
 #include <QObject>
+#include <QPointer>
 #include <QSet>
 #include <QString>
 #include <QTimer>
@@ -11,6 +12,7 @@
 #include <optional>
 
 #include "delivery/disposition.h"
+#include "delivery/exchanger_backlog.h"
 #include "delivery/outbound_session.h"
 #include "dns/address_resolver.h"
 #include "smtp_in/connexion.h"
@@ -68,6 +70,9 @@ public:
 
     // How long each connection may wait (tests shorten them).
     OutboundTimeouts timeouts;
+    // Connections open at once to one exchanger (MX domain, or the fixed server); the messages
+    // beyond wait for one of them, which takes them one after another.
+    int connectionsPerExchanger = 1;
     // Finds the addresses of every session's host, through the configured DNS server.
     AddressResolver& addressResolver() { return addresses_; }
 
@@ -88,12 +93,29 @@ private:
     void noRoute(uint8_t i, const QString& file, const QByteArray& domain);
     // Starts a session with the slot's current host.
     void startSession(uint8_t i, bool clearOnly);
+
+    // ---- one connection, several messages ----
+    // The key of the exchanger a domain's mail goes to: the domain, or the fixed server for all.
+    QByteArray exchangerFor(const QByteArray& domain) const;
+    // The exchangers whose connections are all taken.
+    QSet<QByteArray> busyExchangers() const;
+    // Whether the file waits for a connection that is busy.
+    bool waitsForConnection(const QByteArray& name, const QSet<QByteArray>& busy) const;
+    // The next OutBox message, claimed by no slot, for the exchanger that slot i's connection
+    // serves: first those waiting for it, then a short look into the queue.
+    std::optional<QByteArray> nextForConnection(uint8_t i);
+    // After a message's disposition: the slot's held connection takes the next message for its
+    // exchanger (true), or it is let go.
+    bool takeNextOnConnection(uint8_t i);
+    // A reused connection failed before the message's transaction: a new one, as a dispatch
+    // would open it, with the attempt already counted.
+    void restartOnNewConnection(uint8_t i);
+    // Reads the record without its text; nothing when it cannot be read and went to Error.
+    std::optional<QByteArray> loadHeadOrSetAside(CMessage& message, const QString& file);
+    void setAside(const QString& file, const Fault& fault);
     // Where the disposition table sends the slot once its session has ended.
     void sessionEnded(uint8_t i, quint64 generation, const DeliveryOutcome& outcome);
     void dispose(uint8_t i, const DeliveryOutcome& outcome);
-    // Loads the OutBox file into `message` and gives its first recipient's domain; nothing when
-    // the file could not be read, or names no recipient with a domain, and went to Error.
-    std::optional<QByteArray> loadOrSetAside(CMessage& message, const QString& file);
     // Arms tmrDeferredDue for the earliest deferred file, unless it is due already (one that could
     // not go back waits for the next scan instead of being tried again at once).
     void wakeForEarliestDeferred();
@@ -110,6 +132,8 @@ private:
         QDateTime arrival;       // when the message was queued
         quint64 generation = 0;  // tells a late outcome from the slot's current one
         bool triedInClear = false;
+        QByteArray exchanger;            // whom the slot's connection serves
+        QPointer<OutboundSession> session;
     };
 
     Logs& logs_;
@@ -117,6 +141,7 @@ private:
     ConnectionTables& tables_;
     Queue& queue_;
     int queueObserver_ = 0;
+    ExchangerBacklog backlog_;
     Disposition disposition_;
     AddressResolver addresses_;
     std::array<SlotDelivery, ConnectionTables::kUpperBound + 1> slots_;

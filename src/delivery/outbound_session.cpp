@@ -1,5 +1,6 @@
 #include "delivery/outbound_session.h"
 
+#include <QFile>
 #include <QHostAddress>
 #include <QSslCipher>
 #include <QSslConfiguration>
@@ -15,11 +16,17 @@
 #include "log/html.h"
 #include "log/logs.h"
 #include "smtp_in/connexion.h"
+#include "store/queue_text_reader.h"
 
 namespace postiq {
 
 namespace {
 QByteArray number(int n) { return QByteArray::number(n); }
+
+// The text goes out a chunk at a time, and only while the socket holds less than the high
+// water mark: a message of any size costs a few hundred KB.
+constexpr qint64 kTextChunk = 64 * 1024;
+constexpr qint64 kSocketHighWater = 256 * 1024;
 
 bool hasEightBitBytes(const QByteArray& text)
 {
@@ -58,6 +65,8 @@ const OutboundSession::Row OutboundSession::kRows[] = {
     {AuthUserSent,    Permanent,     &OutboundSession::authenticationFailed},
     {AuthSent,        Transient,     &OutboundSession::authenticationFailed},
     {AuthSent,        Permanent,     &OutboundSession::authenticationFailed},
+    {ResetSent,       Positive,      &OutboundSession::afterReset},
+    {ResetSent,       kAnyClass,     &OutboundSession::resetRefused},
     {MailSent,        Positive,      &OutboundSession::sendRecipients},
     {MailSent,        Transient,     &OutboundSession::temporaryFailure},
     {MailSent,        Permanent,     &OutboundSession::permanentFailure},
@@ -67,6 +76,9 @@ const OutboundSession::Row OutboundSession::kRows[] = {
     {DataSent,        Intermediate,  &OutboundSession::sendText},
     {DataSent,        Transient,     &OutboundSession::temporaryFailure},
     {DataSent,        Permanent,     &OutboundSession::permanentFailure},
+    {DataUnwanted,    Intermediate,  &OutboundSession::unwantedGoAhead},
+    {DataUnwanted,    Transient,     &OutboundSession::noRecipientAccepted},
+    {DataUnwanted,    Permanent,     &OutboundSession::noRecipientAccepted},
     {Writing,         Positive,      &OutboundSession::accepted},
     {Writing,         Transient,     &OutboundSession::temporaryFailure},
     {Writing,         Permanent,     &OutboundSession::permanentFailure},
@@ -76,11 +88,12 @@ const OutboundSession::Row OutboundSession::kRows[] = {
     {kAnyState,       kAnyClass,     &OutboundSession::nonsense},
 };
 
-OutboundSession::OutboundSession(Logs& logs, const Settings& settings, AddressResolver& addresses, uint8_t slot,
-                                 CConnexion& cnx, QSslSocket& socket, SessionTarget target,
-                                 OutboundTimeouts timeouts, std::function<void()> milestone, Done done)
-    : QObject(&socket), logs_(logs), settings_(settings), addresses_(addresses), slot_(slot), cnx_(cnx),
-      socket_(socket),
+OutboundSession::OutboundSession(Logs& logs, const Settings& settings, AddressResolver& addresses,
+                                 const Queue& queue, uint8_t slot, CConnexion& cnx, QSslSocket& socket,
+                                 SessionTarget target, OutboundTimeouts timeouts, std::function<void()> milestone,
+                                 Done done)
+    : QObject(&socket), logs_(logs), settings_(settings), addresses_(addresses), queue_(queue), slot_(slot),
+      cnx_(cnx), socket_(socket),
       target_(std::move(target)), timeouts_(timeouts), milestone_(std::move(milestone)), done_(std::move(done))
 {
     watchdog_.setSingleShot(true);
@@ -92,6 +105,8 @@ OutboundSession::OutboundSession(Logs& logs, const Settings& settings, AddressRe
     // Queued: a socket may report a failure from inside a call made by another handler.
     connect(&socket_, &QSslSocket::errorOccurred, this, &OutboundSession::socketError, Qt::QueuedConnection);
 }
+
+OutboundSession::~OutboundSession() = default;
 
 QByteArray OutboundSession::GreetingName(const QString& localHostName, const QHostAddress& local)
 {
@@ -184,6 +199,7 @@ void OutboundSession::connected()
         if (finished_)
             return;
         armWatchdog(timeouts_.silence);
+        connectedFor_.start();
         logs_.MailLog(GMTDate(logs_.clock()) + head() + " connect to " + target_.shownHost + " [" + ip_ + "]");
     });
 }
@@ -206,6 +222,7 @@ void OutboundSession::dataArrived()
             const std::optional<ServerReply> reply = reader_.next();
             if (!reply)
                 break;
+            --owed_; // below zero: the server spoke unasked, and the connection is not reused
             handle(*reply);
         }
     });
@@ -228,7 +245,11 @@ void OutboundSession::bytesWritten()
     if (finished_)
         return;
     armWatchdog(timeouts_.silence); // a long message is still moving
-    if (cnx_.Status() == Writing && socket_.bytesToWrite() == 0)
+    if (cnx_.Status() != Writing)
+        return;
+    if (!textEnded_)
+        pumpText();
+    else if (socket_.bytesToWrite() == 0)
         setState(Written);
 }
 
@@ -346,15 +367,70 @@ void OutboundSession::authenticationFailed(const ServerReply& reply)
     fail(ErrAuthFailed, reply.lines.value(0));
 }
 
+// With PIPELINING, MAIL, every RCPT and DATA go in one write; their replies come back in the same
+// order and are taken one by one by the same rows as without it.
 void OutboundSession::sendMailFrom(const ServerReply&)
 {
+    if (!openText())
+        return;
     QByteArray command = "MAIL FROM:" + PathText(message().From == "<>" ? QByteArray() : message().From);
     if (extended_ && offered_.size)
-        command += " SIZE=" + number(int(qMin<qsizetype>(message().Data.size(), std::numeric_limits<int>::max())));
-    if (extended_ && offered_.eightBitMime && hasEightBitBytes(message().Data))
+        command += " SIZE=" + number(int(qMin<qint64>(text_->size(), std::numeric_limits<int>::max())));
+    if (extended_ && offered_.eightBitMime && textHasEightBitBytes_)
         command += " BODY=8BITMIME";
-    sendCommand(command);
+    pipelined_ = extended_ && offered_.pipelining;
+    if (pipelined_) {
+        QList<QByteArray> commands{command};
+        for (int i = 1; i <= message().MRcptToCount(); ++i)
+            commands << "RCPT TO:" + PathText(message().RcptTo(i));
+        commands << "DATA";
+        sendCommands(commands);
+    } else {
+        sendCommand(command);
+    }
     setState(MailSent);
+}
+
+// The text is opened for each transaction; with 8BITMIME offered it is read through once to see
+// whether it needs BODY=8BITMIME, a chunk at a time.
+bool OutboundSession::openText()
+{
+    textEnded_ = false;
+    transmitter_ = TextTransmitter();
+    textHasEightBitBytes_ = false;
+    try {
+        CMessage head(logs_);
+        text_ = std::make_unique<QueueTextReader>(queue_, QueueFolder::OutBox,
+                                                  QFile::encodeName(cnx_.CurrentOutFile), head);
+        if (extended_ && offered_.eightBitMime) {
+            while (!textHasEightBitBytes_ && !text_->atEnd())
+                textHasEightBitBytes_ = hasEightBitBytes(text_->read(kTextChunk));
+            text_->rewind();
+        }
+    } catch (const Fault& fault) {
+        unreadable(fault.number(), fault.description());
+        return false;
+    }
+    return true;
+}
+
+void OutboundSession::afterReset(const ServerReply& reply)
+{
+    if (reply.code != 250) {
+        resetRefused(reply);
+        return;
+    }
+    sendMailFrom(reply);
+}
+
+// The connection is no good for another message; this one has not been tried on it.
+void OutboundSession::resetRefused(const ServerReply& reply)
+{
+    DeliveryOutcome outcome;
+    outcome.kind = DeliveryOutcome::NotAttempted;
+    outcome.reply = reply;
+    outcome.description = reply.text().left(512);
+    finish(outcome, reply.wellFormed());
 }
 
 void OutboundSession::sendRecipients(const ServerReply&) { sendNextRcpt(); }
@@ -369,28 +445,58 @@ void OutboundSession::recipientAccepted(const ServerReply& reply) { recordRecipi
 void OutboundSession::recipientDeferred(const ServerReply& reply) { recordRecipient(RecipientResult::Deferred, reply); }
 void OutboundSession::recipientRefused(const ServerReply& reply) { recordRecipient(RecipientResult::Refused, reply); }
 
-// One RCPT after another; DATA once every recipient has had its reply and one was accepted.
+// One RCPT after another (already on their way when pipelined); DATA once every recipient has had
+// its reply and one was accepted.
 void OutboundSession::sendNextRcpt()
 {
     const int next = int(recipients_.size()) + 1;
     if (next <= message().MRcptToCount()) {
-        sendCommand("RCPT TO:" + PathText(message().RcptTo(next)));
+        if (!pipelined_)
+            sendCommand("RCPT TO:" + PathText(message().RcptTo(next)));
         setState(LastRcptSent);
         return;
     }
+    afterLastRecipient();
+}
+
+void OutboundSession::afterLastRecipient()
+{
     for (const RecipientResult& result : recipients_) {
         if (result.verdict == RecipientResult::Accepted) {
-            sendCommand("DATA");
+            if (!pipelined_)
+                sendCommand("DATA");
             setState(DataSent);
             if (milestone_)
                 milestone_();
             return;
         }
     }
+    if (pipelined_) {
+        setState(DataUnwanted); // the server owes DATA its refusal
+        return;
+    }
+    noRecipientAccepted({});
+}
+
+// Every recipient refused or deferred: the transaction is over, each with its own fate.
+void OutboundSession::noRecipientAccepted(const ServerReply&)
+{
     DeliveryOutcome outcome;
     outcome.kind = DeliveryOutcome::Transaction;
     outcome.recipients = recipients_;
-    finish(outcome, true);
+    endTransaction(outcome);
+}
+
+// A server must refuse a pipelined DATA when it accepted no recipient. One that says 354 anyway
+// now reads whatever comes as text, for nobody: the connection is dropped rather than ended with
+// a dot, so that nothing can be taken as a message, nor any later command as text. The
+// recipients keep the fates their RCPT replies gave them.
+void OutboundSession::unwantedGoAhead(const ServerReply&)
+{
+    DeliveryOutcome outcome;
+    outcome.kind = DeliveryOutcome::Transaction;
+    outcome.recipients = recipients_;
+    finish(outcome, Ending::Drop);
 }
 
 void OutboundSession::sendText(const ServerReply& reply)
@@ -402,9 +508,43 @@ void OutboundSession::sendText(const ServerReply& reply)
     setState(Writing);
     logs_.DbgAdd("<FONT COLOR='#0000FF'>Send to SMTPDISTANT[" + number(slot_) + "]: " + message().ID
                  + " **** DATA ****</FONT><BR>");
-    socket_.write(TransmissionText(message().Data));
-    if (milestone_)
+    pumpText();
+    if (milestone_ && !finished_)
         milestone_();
+}
+
+void OutboundSession::pumpText()
+{
+    try {
+        while (!textEnded_ && socket_.bytesToWrite() + socket_.encryptedBytesToWrite() < kSocketHighWater) {
+            const QByteArray chunk = text_->read(kTextChunk);
+            if (chunk.isEmpty()) {
+                socket_.write(transmitter_.finish());
+                textEnded_ = true;
+                ++owed_;
+                text_.reset();
+            } else {
+                socket_.write(transmitter_.encode(chunk));
+            }
+        }
+    } catch (const Fault& fault) {
+        unreadable(fault.number(), fault.description());
+    }
+}
+
+// A file cut short or spoilt under the delivery: once part of the text is out, the connection is
+// cut, so that the server never sees its end and keeps nothing.
+void OutboundSession::unreadable(int errorNumber, const QString& description)
+{
+    DeliveryOutcome outcome;
+    outcome.kind = DeliveryOutcome::Unreadable;
+    outcome.errorNumber = errorNumber;
+    outcome.description = description.toUtf8();
+    text_.reset();
+    if (cnx_.Status() == Writing)
+        finish(outcome, Ending::Drop);
+    else
+        finish(outcome, Ending::Quit);
 }
 
 // The final reply stands for every recipient that its RCPT had accepted.
@@ -418,7 +558,7 @@ void OutboundSession::accepted(const ServerReply& reply)
             result.reply = reply;
     }
     outcome.reply = reply;
-    finish(outcome, true);
+    endTransaction(outcome);
 }
 
 void OutboundSession::temporaryFailure(const ServerReply& reply)
@@ -434,7 +574,7 @@ void OutboundSession::permanentFailure(const ServerReply& reply)
     DeliveryOutcome outcome;
     outcome.kind = DeliveryOutcome::HostPermanent;
     outcome.reply = reply;
-    finish(outcome, true);
+    endTransaction(outcome);
 }
 
 // A reply that has no place in the dialogue: the server cannot be trusted with the message now.
@@ -456,12 +596,19 @@ void OutboundSession::sendEhloCommand(const char* verb)
     sendCommand(verb + (' ' + GreetingName(settings_.LocalHostName, socket_.localAddress())));
 }
 
-void OutboundSession::sendCommand(const QByteArray& command)
+void OutboundSession::sendCommand(const QByteArray& command) { sendCommands({command}); }
+
+void OutboundSession::sendCommands(const QList<QByteArray>& commands)
 {
-    const QByteArray line = command + "\r\n";
-    logs_.DbgAdd("<FONT COLOR='#0000FF'>Send to SMTPDISTANT[" + number(slot_) + "]: " + message().ID + " " + line
-                 + "</FONT><BR>");
-    socket_.write(line);
+    QByteArray lines;
+    for (const QByteArray& command : commands) {
+        const QByteArray line = command + "\r\n";
+        logs_.DbgAdd("<FONT COLOR='#0000FF'>Send to SMTPDISTANT[" + number(slot_) + "]: " + message().ID + " "
+                     + line + "</FONT><BR>");
+        lines += line;
+        ++owed_;
+    }
+    socket_.write(lines);
 }
 
 void OutboundSession::fail(int errorNumber, const QByteArray& description)
@@ -469,22 +616,68 @@ void OutboundSession::fail(int errorNumber, const QByteArray& description)
     logs_.DbgAdd("<FONT COLOR='#0000FF'>Error for SMTPDISTANT[" + number(slot_) + "]: " + message().ID + " "
                  + number(errorNumber) + ": " + description + "</FONT><BR>");
     DeliveryOutcome outcome;
-    outcome.kind = DeliveryOutcome::HostTemporary;
+    // Between two messages a failure is the reused connection's, not the message's.
+    outcome.kind = cnx_.Status() == ResetSent ? DeliveryOutcome::NotAttempted : DeliveryOutcome::HostTemporary;
     outcome.errorNumber = errorNumber;
     outcome.description = description;
     outcome.tlsFailed = errorNumber == ErrTlsFailed && target_.exchanger;
     finish(outcome, false);
 }
 
-void OutboundSession::finish(DeliveryOutcome outcome, bool sayQuit)
+// Held only when the server owes nothing, has said nothing unasked and has the whole text: then
+// the next message's RSET cannot be mistaken for anything of this one.
+void OutboundSession::endTransaction(DeliveryOutcome outcome)
 {
-    if (finished_)
+    const int32_t state = cnx_.Status();
+    const bool inTransaction = state == MailSent || state == LastRcptSent || state == DataSent
+        || state == DataUnwanted || state == Writing || state == Written;
+    const bool clean = inTransaction && owed_ == 0 && !reader_.hasPartialReply()
+        && (state != Writing || textEnded_) && socket_.state() == QAbstractSocket::ConnectedState;
+    finish(std::move(outcome), clean ? Ending::Hold : Ending::Quit);
+}
+
+bool OutboundSession::canTakeAnother() const
+{
+    // A connection that fell back to plain text after a failed handshake serves its own message
+    // only: the next one tries TLS afresh.
+    return held_ && !target_.clearOnly && socket_.state() == QAbstractSocket::ConnectedState
+        && transactions_ < kMaxMessagesPerConnection && connectedFor_.isValid()
+        && connectedFor_.elapsed() < std::chrono::milliseconds(kMaxConnectionAge).count();
+}
+
+void OutboundSession::takeNext(Done done)
+{
+    done_ = std::move(done);
+    const bool usable = canTakeAnother() && !reader_.hasPartialReply() && socket_.bytesAvailable() == 0;
+    held_ = false;
+    finished_ = false;
+    ++transactions_;
+    recipients_.clear();
+    cnx_.CurrentRcptTo = 0;
+    pipelined_ = false;
+    owed_ = 0;
+    setState(ResetSent);
+    if (!usable) {
+        fail(ErrConnectionReset, "connection closed between messages");
         return;
-    finished_ = true;
-    password_.clear();
-    watchdog_.stop();
-    outcome.host = target_.shownHost;
-    outcome.ip = ip_;
+    }
+    logs_.MailLog(GMTDate(logs_.clock()) + head() + " reusing connection to " + target_.shownHost + " [" + ip_
+                  + "]");
+    armWatchdog(timeouts_.silence);
+    sendCommand("RSET");
+}
+
+void OutboundSession::quit()
+{
+    if (!held_)
+        return;
+    held_ = false;
+    close(true);
+    deleteLater();
+}
+
+void OutboundSession::close(bool sayQuit)
+{
     disconnect(&socket_, nullptr, this, nullptr);
     if (sayQuit && socket_.state() == QAbstractSocket::ConnectedState) {
         setState(Finished);
@@ -494,13 +687,40 @@ void OutboundSession::finish(DeliveryOutcome outcome, bool sayQuit)
     } else {
         socket_.abort();
     }
+}
+
+void OutboundSession::finish(DeliveryOutcome outcome, Ending ending)
+{
+    if (finished_)
+        return;
+    finished_ = true;
+    password_.clear();
+    watchdog_.stop();
+    text_.reset();
+    outcome.host = target_.shownHost;
+    outcome.ip = ip_;
+    if (outcome.kind == DeliveryOutcome::NotAttempted) {
+        logs_.MailLog(GMTDate(logs_.clock()) + head() + " reused connection to " + target_.shownHost + " [" + ip_
+                      + "] ended (" + outcome.description + "), status=trying a new connection");
+    }
+    if (ending == Ending::Hold) {
+        // The socket stays heard while held: what it does meanwhile shows in takeNext.
+        held_ = true;
+        setState(Held);
+    } else {
+        close(ending == Ending::Quit);
+    }
     // The dispatcher decides after the events already pending, never inside a socket's signal.
-    // The session goes afterwards; the slot may already have handed its socket to the next one.
+    // A session that ends goes afterwards; the slot may already have handed its socket to the
+    // next one. A held one may be given its next message from inside `done`.
+    const bool held = ending == Ending::Hold;
     QMetaObject::invokeMethod(
         this,
-        [this, outcome] {
-            deleteLater();
-            done_(outcome);
+        [this, outcome, held] {
+            if (!held)
+                deleteLater();
+            const Done done = done_;
+            done(outcome);
         },
         Qt::QueuedConnection);
 }

@@ -2,26 +2,55 @@
 
 namespace postiq {
 
-QByteArray TransmissionText(const QByteArray& data)
+QByteArray TextTransmitter::encode(const QByteArray& chunk)
 {
     QByteArray out;
-    out.reserve(data.size() + data.size() / 64 + 5);
-    const char* p = data.constData();
-    const char* const end = p + data.size();
+    out.reserve(chunk.size() + chunk.size() / 32 + 4);
+    const char* p = chunk.constData();
+    const char* const end = p + chunk.size();
+    if (afterCr_ && p < end) {
+        afterCr_ = false;
+        if (*p == '\n')
+            ++p; // the LF of a CR LF split between two chunks
+    }
     while (p < end) {
-        // One line: its text up to the next CR or LF, copied whole.
+        if (atLineStart_ && *p == '.')
+            out += '.'; // the receiver takes the first of a line's leading dots away
+        // The line's text up to the next CR or LF (or the chunk's end), copied whole.
         const char* lineEnd = p;
         while (lineEnd < end && *lineEnd != '\r' && *lineEnd != '\n')
             ++lineEnd;
-        if (*p == '.')
-            out += '.'; // the receiver takes the first of a line's leading dots away
         out.append(p, lineEnd - p);
-        out += "\r\n"; // a proper CR LF, a bare CR or a bare LF alike, and one for a last line without
-        if (lineEnd == end)
+        if (lineEnd == end) {
+            atLineStart_ = atLineStart_ && lineEnd == p;
             break;
-        p = lineEnd + ((*lineEnd == '\r' && lineEnd + 1 < end && lineEnd[1] == '\n') ? 2 : 1);
+        }
+        out += "\r\n"; // a proper CR LF, a bare CR or a bare LF alike
+        atLineStart_ = true;
+        p = lineEnd + 1;
+        if (*lineEnd == '\r') {
+            if (p == end)
+                afterCr_ = true;
+            else if (*p == '\n')
+                ++p;
+        }
     }
-    return out + ".\r\n";
+    return out;
+}
+
+QByteArray TextTransmitter::finish()
+{
+    const QByteArray end = atLineStart_ ? QByteArray(".\r\n") : QByteArray("\r\n.\r\n");
+    atLineStart_ = true;
+    afterCr_ = false;
+    return end;
+}
+
+QByteArray TransmissionText(const QByteArray& data)
+{
+    TextTransmitter transmitter;
+    QByteArray out = transmitter.encode(data);
+    return out + transmitter.finish(); // in this order: the end depends on the text
 }
 
 } // namespace postiq

@@ -13,6 +13,8 @@ struct FakeExchanger::Connection {
     QByteArray partial; // received, not yet a whole line
     bool inData = false;
     int recipients = 0;
+    int resets = 0;
+    QByteArray body; // the transaction's data so far
     bool mute = false;      // silent or closed: nothing more is said
     std::deque<Step> steps; // a delayed step holds back the ones behind it
     bool waiting = false;   // the first step's delay is running
@@ -63,7 +65,10 @@ void FakeExchanger::receive(Connection& connection)
 {
     if (!connection.socket || !connection.socket->isReadable()) // closed by this side
         return;
-    connection.partial += connection.socket->readAll();
+    const QByteArray bytes = connection.socket->readAll();
+    if (!bytes.isEmpty())
+        connection.record.reads.append(bytes);
+    connection.partial += bytes;
     qsizetype end;
     while ((end = connection.partial.indexOf('\n')) >= 0) {
         const QByteArray line = connection.partial.left(end + 1);
@@ -84,9 +89,13 @@ void FakeExchanger::handleLine(Connection& connection, const QByteArray& line)
         if (text == ".") {
             connection.inData = false;
             record.dataEnded = true;
+            record.bodies.append(connection.body);
+            connection.body.clear();
             perform(connection, connection.script.endOfData);
         } else {
-            record.body += line.startsWith('.') ? line.mid(1) : line;
+            const QByteArray unstuffed = line.startsWith('.') ? line.mid(1) : line;
+            record.body += unstuffed;
+            connection.body += unstuffed;
         }
         return;
     }
@@ -107,6 +116,8 @@ void FakeExchanger::handleLine(Connection& connection, const QByteArray& line)
         connection.inData = !connection.mute && step.action != Step::CloseInstead && step.action != Step::Silent
             && step.text.startsWith('3');
         perform(connection, step);
+    } else if (verb == "RSET") {
+        perform(connection, script.forRset(connection.resets++));
     } else if (verb == "QUIT") {
         perform(connection, script.quit);
     } else {

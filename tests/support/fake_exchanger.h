@@ -37,14 +37,17 @@ struct ExchangerScript {
     Step greeting = reply("220 mx.fake.example ESMTP ready");
     Step helo = reply("250 mx.fake.example");
     Step mail = reply("250 2.1.0 Sender OK");
-    QList<Step> rcpt;                              // by recipient index, from 0
+    QList<Step> rcpt;                              // by recipient index over the connection, from 0
     Step otherRcpt = reply("250 2.1.5 Recipient OK"); // for the indexes beyond `rcpt`
     Step data = reply("354 Start mail input; end with <CRLF>.<CRLF>");
     Step endOfData = reply("250 2.0.0 Queued as FAKE");
     Step quit = reply("221 2.0.0 Bye");
+    QList<Step> rset;                              // by RSET index over the connection, from 0
+    Step otherRset = reply("250 2.0.0 Reset");
     Step unknown = reply("500 5.5.2 Command not recognized");
 
     const Step& forRcpt(int index) const { return index < rcpt.size() ? rcpt[index] : otherRcpt; }
+    const Step& forRset(int index) const { return index < rset.size() ? rset[index] : otherRset; }
 };
 
 // What one session brought, in the order it came.
@@ -52,6 +55,8 @@ struct ExchangerSession {
     QList<QByteArray> lines;    // every line received, commands and data alike, with its own line end
     QList<QByteArray> commands; // the lines outside the data, without their line ends
     QByteArray body;            // the data as received up to the lone dot, with the leading dots removed
+    QList<QByteArray> bodies;   // the same, one per transaction that reached its lone dot
+    QList<QByteArray> reads;    // the bytes of each read, as they came
     bool dataEnded = false;     // the lone dot came
     bool closed = false;        // the connection is over, whoever ended it
     QByteArray unfinished;      // bytes after the last line end, when the connection ended
