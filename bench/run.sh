@@ -53,7 +53,7 @@ cleanup() {
 trap cleanup EXIT
 
 command -v smtp-source >/dev/null && command -v smtp-sink >/dev/null && command -v postfix >/dev/null \
-  || { echo "bench/run.sh: needs Postfix and its smtp-source and smtp-sink (scripts/setup.sh installs them)" >&2; exit 1; }
+  || { echo "bench/run.sh: needs Postfix and its smtp-source and smtp-sink (./scripts/test.sh installs them)" >&2; exit 1; }
 postiq=${POSTIQ_BIN:-}
 if [ -z "$postiq" ]; then
   cmake -S "$root" -B "$root/build-bench" -DCMAKE_BUILD_TYPE=Release -DPOSTIQ_TESTS=OFF >/dev/null
