@@ -48,6 +48,8 @@ profile() { # name command...
   wait "$perf_pid" || true
   echo "== $name: top symbols (self)"
   perf report -i "$work/$name.data" --no-children --sort dso,sym -g none -q 2>/dev/null | head -25 || true
+  echo "== $name: the relay's own functions, with all they call"
+  perf report -i "$work/$name.data" --children --sort sym -g none -q 2>/dev/null | grep -F 'postiq::' | head -15 || true
   echo "== $name: by library"
   perf report -i "$work/$name.data" --no-children --sort dso -g none -q 2>/dev/null | head -12 || true
 }

@@ -269,7 +269,7 @@ at_least() { awk -v v="$1" -v t="$2" 'BEGIN { exit !(v != "" && v + 0 >= t) }' &
 mb() { [ -n "$1" ] && awk -v k="$1" 'BEGIN { printf "%.1f MB", k / 1024 }' || echo "-"; }
 accept_ratio=$(awk -v a="$p_accept" -v b="$f_accept" 'BEGIN { print (b > 0 ? a / b : 0) }')
 deliver_ratio=$(awk -v a="$p_deliver" -v b="$f_deliver" 'BEGIN { print (b > 0 ? a / b : 0) }')
-latency_ok=$(($(at_most "$p_p50" 50) && $(at_most "$p_p99" 200) && p_lost == 0))
+latency_ok=$(($(at_most "$p_p50" 50) && $(at_most "$p_p99" 200) && ${p_lost:-1} == 0))
 big_ok=$(awk -v r="$big_receive" -v k="$big_kept" -v n="$n_big" 'BEGIN { print (k == n && r <= 81920) }')
 machine="$(nproc) cores, $(awk -F': ' '/model name/ { print $2; exit }' /proc/cpuinfo), $(awk '/MemTotal/ { printf "%.0f GB", $2 / 1048576 }' /proc/meminfo), $(. /etc/os-release; echo "$PRETTY_NAME"), $(df -T "$work" | awk 'NR == 2 { print $2 }') on $(df "$work" | awk 'NR == 2 { print $1 }')"
 mode=$([ "$quick" -eq 1 ] && echo "QUICK run (small counts; not a measurement)" || echo "Full run")
@@ -282,7 +282,7 @@ Postiq $("$postiq" --version 2>/dev/null | awk '{ print $2 }') ($(git -C "$root"
 | accept-to-delivered latency, $n_latency messages one at a time, local sink | p50 $p_p50 ms, p99 $p_p99 ms$([ "$p_lost" != 0 ] && echo ", $p_lost not arrived") | p50 $f_p50 ms, p99 $f_p99 ms | | p50 ≤ 50 ms, p99 ≤ 200 ms | $(verdict "$latency_ok") |
 | accept, 20 sessions, $n_accept messages (msg/s) | $p_accept | $f_accept | $(ratio "$p_accept" "$f_accept") | ≥ 3× Postfix | $(verdict "$(at_least "$accept_ratio" 3)") |
 | delivery of $n_deliver queued messages to smtp-sink (msg/s) | $p_deliver | $f_deliver | $(ratio "$p_deliver" "$f_deliver") | ≥ 2× Postfix | $(verdict "$(at_least "$deliver_ratio" 2)") |
-| dispatch of a new message with $n_deferred files already deferred (accept to sink, p50 of 5) | $d_p50 ms (max $d_max ms) | | | ≤ 100 ms | $(verdict "$(($(at_most "$d_p50" 100) && d_lost == 0))") |
+| dispatch of a new message with $n_deferred files already deferred (accept to sink, p50 of 5) | $d_p50 ms (max $d_max ms) | | | ≤ 100 ms | $(verdict "$(($(at_most "$d_p50" 100) && ${d_lost:-1} == 0))") |
 | idle resident memory, headless (VmRSS) | $(mb "$rss_idle") | | | ≤ 12 MB | $(verdict "$(at_most "$rss_idle" 12288)") |
 | peak over idle while $n_big clients send $big_mb MB each at once (VmHWM − idle VmRSS) | +$(mb "$big_receive"), $big_kept of $n_big kept | | | ≤ +80 MB | $(verdict "$big_ok") |
 | peak over idle while those $n_big are delivered at once to smtp-sink | +$(mb "$big_deliver") | | | ≤ +80 MB | $(verdict "$(at_most "$big_deliver" 81920)") |
