@@ -134,8 +134,11 @@ int runPostiq(int argc, char** argv)
             std::fprintf(stderr, "postiq: %s; running headless\n", qPrintable(pluginError));
     }
     std::unique_ptr<QCoreApplication> app;
-    if (!face)
+    if (!face) {
+        // Qt's own event loop: the GLib one serves only a desktop, and would fault in its code.
+        qputenv("QT_NO_GLIB", "1");
         app = std::make_unique<QCoreApplication>(argc, argv);
+    }
 
     const QString folder = line.folder.isEmpty() ? defaultProgramFolder() : line.folder;
     QString folderError;

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "dns/dns_server_address.h"
+#include "dns/ldns_on_demand.h"
 
 namespace postiq {
 
@@ -99,7 +100,7 @@ DnsReply AskDnsServer(const QByteArray& name, ldns_rr_type type, const QString& 
     const auto timedOut = [] { return DnsReply{DnsReply::Kind::TimedOut, nullptr}; };
     const auto noData = [] { return DnsReply{DnsReply::Kind::NoData, nullptr}; };
     const auto server = ParseDnsServer(dnsServer);
-    if (!server)
+    if (!server || !LdnsLoaded()) // without its library no server can be asked: as if none answered
         return timedOut();
     const std::vector<Rdf> addresses = serverAddresses(server->host);
     if (addresses.empty())
