@@ -37,7 +37,7 @@ struct DeliveryBench {
     ConnectionTables tables{logs, settings, cache};
     Queue queueFolders{dir.path()};
     Dispatcher dispatcher{logs, settings, tables, queueFolders};
-    SmtpService service{settings, logs, cache, tables};
+    SmtpService service{settings, logs, cache, tables, queueFolders};
     quint16 port = 0;
 
     DeliveryBench()
