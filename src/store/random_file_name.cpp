@@ -2,6 +2,7 @@
 #include <random>
 
 #include "log/logs.h"
+#include "platform/entropy.h"
 #include "store/fresh_queue_name.h"
 #include "store/message.h"
 
@@ -29,9 +30,8 @@ QByteArray DrawQueueName()
     // Seeded afresh on every call from a fine clock and the system's entropy, so that names
     // drawn in the same second (or by two running copies) still differ. A light generator:
     // two numbers are all it ever gives.
-    std::random_device entropy;
     const auto ticks = std::chrono::high_resolution_clock::now().time_since_epoch().count();
-    SplitMix64 generator{quint64(ticks) ^ (quint64(entropy()) << 32 | entropy())};
+    SplitMix64 generator{quint64(ticks) ^ EntropyWord()};
     std::uniform_int_distribution<quint32> half(0, 983038);
 
     return QByteArray::number(half(generator), 16).toUpper()
