@@ -85,7 +85,7 @@ void QueueWindow::buildLayout()
     // Fixed row heights: thousands of rows are laid out without measuring each.
     view_->verticalHeader()->setSectionResizeMode(QHeaderView::Fixed);
     view_->horizontalHeader()->setStretchLastSection(true);
-    const int widths[] = {70, 110, 140, 180, 200, 240, 70, 50, 240, 140};
+    const int widths[] = {70, 100, 135, 160, 170, 190, 80, 50, 220, 135};
     for (int i = 0; i < QueueModel::ColumnCount; ++i)
         view_->setColumnWidth(i, widths[i]);
     connect(view_, &QTableView::doubleClicked, this, [this] { showSelectedText(); });
@@ -119,7 +119,7 @@ void QueueWindow::buildLayout()
     layout->addWidget(view_, 1);
     layout->addLayout(buttons);
     layout->addWidget(status_);
-    resize(1000, 420);
+    resize(1200, 420);
 }
 
 QByteArrayList QueueWindow::selectedIds() const

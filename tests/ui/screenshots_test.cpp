@@ -3,11 +3,14 @@
 #include <QProcess>
 #include <QScreen>
 #include <QStackedWidget>
+#include <QTableView>
 #include <QStandardPaths>
 #include <QTreeWidget>
 #include <gtest/gtest.h>
 
+#include "store/message.h"
 #include "support/mail_client.h"
+#include "ui/queue_model.h"
 #include "ui/desktop_bench.h"
 
 using namespace postiq;
@@ -45,7 +48,7 @@ TEST(Screenshots, UnderXvfbWithATrayHost)
     if (out.contains("[  SKIPPED ]"))
         GTEST_SKIP() << "no X server came up";
 
-    for (const char* name : {"main_window.png", "tray_menu.png", "screen.png", "config_frmOnStart.png",
+    for (const char* name : {"main_window.png", "tray_menu.png", "screen.png", "queue_window.png", "config_frmOnStart.png",
                              "config_frmComputer.png", "config_frmParametres.png", "config_frmNetwork.png",
                              "config_frmRelay.png", "config_frmDebug.png", "config_frmLanguage.png"})
         EXPECT_TRUE(QFileInfo(folder + '/' + QLatin1String(name)).size() > 0) << name;
@@ -74,6 +77,36 @@ TEST(Screenshots, Inside)
     EXPECT_TRUE(menu.grab().save(folder + QStringLiteral("/tray_menu.png")));
     EXPECT_TRUE(QGuiApplication::primaryScreen()->grabWindow(0).save(folder + QStringLiteral("/screen.png")));
     menu.hide();
+
+    // The queue window with a message in each folder.
+    Queue& queue = bench.application->queue();
+    const auto enqueue = [&](const QByteArray& subject, const QByteArray& to) {
+        CMessage m(bench.application->logs());
+        m.From = "<alice@home.example>";
+        m.AddRcptTo(to);
+        m.Data = "Subject: " + subject + "\r\n\r\nHello\r\n";
+        return queue.enqueue(m).first();
+    };
+    const auto fail = [&](const QByteArray& id, QueueFolder to, const QByteArray& error) {
+        CMessage m(bench.application->logs());
+        queue.read(QueueFolder::OutBox, id, m);
+        m.Essai = 1;
+        m.LastError = error;
+        queue.move(QueueFolder::OutBox, to, id, &m);
+    };
+    bench.application->settings().ActiveSettings.KeepLocal = true; // nothing leaves while the picture is taken
+    enqueue("=?utf-8?Q?R=C3=A9union_de_lundi?=", "<bob@work.example>");
+    fail(enqueue("Photos", "<carol@far.example>"), QueueFolder::Deferred, "421 4.7.0 Try again later");
+    fail(enqueue("=?iso-8859-1?Q?Facture_d=E9cembre?=", "<nobody@gone.example>"), QueueFolder::Error,
+         "550 5.1.1 <nobody@gone.example>: Recipient address rejected");
+    bench.shell->showQueueWindow();
+    QueueWindow& queueWindow = *bench.shell->queueWindow();
+    spinUntil([&] { return queueWindow.model().pendingHeads() == 0; }, 3000);
+    queueWindow.resize(1320, 360);
+    queueWindow.view().selectRow(1);
+    spinUntil([] { return false; }, 300);
+    EXPECT_TRUE(queueWindow.grab().save(folder + QStringLiteral("/queue_window.png")));
+    queueWindow.close();
 
     bench.shell->openConfiguration();
     ConfigurationDialog& dialog = *bench.shell->configurationDialog();
