@@ -100,7 +100,9 @@ std::optional<int> showRunningQueue(int argc, char** argv, const CommandLine& li
     case ControlRequest::Outcome::Done:
         return ExitOk;
     case ControlRequest::Outcome::Failed:
-        std::fprintf(stderr, "postiq: %s\n", qPrintable(text.startsWith(QLatin1String("refused: ")) ? text.mid(9) : text));
+        if (text.startsWith(QLatin1String("refused: ")))
+            text = text.mid(9);
+        std::fprintf(stderr, "postiq: %s\n", qPrintable(text));
         return ExitProgramError;
     case ControlRequest::Outcome::NotRunning:
         break;

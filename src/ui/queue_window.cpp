@@ -28,7 +28,8 @@ QPushButton* button(QWidget* parent, const char* name, const QString& caption)
 }
 } // namespace
 
-QueueWindow::QueueWindow(Services services, QWidget* parent) : QWidget(parent, Qt::Window), services_(std::move(services))
+QueueWindow::QueueWindow(Services services, QWidget* parent)
+    : QWidget(parent, Qt::Window), services_(std::move(services))
 {
     setObjectName(QStringLiteral("frmQueue"));
     setWindowTitle(QStringLiteral("Postiq - File d'attente"));

@@ -33,21 +33,9 @@ struct QueueDesk : ::testing::Test {
     QByteArray enqueue(const QByteArray& subject, const QList<QByteArray>& recipients = {"<to@there.example>"},
                        const QByteArray& body = "hi\r\n")
     {
-        CMessage m(logs());
-        m.From = "<me@here.example>";
-        for (const QByteArray& r : recipients)
-            m.AddRcptTo(r);
-        m.Data = "From: me@here.example\r\nSubject: " + subject + "\r\n\r\n" + body;
-        return queue().enqueue(m).first();
+        return bench.enqueue(subject, recipients, body);
     }
-    void fail(const QByteArray& id, QueueFolder to, const QByteArray& error)
-    {
-        CMessage m(logs());
-        queue().read(QueueFolder::OutBox, id, m);
-        m.Essai = 1;
-        m.LastError = error;
-        queue().move(QueueFolder::OutBox, to, id, &m);
-    }
+    void fail(const QByteArray& id, QueueFolder to, const QByteArray& error) { bench.fail(id, to, error); }
     QueueWindow& openWindow()
     {
         bench.shell->showQueueWindow();
@@ -287,11 +275,7 @@ TEST(QueueDeskEnglish, CountsAndColumnsComeFromTheLanguageFile)
     DesktopBench bench("Language\ten\r\nKeepLocal\tOn\r\n");
     bench.writeLanguage("en", english.readAll());
     bench.start();
-    CMessage m(bench.application->logs());
-    m.From = "<me@here.example>";
-    m.AddRcptTo("<to@there.example>");
-    m.Data = "Subject: x\r\n\r\n";
-    bench.application->queue().enqueue(m);
+    bench.enqueue("x");
     EXPECT_TRUE(bench.shell->trayIcon().toolTip().endsWith("— 1 waiting, 0 in error"));
 
     bench.shell->menu().mnuqueue->trigger();
@@ -343,14 +327,11 @@ TEST(QueueDeskNoTray, FailuresAreToldInABoxThatWaitsForNobody)
 {
     DesktopBench bench("KeepLocal\tOn\r\n", false);
     bench.start();
-    CMessage m(bench.application->logs());
-    m.From = "<me@here.example>";
-    m.AddRcptTo("<to@there.example>");
-    m.Data = "Subject: x\r\n\r\n";
-    const QByteArray id = bench.application->queue().enqueue(m).first();
+    const QByteArray id = bench.enqueue("x");
     bench.application->queue().moveToError(QueueFolder::OutBox, id);
     ASSERT_TRUE(spinUntil([&] { return !bench.desktop.notices.isEmpty(); }, 4000));
-    EXPECT_EQ(bench.desktop.notices.first().text, "Le message " + QString::fromLatin1(id) + " a été placé dans Error");
+    EXPECT_EQ(bench.desktop.notices.first().text,
+              "Le message " + QString::fromLatin1(id) + " a été placé dans Error");
 }
 
 TEST(QueueDeskNoTray, ClosingTheOnlyWindowAsksWhetherToQuit)

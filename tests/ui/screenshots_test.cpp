@@ -8,7 +8,6 @@
 #include <QTreeWidget>
 #include <gtest/gtest.h>
 
-#include "store/message.h"
 #include "support/mail_client.h"
 #include "ui/queue_model.h"
 #include "ui/desktop_bench.h"
@@ -79,26 +78,11 @@ TEST(Screenshots, Inside)
     menu.hide();
 
     // The queue window with a message in each folder.
-    Queue& queue = bench.application->queue();
-    const auto enqueue = [&](const QByteArray& subject, const QByteArray& to) {
-        CMessage m(bench.application->logs());
-        m.From = "<alice@home.example>";
-        m.AddRcptTo(to);
-        m.Data = "Subject: " + subject + "\r\n\r\nHello\r\n";
-        return queue.enqueue(m).first();
-    };
-    const auto fail = [&](const QByteArray& id, QueueFolder to, const QByteArray& error) {
-        CMessage m(bench.application->logs());
-        queue.read(QueueFolder::OutBox, id, m);
-        m.Essai = 1;
-        m.LastError = error;
-        queue.move(QueueFolder::OutBox, to, id, &m);
-    };
     bench.application->settings().ActiveSettings.KeepLocal = true; // nothing leaves while the picture is taken
-    enqueue("=?utf-8?Q?R=C3=A9union_de_lundi?=", "<bob@work.example>");
-    fail(enqueue("Photos", "<carol@far.example>"), QueueFolder::Deferred, "421 4.7.0 Try again later");
-    fail(enqueue("=?iso-8859-1?Q?Facture_d=E9cembre?=", "<nobody@gone.example>"), QueueFolder::Error,
-         "550 5.1.1 <nobody@gone.example>: Recipient address rejected");
+    bench.enqueue("=?utf-8?Q?R=C3=A9union_de_lundi?=", {"<bob@work.example>"});
+    bench.fail(bench.enqueue("Photos", {"<carol@far.example>"}), QueueFolder::Deferred, "421 4.7.0 Try again later");
+    bench.fail(bench.enqueue("=?iso-8859-1?Q?Facture_d=E9cembre?=", {"<nobody@gone.example>"}), QueueFolder::Error,
+               "550 5.1.1 <nobody@gone.example>: Recipient address rejected");
     bench.shell->showQueueWindow();
     QueueWindow& queueWindow = *bench.shell->queueWindow();
     spinUntil([&] { return queueWindow.model().pendingHeads() == 0; }, 3000);

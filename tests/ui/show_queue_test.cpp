@@ -54,7 +54,7 @@ TEST(ShowQueueOption, ARunningRelayWithWindowsOpensItsOwnAndAHeadlessOneSaysWhyN
     // No relay and no desktop: refused with the way to list the queue instead.
     EXPECT_EQ(runToEnd(folder.path(), config.path(), {QStringLiteral("--show-queue")}, &error), 2);
     EXPECT_TRUE(error.contains("--queue")) << error.constData();
-    EXPECT_EQ(runToEnd(folder.path(), config.path(), {QStringLiteral("--show-queue"), QStringLiteral("--stop")}, &error),
-              2);
+    const QStringList both{QStringLiteral("--show-queue"), QStringLiteral("--stop")};
+    EXPECT_EQ(runToEnd(folder.path(), config.path(), both, &error), 2);
     EXPECT_TRUE(error.contains("cannot be used with another command")) << error.constData();
 }
