@@ -123,7 +123,7 @@ void DesktopShell::showTrayIcon()
 
 QString DesktopShell::mainText(const char* name, const QString& french) const
 {
-    return LanguageText(application_.language(), kMainSection, name, french);
+    return LanguageText(application_.language(), name, french);
 }
 
 void DesktopShell::refreshToolTip()
@@ -162,7 +162,7 @@ void DesktopShell::showQueueWindow()
                  LOADValues(logs, language, form, QString::fromLatin1(kQueueSection));
              },
              .text = [&language](const char* name, const QString& french) {
-                 return LanguageText(language, kQueueSection, name, french);
+                 return LanguageText(language, name, french);
              }});
         queueWindow_->setAttribute(Qt::WA_DeleteOnClose);
         queueWindow_->setServiceIcon(mainWindow_->windowIcon());

@@ -75,7 +75,7 @@ private:
     void closeEverything();
     void refreshToolTip();
     void tellFailures(const QString& text);
-    // A text of the main window's section that no control carries.
+    // A text the shell composes, in the chosen language.
     QString mainText(const char* name, const QString& french) const;
 
     Application& application_;

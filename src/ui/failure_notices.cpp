@@ -62,16 +62,16 @@ void FailureNotices::tell()
 {
     QStringList lines;
     if (errors_.size() == 1) {
-        const QString one = text_("oneError", QStringLiteral("Le message %1 a été placé dans Error"));
+        const QString one = text_("noticeOneError", QStringLiteral("Le message %1 a été placé dans Error"));
         lines << one.arg(QString::fromLatin1(errors_.first()));
     } else if (errors_.size() > 1) {
-        lines << text_("manyErrors", QStringLiteral("%1 messages ont été placés dans Error")).arg(errors_.size());
+        lines << text_("noticeManyErrors", QStringLiteral("%1 messages ont été placés dans Error")).arg(errors_.size());
     }
     if (bounced_.size() == 1) {
-        const QString one = text_("oneBounce", QStringLiteral("Un avis de non-remise a été envoyé à %1"));
+        const QString one = text_("noticeOneBounce", QStringLiteral("Un avis de non-remise a été envoyé à %1"));
         lines << one.arg(QString::fromUtf8(bounced_.first()));
     } else if (bounced_.size() > 1) {
-        lines << text_("manyBounces", QStringLiteral("%1 avis de non-remise ont été envoyés")).arg(bounced_.size());
+        lines << text_("noticeManyBounces", QStringLiteral("%1 avis de non-remise ont été envoyés")).arg(bounced_.size());
     }
     errors_.clear();
     bounced_.clear();

@@ -4,16 +4,14 @@
 
 namespace postiq {
 
-QString LanguageText(const LanguageTable& language, const char* section, const char* name, const QString& french)
+QString LanguageText(const LanguageTable& language, const char* name, const QString& french)
 {
     const QString key = QStringLiteral("TXT_") + QLatin1String(name);
-    // The last entry wins, as everywhere in a language file.
-    QString text = french;
     for (const LanguageTable::Row& row : language.rows()) {
-        if (row.section == QLatin1String(section) && row.key == key)
-            text = row.value;
+        if (row.section == QLatin1String("TEXTS") && row.key == key)
+            return row.value;
     }
-    return text;
+    return french;
 }
 
 } // namespace postiq

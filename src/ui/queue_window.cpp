@@ -35,12 +35,13 @@ QueueWindow::QueueWindow(Services services, QWidget* parent)
     setWindowTitle(QStringLiteral("Postiq - File d'attente"));
 
     QueueModelTexts texts;
-    const char* headerNames[] = {"colFolder", "colId",   "colArrival", "colSender",    "colRecipients",
-                                 "colSubject", "colSize", "colAttempts", "colLastError", "colNextTry"};
+    const char* headerNames[] = {"queueColFolder",  "queueColId",       "queueColArrival",   "queueColSender",
+                                 "queueColRecipients", "queueColSubject", "queueColSize",   "queueColAttempts",
+                                 "queueColLastError",  "queueColNextTry"};
     for (int i = 0; i < QueueModel::ColumnCount; ++i)
         texts.headers[i] = text(headerNames[i], texts.headers[i]);
-    texts.nextTryNow = text("nextTryNow", texts.nextTryNow);
-    texts.unreadable = text("unreadable", texts.unreadable);
+    texts.nextTryNow = text("queueNextTryNow", texts.nextTryNow);
+    texts.unreadable = text("queueUnreadable", texts.unreadable);
     model_ = new QueueModel(services_.queue, services_.logs, services_.attemptDelayMinutes, texts, this);
     proxy_ = new QSortFilterProxyModel(this);
     proxy_->setSourceModel(model_);
@@ -64,7 +65,7 @@ void QueueWindow::buildLayout()
     filter_ = new QLineEdit(this);
     filter_->setObjectName(QStringLiteral("txtFilter"));
     filter_->setClearButtonEnabled(true);
-    filter_->setPlaceholderText(text("filterHint", QStringLiteral("ID, adresse, objet, erreur ...")));
+    filter_->setPlaceholderText(text("queueFilterHint", QStringLiteral("ID, adresse, objet, erreur ...")));
     filterLabel->setBuddy(filter_);
     connect(filter_, &QLineEdit::textChanged, this, [this](const QString& typed) {
         proxy_->setFilterFixedString(typed);
@@ -153,7 +154,8 @@ void QueueWindow::updateButtons()
 
 void QueueWindow::updateCount()
 {
-    count_->setText(text("count", QStringLiteral("%1 / %2 messages")).arg(proxy_->rowCount()).arg(model_->rowCount()));
+    const QString format = text("queueCount", QStringLiteral("%1 / %2 messages"));
+    count_->setText(format.arg(proxy_->rowCount()).arg(model_->rowCount()));
 }
 
 void QueueWindow::carryOut(const QByteArray& verb, const QByteArrayList& ids)
@@ -180,9 +182,9 @@ void QueueWindow::deleteSelected()
         return;
     delete question_;
     const QString asked = ids.size() == 1
-        ? text("deleteOne", QStringLiteral("Supprimer le message %1 ?")).arg(QString::fromLatin1(ids.first()))
-        : text("deleteMany", QStringLiteral("Supprimer les %1 messages choisis ?")).arg(ids.size());
-    question_ = new QMessageBox(QMessageBox::Question, text("deleteTitle", QStringLiteral("Supprimer")), asked,
+        ? text("queueDeleteOne", QStringLiteral("Supprimer le message %1 ?")).arg(QString::fromLatin1(ids.first()))
+        : text("queueDeleteMany", QStringLiteral("Supprimer les %1 messages choisis ?")).arg(ids.size());
+    question_ = new QMessageBox(QMessageBox::Question, text("queueDeleteTitle", QStringLiteral("Supprimer")), asked,
                                 QMessageBox::Yes | QMessageBox::No, this);
     question_->setObjectName(QStringLiteral("msgDelete"));
     question_->setDefaultButton(QMessageBox::No);
@@ -200,9 +202,9 @@ void QueueWindow::showSelectedText()
 {
     const QByteArrayList ids = selectedIds();
     MessageTextView::Texts texts;
-    texts.title = text("textTitle", texts.title);
-    texts.truncated = text("textTruncated", texts.truncated);
-    texts.unreadable = text("textUnreadable", texts.unreadable);
+    texts.title = text("queueTextTitle", texts.title);
+    texts.truncated = text("queueTextTruncated", texts.truncated);
+    texts.unreadable = text("queueTextUnreadable", texts.unreadable);
     for (qsizetype i = 0; i < std::min<qsizetype>(ids.size(), kMostViewers); ++i) {
         const QueueRow& row = model_->row(model_->rowOf(ids[i]));
         auto* viewer = new MessageTextView(services_.queue, services_.logs, row.folder, row.id, texts, this);
