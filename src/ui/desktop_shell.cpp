@@ -110,18 +110,18 @@ void DesktopShell::showTrayIcon()
     // The folders exist from here on: the counts and the notices follow the queue.
     failures_ = std::make_unique<FailureNotices>(
         application_.queue(), application_.logs(),
-        [this](const char* name, const QString& french) { return mainText(name, french); });
+        [this](const char* name, const QString& french) { return composedText(name, french); });
     connect(failures_.get(), &FailureNotices::notice, this, &DesktopShell::tellFailures);
     counts_.start();
     if (options_.trayAvailable) {
         trayIcon_.show();
     } else {
-        mainWindow_->setNoTray([this](const char* name, const QString& french) { return mainText(name, french); });
+        mainWindow_->setNoTray([this](const char* name, const QString& french) { return composedText(name, french); });
         mainWindow_->show();
     }
 }
 
-QString DesktopShell::mainText(const char* name, const QString& french) const
+QString DesktopShell::composedText(const char* name, const QString& french) const
 {
     return LanguageText(application_.language(), name, french);
 }
@@ -130,7 +130,7 @@ void DesktopShell::refreshToolTip()
 {
     QString tip = application_.trayToolTip();
     if (counts_.waiting() > 0 || counts_.failed() > 0)
-        tip += u' ' + mainText("trayCounts", QStringLiteral("— %1 en attente, %2 en erreur"))
+        tip += u' ' + composedText("trayCounts", QStringLiteral("— %1 en attente, %2 en erreur"))
                           .arg(counts_.waiting())
                           .arg(counts_.failed());
     trayIcon_.setToolTip(tip);

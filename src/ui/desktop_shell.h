@@ -76,7 +76,7 @@ private:
     void refreshToolTip();
     void tellFailures(const QString& text);
     // A text the shell composes, in the chosen language.
-    QString mainText(const char* name, const QString& french) const;
+    QString composedText(const char* name, const QString& french) const;
 
     Application& application_;
     Desktop& desktop_;

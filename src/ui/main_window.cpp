@@ -106,12 +106,16 @@ void MainWindow::closeEvent(QCloseEvent* event)
         return;
     }
     event->ignore();
-    if (!noTrayText_) {
+    if (noTrayText_)
+        askToQuit();
+    else
         hide(); // the program stays in the notification area
-        return;
-    }
-    // Nothing else on screen leads back to the program: hiding would leave it running out of
-    // reach. The question waits without stopping the relay.
+}
+
+// Nothing else on screen leads back to the program: hiding would leave it running out of reach.
+// The question waits without stopping the relay.
+void MainWindow::askToQuit()
+{
     if (quitQuestion_ && quitQuestion_->isVisible()) {
         quitQuestion_->raise();
         return;

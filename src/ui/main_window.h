@@ -51,6 +51,7 @@ protected:
 
 private:
     int rowOf(const QByteArray& cnxType, int n) const;
+    void askToQuit();
 
     QLabel* title_ = nullptr;
     QLabel* lookupVersion_ = nullptr;
