@@ -1,6 +1,7 @@
 #include "ui/queue_window.h"
 
 #include <QHBoxLayout>
+#include <algorithm>
 #include <QHeaderView>
 #include <QItemSelectionModel>
 #include <QLabel>
