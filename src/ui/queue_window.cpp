@@ -1,7 +1,6 @@
 #include "ui/queue_window.h"
 
 #include <QHBoxLayout>
-#include <algorithm>
 #include <QHeaderView>
 #include <QItemSelectionModel>
 #include <QLabel>
@@ -11,6 +10,7 @@
 #include <QSortFilterProxyModel>
 #include <QTableView>
 #include <QVBoxLayout>
+#include <algorithm>
 
 #include "ui/message_text_view.h"
 #include "ui/queue_model.h"
