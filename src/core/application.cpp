@@ -223,6 +223,14 @@ void Application::flushDeferred()
         dispatcher_->ForceDeferred();
 }
 
+bool Application::showQueueWindow()
+{
+    if (!windowSteps_.showQueue)
+        return false;
+    windowSteps_.showQueue();
+    return true;
+}
+
 void Application::showServiceState(bool started)
 {
     serviceStarted_ = started;

@@ -37,6 +37,7 @@ struct WindowSteps {
     std::function<void()> relabelMain;     // the main window in the loaded language
     std::function<void()> trayIcon;        // the icon with its "stopped" tool-tip
     std::function<void()> versionCheck;    // the last step
+    std::function<void()> showQueue;       // not a step: opens the queue window when asked
 };
 
 // The running program: it owns every program-wide piece of state (settings, logs, language table,
@@ -62,6 +63,8 @@ public:
     void stopService();         // "Arrêter"
     void reloadConfiguration(); // "Recharger": the file read again, overrides applied
     void flushDeferred();       // "Forcer (deferred)": every deferred file back, then a dispatch
+    // Opens the queue window; false when the program runs without windows.
+    bool showQueueWindow();
 
     Settings& settings() { return settings_; }
     Logs& logs() { return logs_; }

@@ -59,6 +59,8 @@ CommandLine parseCommandLine(const QStringList& arguments, bool displayAvailable
             line.sendmailArguments = arguments.mid(i + 1);
             line.headless = true;
             break;
+        } else if (argument == QLatin1String("--show-queue")) {
+            line.showQueue = true;
         } else if (argument == QLatin1String("--json")) {
             line.json = true;
         } else if (const QByteArray verb = queueOption(argument); !verb.isEmpty()) {
@@ -93,13 +95,15 @@ CommandLine parseCommandLine(const QStringList& arguments, bool displayAvailable
             return line;
         }
     }
+    if (line.showQueue && (!line.control.isEmpty() || !line.queueCommand.isEmpty() || line.sendmail))
+        line.error = QStringLiteral("--show-queue cannot be used with another command");
     return line;
 }
 
 QString usageText()
 {
     return QStringLiteral(
-        "Usage: postiq [--folder DIR] [--headless] [--verbose]\n"
+        "Usage: postiq [--folder DIR] [--headless] [--verbose] [--show-queue]\n"
         "       postiq [--folder DIR] --start | --stop | --reload | --flush | --quit\n"
         "       postiq [--folder DIR] --queue [--json] | --show ID | --retry ID|all | --delete ID\n"
         "       postiq [--folder DIR] --sendmail [sendmail options] [recipient...]\n"
@@ -113,6 +117,8 @@ QString usageText()
         "  --verbose     print on stderr where the relay listens, every mail-log and error-log\n"
         "                line, and what to do about a refusal (the default headless when stderr\n"
         "                is a terminal or the systemd journal)\n"
+        "  --show-queue  open the queue window: the running Postiq's, when one runs on the\n"
+        "                folder, else this one's once it has started\n"
         "  --version     print the version and exit\n"
         "  --help        print this help and exit\n"
         "\n"

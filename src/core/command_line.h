@@ -12,6 +12,8 @@ struct CommandLine {
     bool verbose = false;  // the terminal report even where stderr is not a terminal
     bool showVersion = false;
     bool showHelp = false;
+    // --show-queue: the queue window, of the relay already running on the folder or of this one.
+    bool showQueue = false;
     // "start", "stop", "reload", "flush" or "quit": the command for the relay already running on
     // the folder; empty to run the relay itself.
     QByteArray control;

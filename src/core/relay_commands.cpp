@@ -122,6 +122,14 @@ ControlAnswer dispatch(Application& app, const QByteArray&)
     return ControlAnswer::done();
 }
 
+// Asked by "postiq --show-queue" started while this relay runs.
+ControlAnswer showQueue(Application& app, const QByteArray&)
+{
+    if (!app.showQueueWindow())
+        return ControlAnswer::refused("this Postiq runs without windows; --queue lists the queue");
+    return ControlAnswer::done();
+}
+
 struct Row {
     const char* verb;
     bool takesArgument;
@@ -135,6 +143,7 @@ constexpr Row kCommands[] = {
     {"flush", false, flush},
     {"quit", false, quit},
     {"dispatch", false, dispatch},
+    {"showqueue", false, showQueue},
     {"retry", true, retry},
     {"delete", true, remove},
 };

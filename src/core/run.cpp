@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdio>
 #include <memory>
+#include <optional>
 
 #include "core/application.h"
 #include "core/command_line.h"
@@ -11,6 +12,7 @@
 #include "core/desktop_plugin.h"
 #include "core/program_name.h"
 #include "core/queue_commands.h"
+#include "core/relay_request.h"
 #include "core/relay_commands.h"
 #include "core/sendmail.h"
 #include "core/terminal_report.h"
@@ -87,6 +89,31 @@ int sendControlCommand(int argc, char** argv, const CommandLine& line)
     return status;
 }
 
+// --show-queue where a relay already runs on the folder: that relay opens its window, and this
+// process ends. Nothing when none runs: this process becomes the relay.
+std::optional<int> showRunningQueue(int argc, char** argv, const CommandLine& line)
+{
+    QCoreApplication app(argc, argv); // gone before the desktop's application is made
+    const QString folder = QDir(line.folder.isEmpty() ? defaultProgramFolder() : line.folder).absolutePath();
+    QString text;
+    switch (AskRunningRelay(folder, "showqueue", kControlAnswerTime, &text)) {
+    case ControlRequest::Outcome::Done:
+        return ExitOk;
+    case ControlRequest::Outcome::Failed:
+        if (text.startsWith(QLatin1String("refused: ")))
+            text = text.mid(9);
+        std::fprintf(stderr, "postiq: %s\n", qPrintable(text));
+        return ExitProgramError;
+    case ControlRequest::Outcome::NotRunning:
+        break;
+    }
+    if (line.headless) {
+        std::fprintf(stderr, "postiq: --show-queue needs a desktop; --queue lists the queue\n");
+        return ExitRefused;
+    }
+    return std::nullopt;
+}
+
 // Without the channel the relay still runs; only its control from the command line is lost, so
 // the failure is reported and the relay goes on.
 void openControlChannel(ControlChannel& channel, Desktop& desktop)
@@ -123,6 +150,10 @@ int runPostiq(int argc, char** argv)
         return sendControlCommand(argc, argv, line);
     if (!line.queueCommand.isEmpty())
         return RunQueueCommand(argc, argv, {line.queueCommand, line.queueArgument, line.json, line.folder});
+    if (line.showQueue) {
+        if (const std::optional<int> status = showRunningQueue(argc, argv, line))
+            return *status;
+    }
 
     // The widget application comes with the desktop plugin; without it, or headless, the relay
     // runs on a core application and maps no widget or GUI library.
@@ -164,6 +195,8 @@ int runPostiq(int argc, char** argv)
                      [] { QCoreApplication::exit(ExitOk); }, Qt::QueuedConnection);
     terminal.follow(application);
     application.start();
+    if (line.showQueue)
+        application.showQueueWindow();
 
     // Only now: a quit signal that came during start-up (perhaps while a question was on screen)
     // has waited, blocked, and is read at the first turn of the loop instead of inside start().

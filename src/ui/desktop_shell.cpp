@@ -5,9 +5,11 @@
 #include <QVBoxLayout>
 
 #include "core/application.h"
+#include "core/relay_commands.h"
 #include "log/version.h"
 #include "platform/desktop.h"
 #include "ui/configuration_dialog.h"
+#include "ui/language_text.h"
 #include "ui/relabel.h"
 #include "ui/update_announcement.h"
 
@@ -24,8 +26,10 @@ QString DesktopShell::downloadAddress() { return QString::fromLatin1(kProductWeb
 
 DesktopShell::DesktopShell(Application& application, Desktop& desktop, Options options, QObject* parent)
     : QObject(parent), application_(application), desktop_(desktop), options_(std::move(options)),
-      mainWindow_(std::make_unique<MainWindow>()), menu_(std::make_unique<TrayMenu>(mainWindow_.get()))
+      mainWindow_(std::make_unique<MainWindow>()), menu_(std::make_unique<TrayMenu>(mainWindow_.get())),
+      counts_(application.queue())
 {
+    mainWindow_->setWindowIcon(QIcon(kStoppedIcon));
     trayIcon_.setObjectName(QStringLiteral("img_tray"));
     eventIcon_.setObjectName(QStringLiteral("img_tray_event"));
     trayIcon_.setIcon(QIcon(kStoppedIcon));
@@ -39,17 +43,22 @@ DesktopShell::DesktopShell(Application& application, Desktop& desktop, Options o
 
     connect(&application_, &Application::serviceStateChanged, this, &DesktopShell::serviceStateChanged);
     connect(&application_, &Application::connectionChanged, this, &DesktopShell::connectionChanged);
+    connect(&counts_, &QueueCounts::changed, this, &DesktopShell::refreshToolTip);
+    connect(mainWindow_.get(), &MainWindow::queueRequested, this, &DesktopShell::showQueueWindow);
+    connect(mainWindow_.get(), &MainWindow::quitRequested, &application_, &Application::quit);
     // Directly, before the loop ends: the icons leave the notification area with the program.
     connect(&application_, &Application::finished, this, &DesktopShell::closeEverything);
 
     application_.setWindowSteps({.connectionsView = [this] { setUpWindow(); },
                                  .relabelMain = [this] { relabelMain(); },
                                  .trayIcon = [this] { showTrayIcon(); },
-                                 .versionCheck = [this] { startVersionCheck(); }});
+                                 .versionCheck = [this] { startVersionCheck(); },
+                                 .showQueue = [this] { showQueueWindow(); }});
 }
 
 DesktopShell::~DesktopShell()
 {
+    delete queueWindow_;
     delete dialog_;
     delete announcement_;
 }
@@ -58,6 +67,7 @@ void DesktopShell::wireMenu()
 {
     TrayMenu& m = *menu_;
     connect(m.mnuopen, &QAction::triggered, this, &DesktopShell::showMainWindow);
+    connect(m.mnuqueue, &QAction::triggered, this, &DesktopShell::showQueueWindow);
     connect(m.mnuwintop, &QAction::toggled, mainWindow_.get(), &MainWindow::setAlwaysOnTop);
     connect(m.mnuconfig, &QAction::triggered, this, &DesktopShell::openConfiguration);
     connect(m.mnustart, &QAction::triggered, &application_, &Application::startService);
@@ -97,11 +107,69 @@ void DesktopShell::relabelMain()
 
 void DesktopShell::showTrayIcon()
 {
-    trayIcon_.setToolTip(application_.trayToolTip());
-    if (options_.trayAvailable)
+    // The folders exist from here on: the counts and the notices follow the queue.
+    failures_ = std::make_unique<FailureNotices>(
+        application_.queue(), application_.logs(),
+        [this](const char* name, const QString& french) { return composedText(name, french); });
+    connect(failures_.get(), &FailureNotices::notice, this, &DesktopShell::tellFailures);
+    counts_.start();
+    if (options_.trayAvailable) {
         trayIcon_.show();
-    else
+    } else {
+        mainWindow_->setNoTray([this](const char* name, const QString& french) { return composedText(name, french); });
         mainWindow_->show();
+    }
+}
+
+QString DesktopShell::composedText(const char* name, const QString& french) const
+{
+    return LanguageText(application_.language(), name, french);
+}
+
+void DesktopShell::refreshToolTip()
+{
+    QString tip = application_.trayToolTip();
+    if (counts_.waiting() > 0 || counts_.failed() > 0)
+        tip += u' ' + composedText("trayCounts", QStringLiteral("— %1 en attente, %2 en erreur"))
+                          .arg(counts_.waiting())
+                          .arg(counts_.failed());
+    trayIcon_.setToolTip(tip);
+}
+
+// Through the notification area's own messages; without one, a box that waits for nobody.
+void DesktopShell::tellFailures(const QString& text)
+{
+    if (options_.trayAvailable)
+        trayIcon_.showMessage(QStringLiteral("Postiq"), text, QSystemTrayIcon::Warning, 15000);
+    else
+        desktop_.notice(QStringLiteral("Postiq"), text);
+}
+
+void DesktopShell::showQueueWindow()
+{
+    if (!queueWindow_) {
+        Logs& logs = application_.logs();
+        LanguageTable& language = application_.language();
+        queueWindow_ = new QueueWindow(
+            {.queue = application_.queue(),
+             .logs = logs,
+             .attemptDelayMinutes = [this] { return int(application_.settings().ActiveSettings.AttemptDelay); },
+             .command = [this](const QByteArray& verb, const QByteArray& id) {
+                 return CarryOutRelayCommand(application_, verb, id);
+             },
+             .openFolder = [this](const QString& path) { desktop_.openFile(path); },
+             .relabel = [&logs, &language](QWidget& form) {
+                 LOADValues(logs, language, form, QString::fromLatin1(kQueueSection));
+             },
+             .text = [&language](const char* name, const QString& french) {
+                 return LanguageText(language, name, french);
+             }});
+        queueWindow_->setAttribute(Qt::WA_DeleteOnClose);
+        queueWindow_->setServiceIcon(mainWindow_->windowIcon());
+    }
+    queueWindow_->show();
+    queueWindow_->raise();
+    queueWindow_->activateWindow();
 }
 
 void DesktopShell::startVersionCheck()
@@ -181,8 +249,12 @@ void DesktopShell::announceNewVersion(const QString& version)
 void DesktopShell::serviceStateChanged(bool started)
 {
     menu_->showServiceState(started);
-    trayIcon_.setIcon(QIcon(started ? kStartedIcon : kStoppedIcon));
-    trayIcon_.setToolTip(application_.trayToolTip());
+    const QIcon icon(started ? kStartedIcon : kStoppedIcon);
+    trayIcon_.setIcon(icon);
+    mainWindow_->setWindowIcon(icon);
+    if (queueWindow_)
+        queueWindow_->setServiceIcon(icon);
+    refreshToolTip();
 }
 
 void DesktopShell::connectionChanged(const QByteArray& cnxType, int n)
@@ -200,6 +272,8 @@ void DesktopShell::closeEverything()
         dialog_->close();
     if (announcement_)
         announcement_->close();
+    if (queueWindow_)
+        queueWindow_->close();
     mainWindow_->allowClose();
     mainWindow_->close();
 }

@@ -7,7 +7,10 @@
 #include <memory>
 
 #include "ui/configuration_dialog.h"
+#include "ui/failure_notices.h"
 #include "ui/main_window.h"
+#include "ui/queue_counts.h"
+#include "ui/queue_window.h"
 #include "ui/tray_menu.h"
 #include "ui/update_announcement.h"
 #include "update/version_check.h"
@@ -40,6 +43,9 @@ public:
     QSystemTrayIcon& eventIcon() { return eventIcon_; }    // img_tray_event
     ConfigurationDialog* configurationDialog() const { return dialog_; }
     UpdateAnnouncement* announcement() const { return announcement_; }
+    QueueWindow* queueWindow() const { return queueWindow_; }
+    QueueCounts& queueCounts() { return counts_; }
+    FailureNotices* failureNotices() const { return failures_.get(); }
     const QString& newVersion() const { return newVersion_; }
 
     // The mouse rules of the two icons.
@@ -49,6 +55,8 @@ public:
     // Opens the configuration dialog, or brings the open one forward.
     void openConfiguration();
     void showMainWindow();
+    // Opens the queue window, or brings the open one forward.
+    void showQueueWindow();
     // A newer version is published: the update icon appears and the announcement opens.
     void announceNewVersion(const QString& version);
 
@@ -65,6 +73,10 @@ private:
     void serviceStateChanged(bool started);
     void connectionChanged(const QByteArray& cnxType, int n);
     void closeEverything();
+    void refreshToolTip();
+    void tellFailures(const QString& text);
+    // A text the shell composes, in the chosen language.
+    QString composedText(const char* name, const QString& french) const;
 
     Application& application_;
     Desktop& desktop_;
@@ -75,6 +87,9 @@ private:
     QSystemTrayIcon eventIcon_;
     QPointer<ConfigurationDialog> dialog_;
     QPointer<UpdateAnnouncement> announcement_;
+    QPointer<QueueWindow> queueWindow_;
+    QueueCounts counts_;
+    std::unique_ptr<FailureNotices> failures_;
     std::unique_ptr<VersionCheck> versionCheck_;
     QString newVersion_;
 };

@@ -4,6 +4,8 @@
 #include <QHeaderView>
 #include <QIcon>
 #include <QLabel>
+#include <QMessageBox>
+#include <QPushButton>
 #include <QTableWidget>
 #include <QVBoxLayout>
 
@@ -37,10 +39,15 @@ MainWindow::MainWindow(QWidget* parent) : QWidget(parent, Qt::Window)
     grid_->horizontalHeader()->setStretchLastSection(true);
     grid_->setSortingEnabled(false);
 
+    queueButton_ = new QPushButton(QStringLiteral("File d'attente ..."), this);
+    queueButton_->setObjectName(QStringLiteral("btnQueue"));
+    connect(queueButton_, &QPushButton::clicked, this, &MainWindow::queueRequested);
+
     auto* layout = new QVBoxLayout(this);
     layout->addWidget(title_);
     layout->addWidget(lookupVersion_);
     layout->addWidget(grid_, 1);
+    layout->addWidget(queueButton_, 0, Qt::AlignRight);
     resize(720, 300);
 }
 
@@ -98,9 +105,39 @@ void MainWindow::closeEvent(QCloseEvent* event)
         event->accept();
         return;
     }
-    // The program stays in the notification area.
     event->ignore();
-    hide();
+    if (noTrayText_)
+        askToQuit();
+    else
+        hide(); // the program stays in the notification area
+}
+
+// Nothing else on screen leads back to the program: hiding would leave it running out of reach.
+// The question waits without stopping the relay.
+void MainWindow::askToQuit()
+{
+    if (quitQuestion_ && quitQuestion_->isVisible()) {
+        quitQuestion_->raise();
+        return;
+    }
+    quitQuestion_ = new QMessageBox(QMessageBox::Question, noTrayText_("quitTitle", QStringLiteral("Postiq")),
+                                    noTrayText_("quitQuestion", QStringLiteral("Fermer cette fenêtre arrête Postiq : "
+                                                                                "plus aucun message ne sera envoyé ni "
+                                                                                "reçu. Quitter Postiq ?")),
+                                    QMessageBox::Yes | QMessageBox::No, this);
+    quitQuestion_->setObjectName(QStringLiteral("msgQuit"));
+    quitQuestion_->setDefaultButton(QMessageBox::No);
+    quitQuestion_->setAttribute(Qt::WA_DeleteOnClose);
+    connect(quitQuestion_, &QMessageBox::finished, this, [this](int result) {
+        if (result == QMessageBox::Yes)
+            emit quitRequested();
+    });
+    quitQuestion_->open();
+}
+
+void MainWindow::setNoTray(std::function<QString(const char* name, const QString& french)> text)
+{
+    noTrayText_ = std::move(text);
 }
 
 } // namespace postiq

@@ -1,17 +1,23 @@
 #pragma once
 
 #include <QByteArray>
+#include <QMessageBox>
+#include <QPointer>
 #include <QWidget>
+#include <functional>
 
 class QLabel;
+class QPushButton;
 class QTableWidget;
 
 namespace postiq {
 
 class CConnexion;
 
-// The small main window: the title, the resolver's version and one grid row per busy connection
-// slot. Its close box only hides it; the program ends through the menu.
+// The small main window: the title, the resolver's version, one grid row per busy connection slot
+// and the way to the queue window. Where a notification area holds the program, its close box only
+// hides it and the program ends through the menu; where there is none, the window is the program's
+// face, and its close box asks whether to quit.
 class MainWindow : public QWidget {
     Q_OBJECT
 public:
@@ -27,19 +33,33 @@ public:
     void allowClose() { closeAllowed_ = true; }
     // Keeps the window above all others, or lets it go back among them.
     void setAlwaysOnTop(bool onTop);
+    // Without a notification area closing means quitting, once the user says so; `text` gives the
+    // question's words in the loaded language.
+    void setNoTray(std::function<QString(const char* name, const QString& french)> text);
+    // The quit question while it waits for its answer.
+    QMessageBox* quitQuestion() const { return quitQuestion_; }
+    QPushButton& queueButton() { return *queueButton_; }
 
     QTableWidget& grid() { return *grid_; }
+
+signals:
+    void queueRequested();
+    void quitRequested();
 
 protected:
     void closeEvent(QCloseEvent* event) override;
 
 private:
     int rowOf(const QByteArray& cnxType, int n) const;
+    void askToQuit();
 
     QLabel* title_ = nullptr;
     QLabel* lookupVersion_ = nullptr;
     QTableWidget* grid_ = nullptr;
+    QPushButton* queueButton_ = nullptr;
     bool closeAllowed_ = false;
+    std::function<QString(const char* name, const QString& french)> noTrayText_; // set: no tray
+    QPointer<QMessageBox> quitQuestion_;
 };
 
 } // namespace postiq

@@ -17,6 +17,7 @@ TrayMenu::TrayMenu(QWidget* parent) : menu(new QMenu(QStringLiteral("Postiq"), p
 {
     menu->setObjectName(QStringLiteral("mnusystray"));
     mnuopen = entry(menu, "mnuopen", QStringLiteral("Ouvrir"));
+    mnuqueue = entry(menu, "mnuqueue", QStringLiteral("File d'attente ..."));
     mnuwintop = entry(menu, "mnuwintop", QStringLiteral("Fenêtre toujours devant"));
     mnuwintop->setCheckable(true);
     separator(menu, "mnusep0");

@@ -13,6 +13,7 @@ struct TrayMenu {
 
     QMenu* menu;
     QAction* mnuopen;
+    QAction* mnuqueue;
     QAction* mnuwintop;
     QAction* mnuconfig;
     QAction* mnustart;

@@ -3,6 +3,7 @@
 #include <QDir>
 
 #include "core/postiq_process.h"
+#include "store/message.h"
 
 namespace postiq::test {
 
@@ -41,6 +42,26 @@ void DesktopBench::start()
     shell = std::make_unique<DesktopShell>(*application, desktop,
                                            DesktopShell::Options{updateServer_, trayAvailable_});
     application->start();
+}
+
+QByteArray DesktopBench::enqueue(const QByteArray& subject, const QList<QByteArray>& recipients,
+                                 const QByteArray& body)
+{
+    CMessage m(application->logs());
+    m.From = "<me@here.example>";
+    for (const QByteArray& r : recipients)
+        m.AddRcptTo(r);
+    m.Data = "From: me@here.example\r\nSubject: " + subject + "\r\n\r\n" + body;
+    return application->queue().enqueue(m).first();
+}
+
+void DesktopBench::fail(const QByteArray& id, QueueFolder to, const QByteArray& error)
+{
+    CMessage m(application->logs());
+    application->queue().read(QueueFolder::OutBox, id, m);
+    m.Essai = 1;
+    m.LastError = error;
+    application->queue().move(QueueFolder::OutBox, to, id, &m);
 }
 
 } // namespace postiq::test

@@ -38,6 +38,12 @@ struct DesktopBench {
     void writeLanguage(const QString& name, const QByteArray& text);
     void start();
 
+    // After start(): a message queued in OutBox (one file: the recipients share a domain), and an
+    // OutBox message moved after a failed attempt, as delivery moves it.
+    QByteArray enqueue(const QByteArray& subject, const QList<QByteArray>& recipients = {"<to@there.example>"},
+                       const QByteArray& body = "hi\r\n");
+    void fail(const QByteArray& id, QueueFolder to, const QByteArray& error);
+
 private:
     QByteArray ini_;
     bool trayAvailable_;

@@ -35,7 +35,7 @@ TEST(DesktopShell, MenuEntriesInOrderWithQuitAsDefaultAndStartStopFollowingTheSe
     TrayMenu& menu = bench.shell->menu();
 
     EXPECT_EQ(menuLayout(*menu.menu),
-              (QStringList{"mnuopen=Ouvrir", "mnuwintop=Fenêtre toujours devant", "mnusep0=-",
+              (QStringList{"mnuopen=Ouvrir", "mnuqueue=File d'attente ...", "mnuwintop=Fenêtre toujours devant", "mnusep0=-",
                            "mnuconfig=Configuration ...", "mnusep1=-", "mnustart=Démarrer", "mnustop=Arrêter",
                            "mnureload=Recharger", "mnuflush=Forcer (deferred)", "mnuseelog=.: Voir fichier log ::",
                            "mnuseeerrorlog=.: Voir fichier error ::", "mnusep4=-",

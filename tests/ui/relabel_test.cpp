@@ -89,13 +89,16 @@ TEST(Relabel, EnglishFileRelabelsEveryControlItNames)
     bench.start();
     bench.shell->openConfiguration();
     ConfigurationDialog& dialog = *bench.shell->configurationDialog();
+    bench.shell->showQueueWindow();
+    QueueWindow& queueWindow = *bench.shell->queueWindow();
     EXPECT_TRUE(bench.desktop.boxes.isEmpty());
 
     const auto& rows = bench.application->language().rows();
     int checked = 0;
     for (const LanguageTable::Row& row : rows) {
-        QWidget& form = row.section == "MAIN" ? static_cast<QWidget&>(bench.shell->mainWindow())
-                                              : static_cast<QWidget&>(dialog);
+        QWidget& form = row.section == "MAIN"  ? static_cast<QWidget&>(bench.shell->mainWindow())
+                      : row.section == "QUEUE" ? static_cast<QWidget&>(queueWindow)
+                                               : static_cast<QWidget&>(dialog);
         const QString name = row.key.mid(4);
         if (row.key.startsWith("CPT_")) {
             ASSERT_NE(named(form, name), nullptr) << row.key.toStdString();

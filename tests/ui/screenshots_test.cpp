@@ -3,11 +3,13 @@
 #include <QProcess>
 #include <QScreen>
 #include <QStackedWidget>
+#include <QTableView>
 #include <QStandardPaths>
 #include <QTreeWidget>
 #include <gtest/gtest.h>
 
 #include "support/mail_client.h"
+#include "ui/queue_model.h"
 #include "ui/desktop_bench.h"
 
 using namespace postiq;
@@ -45,7 +47,7 @@ TEST(Screenshots, UnderXvfbWithATrayHost)
     if (out.contains("[  SKIPPED ]"))
         GTEST_SKIP() << "no X server came up";
 
-    for (const char* name : {"main_window.png", "tray_menu.png", "screen.png", "config_frmOnStart.png",
+    for (const char* name : {"main_window.png", "tray_menu.png", "screen.png", "queue_window.png", "config_frmOnStart.png",
                              "config_frmComputer.png", "config_frmParametres.png", "config_frmNetwork.png",
                              "config_frmRelay.png", "config_frmDebug.png", "config_frmLanguage.png"})
         EXPECT_TRUE(QFileInfo(folder + '/' + QLatin1String(name)).size() > 0) << name;
@@ -74,6 +76,21 @@ TEST(Screenshots, Inside)
     EXPECT_TRUE(menu.grab().save(folder + QStringLiteral("/tray_menu.png")));
     EXPECT_TRUE(QGuiApplication::primaryScreen()->grabWindow(0).save(folder + QStringLiteral("/screen.png")));
     menu.hide();
+
+    // The queue window with a message in each folder.
+    bench.application->settings().ActiveSettings.KeepLocal = true; // nothing leaves while the picture is taken
+    bench.enqueue("=?utf-8?Q?R=C3=A9union_de_lundi?=", {"<bob@work.example>"});
+    bench.fail(bench.enqueue("Photos", {"<carol@far.example>"}), QueueFolder::Deferred, "421 4.7.0 Try again later");
+    bench.fail(bench.enqueue("=?iso-8859-1?Q?Facture_d=E9cembre?=", {"<nobody@gone.example>"}), QueueFolder::Error,
+               "550 5.1.1 <nobody@gone.example>: Recipient address rejected");
+    bench.shell->showQueueWindow();
+    QueueWindow& queueWindow = *bench.shell->queueWindow();
+    spinUntil([&] { return queueWindow.model().pendingHeads() == 0; }, 3000);
+    queueWindow.resize(1320, 360);
+    queueWindow.view().selectRow(1);
+    spinUntil([] { return false; }, 300);
+    EXPECT_TRUE(queueWindow.grab().save(folder + QStringLiteral("/queue_window.png")));
+    queueWindow.close();
 
     bench.shell->openConfiguration();
     ConfigurationDialog& dialog = *bench.shell->configurationDialog();
