@@ -631,9 +631,11 @@ void OutboundSession::endTransaction(DeliveryOutcome outcome)
     const int32_t state = cnx_.Status();
     const bool inTransaction = state == MailSent || state == LastRcptSent || state == DataSent
         || state == DataUnwanted || state == Writing || state == Written;
-    const bool clean = inTransaction && owed_ == 0 && !reader_.hasPartialReply()
-        && (state != Writing || textEnded_) && socket_.state() == QAbstractSocket::ConnectedState;
-    finish(std::move(outcome), clean ? Ending::Hold : Ending::Quit);
+    const bool textCutShort = state == Writing && !textEnded_;
+    const bool clean = inTransaction && owed_ == 0 && !reader_.hasPartialReply() && !textCutShort
+        && socket_.state() == QAbstractSocket::ConnectedState;
+    // In the middle of the text a QUIT would be text too: the connection is cut instead.
+    finish(std::move(outcome), clean ? Ending::Hold : textCutShort ? Ending::Drop : Ending::Quit);
 }
 
 bool OutboundSession::canTakeAnother() const
