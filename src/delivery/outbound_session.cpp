@@ -101,6 +101,8 @@ OutboundSession::OutboundSession(Logs& logs, const Settings& settings, AddressRe
     connect(&socket_, &QSslSocket::connected, this, &OutboundSession::connected);
     connect(&socket_, &QSslSocket::readyRead, this, &OutboundSession::dataArrived);
     connect(&socket_, &QSslSocket::bytesWritten, this, &OutboundSession::bytesWritten);
+    // Over TLS the text is encrypted at once; the network drains the encrypted bytes later.
+    connect(&socket_, &QSslSocket::encryptedBytesWritten, this, &OutboundSession::bytesWritten);
     connect(&socket_, &QSslSocket::encrypted, this, &OutboundSession::encrypted);
     // Queued: a socket may report a failure from inside a call made by another handler.
     connect(&socket_, &QSslSocket::errorOccurred, this, &OutboundSession::socketError, Qt::QueuedConnection);
@@ -249,7 +251,7 @@ void OutboundSession::bytesWritten()
         return;
     if (!textEnded_)
         pumpText();
-    else if (socket_.bytesToWrite() == 0)
+    else if (socket_.bytesToWrite() + socket_.encryptedBytesToWrite() == 0)
         setState(Written);
 }
 

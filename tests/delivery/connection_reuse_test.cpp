@@ -9,6 +9,7 @@
 #include "delivery_bench.h"
 #include "real_exchanger.h"
 #include "support/fake_exchanger.h"
+#include "support/test_authority.h"
 
 using namespace postiq;
 using namespace postiq::test;
@@ -329,6 +330,38 @@ TEST(ConnectionReuse, AiosmtpdSeesOneConnection)
     EXPECT_EQ(ports.size(), 1);
     EXPECT_EQ(recipients.size(), 10);
     EXPECT_EQ(b.mailLog("status=sent (250 2.0.0 Saved)").size(), 10);
+}
+
+// Over STARTTLS the text streams the same way, and the encrypted connection carries the next
+// message too.
+TEST(ConnectionReuse, LargeTextsOverOneEncryptedConnection)
+{
+    if (!RealExchanger::available())
+        GTEST_SKIP() << "python3-aiosmtpd is not installed";
+    TestAuthority authority;
+    ASSERT_TRUE(authority.ok());
+    const TestAuthority::Identity identity = authority.issue(QStringLiteral("DNS:mx.tls.test"));
+    ReuseBench b;
+    b.dispatcher.timeouts = {std::chrono::seconds(20), std::chrono::seconds(20)};
+    RealExchanger mx(QStringLiteral("127.0.0.5"), 25, {"--tls", identity.certificate, identity.key});
+    ASSERT_TRUE(mx.ready());
+    b.mx("tls.test", {{10, "127.0.0.5"}});
+    QByteArray text;
+    for (int i = 0; i < 3000; ++i)
+        text += "." + QByteArray(997, char('a' + i % 26)) + "\r\n";
+    b.queue("TLSA", {"<a@tls.test>"}, "Subject: A\r\n\r\n" + text);
+    b.queue("TLSB", {"<b@tls.test>"}, "Subject: B\r\n\r\n" + text);
+    b.dispatcher.VerifOutBox();
+    ASSERT_TRUE(spinUntil([&] { return b.idle() && b.files("OutBox").isEmpty(); }, 30000));
+
+    const QList<SavedMessage> saved = mx.messages();
+    ASSERT_EQ(saved.size(), 2);
+    EXPECT_EQ(saved[0].peer, saved[1].peer) << "one connection";
+    for (const SavedMessage& message : saved) {
+        EXPECT_TRUE(message.encrypted);
+        EXPECT_TRUE(message.content.endsWith(text)) << message.content.size();
+    }
+    EXPECT_EQ(b.mailLog(" TLS TLSv1.").size(), 1) << "one handshake";
 }
 
 // A queue file cut short while its text is on its way: the connection is cut before the end of
