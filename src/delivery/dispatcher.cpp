@@ -352,7 +352,10 @@ void Dispatcher::dispose(uint8_t i, const DeliveryOutcome& outcome)
     input.outcome = outcome;
     input.moreHosts = outcome.kind != DeliveryOutcome::NoRoute && cnx.DNS.CurrentMX < cnx.DNS.MX.Count();
     input.clearRetryLeft = !slot.triedInClear;
-    switch (disposition_.decide(input)) {
+    const NextStep next = disposition_.decide(input);
+    if (next != NextStep::Release)
+        cnx.Message.Data = QByteArray(); // the text stays in the file while the next host is tried
+    switch (next) {
     case NextStep::NextHost:
         cnx.DNS.CurrentMX += 1;
         slot.triedInClear = false;
@@ -390,7 +393,8 @@ QSet<QByteArray> Dispatcher::busyExchangers() const
     QHash<QByteArray, int> connections;
     QSet<QByteArray> busy;
     for (int i = 1; i <= kLastUsableOutSlot; ++i) {
-        if (tables_.CnxOut(i).Status() != 0 && ++connections[slots_[i].exchanger] >= connectionsPerExchanger)
+        if (tables_.CnxOut(i).Status() != 0
+            && ++connections[slots_[i].exchanger] >= std::max(1, connectionsPerExchanger))
             busy.insert(slots_[i].exchanger);
     }
     return busy;

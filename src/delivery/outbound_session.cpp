@@ -101,6 +101,8 @@ OutboundSession::OutboundSession(Logs& logs, const Settings& settings, AddressRe
     connect(&socket_, &QSslSocket::connected, this, &OutboundSession::connected);
     connect(&socket_, &QSslSocket::readyRead, this, &OutboundSession::dataArrived);
     connect(&socket_, &QSslSocket::bytesWritten, this, &OutboundSession::bytesWritten);
+    // Over TLS the text is encrypted at once; the network drains the encrypted bytes later.
+    connect(&socket_, &QSslSocket::encryptedBytesWritten, this, &OutboundSession::bytesWritten);
     connect(&socket_, &QSslSocket::encrypted, this, &OutboundSession::encrypted);
     // Queued: a socket may report a failure from inside a call made by another handler.
     connect(&socket_, &QSslSocket::errorOccurred, this, &OutboundSession::socketError, Qt::QueuedConnection);
@@ -249,7 +251,7 @@ void OutboundSession::bytesWritten()
         return;
     if (!textEnded_)
         pumpText();
-    else if (socket_.bytesToWrite() == 0)
+    else if (socket_.bytesToWrite() + socket_.encryptedBytesToWrite() == 0)
         setState(Written);
 }
 
@@ -631,9 +633,11 @@ void OutboundSession::endTransaction(DeliveryOutcome outcome)
     const int32_t state = cnx_.Status();
     const bool inTransaction = state == MailSent || state == LastRcptSent || state == DataSent
         || state == DataUnwanted || state == Writing || state == Written;
-    const bool clean = inTransaction && owed_ == 0 && !reader_.hasPartialReply()
-        && (state != Writing || textEnded_) && socket_.state() == QAbstractSocket::ConnectedState;
-    finish(std::move(outcome), clean ? Ending::Hold : Ending::Quit);
+    const bool textCutShort = state == Writing && !textEnded_;
+    const bool clean = inTransaction && owed_ == 0 && !reader_.hasPartialReply() && !textCutShort
+        && socket_.state() == QAbstractSocket::ConnectedState;
+    // In the middle of the text a QUIT would be text too: the connection is cut instead.
+    finish(std::move(outcome), clean ? Ending::Hold : textCutShort ? Ending::Drop : Ending::Quit);
 }
 
 bool OutboundSession::canTakeAnother() const

@@ -99,6 +99,7 @@ void OutboundSession::sendSecret(const QByteArray& command, const QByteArray& sh
     logs_.DbgAdd("<FONT COLOR='#0000FF'>Send to SMTPDISTANT[" + number(slot_) + "]: " + message().ID + " " + shown
                  + "\r\n</FONT><BR>");
     socket_.write(command + "\r\n");
+    ++owed_;
 }
 
 } // namespace postiq

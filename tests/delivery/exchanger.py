@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """A real mail exchanger for the delivery tests: aiosmtpd on the given address, saving each
 message it accepts as N.eml (the content as received) and N.env (sender, recipients, whether
-the session was encrypted, the MAIL parameters, one per line). Prints "ready" once listening.
+the session was encrypted, the MAIL parameters, the client's port, one per line). Prints "ready" once listening.
 
   exchanger.py HOST PORT DIR [--tls CERT KEY] [--unknown a@b,c@d] [--greylist] [--trickle]
 
@@ -26,7 +26,7 @@ def option(name, count=1):
     return options[at + 1:at + 1 + count] if count else True
 
 
-def save(mail_from, rcpt_tos, content, encrypted, mail_options):
+def save(mail_from, rcpt_tos, content, encrypted, mail_options, peer_port=0):
     count = len([f for f in os.listdir(folder) if f.endswith(".eml")])
     base = os.path.join(folder, str(count))
     with open(base + ".env.tmp", "wb") as env:
@@ -35,6 +35,7 @@ def save(mail_from, rcpt_tos, content, encrypted, mail_options):
             env.write(b"to=" + rcpt.encode() + b"\n")
         env.write(b"tls=" + (b"yes" if encrypted else b"no") + b"\n")
         env.write(b"options=" + " ".join(mail_options).encode() + b"\n")
+        env.write(b"peer=" + str(peer_port).encode() + b"\n")
     with open(base + ".eml", "wb") as eml:
         eml.write(content)
     os.rename(base + ".env.tmp", base + ".env")
@@ -57,7 +58,7 @@ def run_aiosmtpd():
 
         async def handle_DATA(self, server, session, envelope):
             save(envelope.mail_from, envelope.rcpt_tos, envelope.original_content, session.ssl is not None,
-                 envelope.mail_options)
+                 envelope.mail_options, session.peer[1])
             return "250 2.0.0 Saved"
 
     context = None

@@ -16,6 +16,7 @@ struct SavedMessage {
     bool encrypted = false;
     QByteArray options; // the MAIL FROM parameters
     QByteArray content; // the text as the server read it, unstuffed
+    QByteArray peer;    // the client's port: one per connection
 };
 
 // aiosmtpd (or the byte-by-byte server of the same script) on a loop-back address, for as long
@@ -71,6 +72,8 @@ public:
                     message.encrypted = line.mid(4) == "yes";
                 else if (line.startsWith("options="))
                     message.options = line.mid(8);
+                else if (line.startsWith("peer="))
+                    message.peer = line.mid(5);
             }
             message.content = eml.readAll();
             saved << message;

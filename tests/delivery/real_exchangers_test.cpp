@@ -337,6 +337,13 @@ TEST(RealExchangers, PostfixRefusesOneRecipientOfTwo)
     EXPECT_EQ(b.mailLog("PFX to=<good@mixed.test>").size(), 1);
     EXPECT_TRUE(b.mailLog("PFX to=<good@mixed.test>").value(0).contains("status=sent (250 2.0.0 Ok"));
     EXPECT_EQ(b.mailLog("PFX Error 550").size(), 1);
+    // Postfix offers PIPELINING: MAIL, both RCPTs and DATA went before the reply to MAIL came.
+    const QByteArray debug = b.debugLog();
+    const qsizetype dataSent = debug.indexOf("]: PFX DATA\r\n</FONT>");
+    const qsizetype mailReply = debug.indexOf("]: PFX 250 2.1.0 Ok");
+    ASSERT_GE(dataSent, 0);
+    ASSERT_GE(mailReply, 0);
+    EXPECT_LT(dataSent, mailReply);
     EXPECT_TRUE(b.files("Deferred").isEmpty());
     EXPECT_TRUE(b.files("Error").isEmpty());
 }

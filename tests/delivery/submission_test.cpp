@@ -169,6 +169,29 @@ TEST(Submission, ImplicitTlsWithAuthLogin)
     EXPECT_FALSE(b.allLogsAndQueues().contains(kPassword.toBase64()));
 }
 
+// Two messages through the provider: one connection, one TLS handshake and one login, then each
+// message in its own transaction after RSET.
+TEST(Submission, OneLoginForSeveralMessages)
+{
+    SubmissionBench b;
+    b.route("smtp://");
+    b.queue("TWO1", {"<a@dst.test>"});
+    b.queue("TWO2", {"<b@dst.test>"});
+    b.dispatcher.VerifOutBox();
+    ASSERT_TRUE(spinUntil([&] { return b.idle() && b.server.openSessions() == 0 && b.files("OutBox").isEmpty(); },
+                          10000));
+
+    ASSERT_EQ(b.server.sessionCount(), 1);
+    const QList<QByteArray>& commands = b.server.session(0).commands;
+    EXPECT_EQ(commands.count("STARTTLS"), 1);
+    EXPECT_EQ(std::count_if(commands.begin(), commands.end(), [](const QByteArray& c) { return c.startsWith("AUTH"); }),
+              1);
+    EXPECT_EQ(commands.count("RSET"), 1);
+    EXPECT_EQ(commands.count("DATA"), 2);
+    EXPECT_EQ(b.mailLog("status=sent (250 2.0.0 Queued as SUB)").size(), 2);
+    EXPECT_EQ(b.mailLog(" reusing connection to " + b.hostPort() + " [127.0.0.1]").size(), 1);
+}
+
 // A refused login, and a STARTTLS that is missing or refused, each fail the connection: the
 // message waits in Deferred with its reason, and the mail is never sent in clear.
 TEST(Submission, RefusedLoginAndMissingStartTlsDefer)

@@ -14,6 +14,8 @@ struct FakeExchanger::Connection {
     bool inData = false;
     int recipients = 0;
     int resets = 0;
+    int rcpts = 0;    // RCPT commands of this transaction
+    int accepted = 0; // those that got a 2xx
     QByteArray body; // the transaction's data so far
     bool mute = false;      // silent or closed: nothing more is said
     std::deque<Step> steps; // a delayed step holds back the ones behind it
@@ -107,12 +109,18 @@ void FakeExchanger::handleLine(Connection& connection, const QByteArray& line)
     if (verb == "HELO" || verb == "EHLO") {
         perform(connection, script.helo);
     } else if (verb == "MAIL") {
+        connection.rcpts = 0;
+        connection.accepted = 0;
         perform(connection, script.mail);
     } else if (verb == "RCPT") {
-        perform(connection, script.forRcpt(connection.recipients++));
+        const Step& step = script.forRcpt(connection.recipients++);
+        ++connection.rcpts;
+        connection.accepted += step.text.startsWith('2') ? 1 : 0;
+        perform(connection, step);
     } else if (verb == "DATA") {
         // What follows a go-ahead is content, even before the go-ahead has left.
-        const Step& step = script.data;
+        const bool allRefused = connection.rcpts > 0 && connection.accepted == 0;
+        const Step& step = allRefused ? script.dataWithoutRecipients : script.data;
         connection.inData = !connection.mute && step.action != Step::CloseInstead && step.action != Step::Silent
             && step.text.startsWith('3');
         perform(connection, step);

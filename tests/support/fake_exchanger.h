@@ -40,6 +40,8 @@ struct ExchangerScript {
     QList<Step> rcpt;                              // by recipient index over the connection, from 0
     Step otherRcpt = reply("250 2.1.5 Recipient OK"); // for the indexes beyond `rcpt`
     Step data = reply("354 Start mail input; end with <CRLF>.<CRLF>");
+    // DATA after every RCPT of the transaction was refused (pipelined commands): refused, as it must be.
+    Step dataWithoutRecipients = reply("554 5.5.1 Error: no valid recipients");
     Step endOfData = reply("250 2.0.0 Queued as FAKE");
     Step quit = reply("221 2.0.0 Bye");
     QList<Step> rset;                              // by RSET index over the connection, from 0

@@ -136,6 +136,8 @@ void FakeSubmissionServer::handleLine(Connection& connection, const QByteArray& 
     } else if (verb == "DATA") {
         connection.inData = true;
         socket.write("354 Go ahead\r\n");
+    } else if (verb == "RSET") {
+        socket.write("250 2.0.0 Reset\r\n");
     } else if (verb == "QUIT") {
         socket.write("221 2.0.0 Bye\r\n");
         socket.disconnectFromHost();
