@@ -160,7 +160,8 @@ public:
 
     // At start-up, before anything else touches the queue: removes the staging files that no live
     // process is writing (they were never acknowledged) and keeps one copy of a message found in
-    // two folders (the one written last, which is the move's destination; OutBox on a tie).
+    // two folders (the one written last, which is the move's destination; OutBox on a tie). The
+    // same scan builds the index.
     QueueLeftovers clearLeftovers() const;
 
     // ---- watching (a queue window, the in-memory index) ----
