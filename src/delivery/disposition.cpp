@@ -1,13 +1,13 @@
 #include "delivery/disposition.h"
 
+#include <QFile>
+
 #include "config/settings.h"
 #include "delivery/error_trap.h"
 #include "delivery/socket_errors.h"
 #include "log/dates.h"
 #include "log/logs.h"
 #include "store/message.h"
-
-#include <QFile>
 
 namespace postiq {
 
