@@ -67,8 +67,8 @@ struct QueueLeftovers {
 //
 // Besides the files, the queue keeps which names are taken by a delivery in progress (claim), so
 // that the commands of the command line do not delete a message under a running delivery, and an
-// index of OutBox and Deferred in memory (built from one scan when first asked, then kept by the
-// queue's own changes), so that the next message to send and the next deferred file to fall due
+// index of OutBox and Deferred in memory (built by the start's scan, or when first asked, then
+// kept by the queue's own changes), so that the next message to send and the next deferred file to fall due
 // are found at once however many files wait.
 //
 // A move or rewrite never needs the text in memory: the caller gives the record's fields before
