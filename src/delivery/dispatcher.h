@@ -30,8 +30,10 @@ class Settings;
 // the slot on to the next host. Mail leaves at once: a new queue file (queueChanged), a freed
 // slot, a notice and a deferred file that falls due each start a dispatch within milliseconds;
 // the sessions' milestones call VerifOutBox, which chains the dispatch of the whole queue. The
-// two 10-second timers remain as a backstop. Every file is found through the queue's index, never
-// by listing a folder, so a dispatch costs the same however many files wait.
+// two 10-second timers remain as a backstop. Files are found through the queue's index, never by
+// listing Deferred, so a dispatch costs the same however many files wait; OutBox alone is listed
+// again, for what was written past the queue (at the tick, after a message is stored, and when
+// the index holds nothing left to send).
 class Dispatcher : public QObject {
     Q_OBJECT
 public:

@@ -1,13 +1,13 @@
 #include "delivery/disposition.h"
 
+#include <QFile>
+
 #include "config/settings.h"
 #include "delivery/error_trap.h"
 #include "delivery/socket_errors.h"
 #include "log/dates.h"
 #include "log/logs.h"
 #include "store/message.h"
-
-#include <QFile>
 
 namespace postiq {
 
@@ -18,6 +18,11 @@ const QByteArray kNotRoutable =
 QByteArray number(int n) { return QByteArray::number(n); }
 // The OutBox file's queue name.
 QByteArray nameOf(const DispositionInput& in) { return QFile::encodeName(in.file); }
+// What follows a bounce that replaces the message: the OutBox file goes.
+std::function<void()> removing(const Queue& queue, const DispositionInput& in)
+{
+    return [&queue, &in] { queue.remove(QueueFolder::OutBox, nameOf(in)); };
+}
 } // namespace
 
 struct Disposition::Facts {
@@ -163,7 +168,7 @@ NextStep Disposition::giveUp(Facts& facts)
         one.diagnostic = detail;
         fates << one;
     }
-    noticeThen(facts, NoticeKind::Bounce, fates, [&] { queue_.remove(QueueFolder::OutBox, nameOf(facts.in)); });
+    noticeThen(facts, NoticeKind::Bounce, fates, removing(queue_, facts.in));
     return NextStep::Release;
 }
 
@@ -185,7 +190,7 @@ NextStep Disposition::bounceAll(Facts& facts)
         mailLog(refusalLine(facts, message.RcptTo(i), reply) + "return error to=" + message.From);
         fates << fate(facts, message.RcptTo(i), reply, true);
     }
-    noticeThen(facts, NoticeKind::Bounce, fates, [&] { queue_.remove(QueueFolder::OutBox, nameOf(facts.in)); });
+    noticeThen(facts, NoticeKind::Bounce, fates, removing(queue_, facts.in));
     return NextStep::Release;
 }
 
@@ -223,7 +228,7 @@ NextStep Disposition::bounceNoRoute(Facts& facts)
     QList<RecipientFate> fates;
     for (int i = 1; i <= message.MRcptToCount(); ++i)
         fates << fate(facts, message.RcptTo(i), facts.in.outcome.reply, true);
-    noticeThen(facts, NoticeKind::Bounce, fates, [&] { queue_.remove(QueueFolder::OutBox, nameOf(facts.in)); });
+    noticeThen(facts, NoticeKind::Bounce, fates, removing(queue_, facts.in));
     return NextStep::Release;
 }
 

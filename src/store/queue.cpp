@@ -73,8 +73,11 @@ void writeDurably(const QString& to, const QString& from, const CMessage* head)
     QFile::remove(staging); // a copy of an earlier attempt that failed
     LockedNewFile copy;
     int number = 0;
-    bool written = copy.create(staging, &number);
-    if (written && !first.isEmpty())
+    if (!copy.create(staging, &number))
+        throw QueueFault(ErrAccessDenied, QStringLiteral("Cannot create '%1': %2").arg(staging, systemError(number)),
+                         IsDiskFull(number));
+    bool written = true;
+    if (!first.isEmpty())
         written = copy.write(first.constData(), first.size(), &number);
     while (written && left > 0) {
         const QByteArray chunk = source.read(std::min<qint64>(left, kChunk));
@@ -630,6 +633,7 @@ QueueLeftovers Queue::clearLeftovers() const
 {
     QueueLeftovers found;
     QHash<QByteArray, QList<QueueEntry>> copies;
+    QList<QueueEntry> listed; // in each folder's own order
     for (const QueueFolder folder : kQueueFolders) {
         const QDir dir(folderPath(folder));
         const QStringList hidden = dir.entryList({QStringLiteral(".*.new")}, QDir::Files | QDir::Hidden);
@@ -640,8 +644,10 @@ QueueLeftovers Queue::clearLeftovers() const
             if (QFile::remove(path))
                 ++found.stagingFiles;
         }
-        for (const QueueEntry& entry : list(folder))
+        for (const QueueEntry& entry : list(folder)) {
             copies[entry.name].append(entry);
+            listed.append(entry);
+        }
     }
     for (const QList<QueueEntry>& same : std::as_const(copies)) {
         if (same.size() < 2)
@@ -658,6 +664,9 @@ QueueLeftovers Queue::clearLeftovers() const
             try {
                 remove(same[i].folder, same[i].name);
                 ++found.duplicates;
+                listed.removeIf([&](const QueueEntry& entry) {
+                    return entry.folder == same[i].folder && entry.name == same[i].name;
+                });
             } catch (const QueueFault&) {
                 // left for the next start; both copies are whole
             }
@@ -669,6 +678,15 @@ QueueLeftovers Queue::clearLeftovers() const
             SyncFolderOf(folderPath(folder) + QStringLiteral("/."), &ignored);
         }
     }
+    // The start's one scan builds the index too, so that the first dispatch finds it ready.
+    QueueIndex built;
+    for (const QueueEntry& entry : std::as_const(listed)) {
+        if (entry.folder == QueueFolder::OutBox)
+            built.addOutBox(entry.name);
+        else if (entry.folder == QueueFolder::Deferred)
+            built.addDeferred(entry.name, entry.modified);
+    }
+    index_ = std::move(built);
     return found;
 }
 

@@ -67,8 +67,8 @@ struct QueueLeftovers {
 //
 // Besides the files, the queue keeps which names are taken by a delivery in progress (claim), so
 // that the commands of the command line do not delete a message under a running delivery, and an
-// index of OutBox and Deferred in memory (built from one scan when first asked, then kept by the
-// queue's own changes), so that the next message to send and the next deferred file to fall due
+// index of OutBox and Deferred in memory (built by the start's scan, or when first asked, then
+// kept by the queue's own changes), so that the next message to send and the next deferred file to fall due
 // are found at once however many files wait.
 //
 // A move or rewrite never needs the text in memory: the caller gives the record's fields before
@@ -160,7 +160,8 @@ public:
 
     // At start-up, before anything else touches the queue: removes the staging files that no live
     // process is writing (they were never acknowledged) and keeps one copy of a message found in
-    // two folders (the one written last, which is the move's destination; OutBox on a tie).
+    // two folders (the one written last, which is the move's destination; OutBox on a tie). The
+    // same scan builds the index.
     QueueLeftovers clearLeftovers() const;
 
     // ---- watching (a queue window, the in-memory index) ----

@@ -116,6 +116,35 @@ TEST(Dispatcher, ADeferredFileLeavesWhenItFallsDue)
     EXPECT_TRUE(b.mailLog("DUE to=<a@due.test>").value(1).contains("status=sent"));
 }
 
+// Thousands of deferred files not yet due: a new message still leaves at once, none of them moves,
+// and a message that another program drops into OutBox behind the queue's back is found too.
+TEST(Dispatcher, ManyDeferredFilesDoNotDelayANewMessage)
+{
+    DeliveryBench b;
+    FakeExchanger mx;
+    ASSERT_TRUE(mx.listen(QHostAddress(QStringLiteral("127.0.0.14")), 25));
+    b.mx("dst.test", {{10, "127.0.0.14"}});
+    b.queue("TEMPLATE", {"<b@dst.test>"}, "x\r\n", 1, false, "Deferred");
+    const QByteArray record = readFile(b.path("Deferred/TEMPLATE"));
+    for (int i = 0; i < 3000; ++i)
+        writeFile(b.path("Deferred/W" + QString::number(i)), record);
+    b.dispatcher.startTimers();
+    b.dispatcher.VerifDeferred(); // the index is built here, from one scan
+
+    b.queue("NEW", {"<b@dst.test>"});
+    QElapsedTimer clock;
+    clock.start();
+    b.dispatcher.queueChanged();
+    ASSERT_TRUE(spinUntil([&] { return b.idle() && mx.sessionCount() == 1 && b.files("OutBox").isEmpty(); }, 5000));
+    EXPECT_LT(clock.elapsed(), 3000);
+    // Written by another process, without a word to this one: the tick's rescan finds it.
+    writeFile(b.path("OutBox/DROP"), readFile(b.path("Deferred/W7")));
+    b.dispatcher.tmrVerifOutBox.setInterval(10);
+    b.dispatcher.enableOutboxTimer();
+    ASSERT_TRUE(spinUntil([&] { return b.idle() && mx.sessionCount() == 2 && b.files("OutBox").isEmpty(); }, 5000));
+    EXPECT_EQ(b.files("Deferred").size(), 3001);
+}
+
 // Every line that begins with a dot gets one more; the end follows the text's own last line end.
 TEST(Dispatcher, TransmissionFormOfTheText)
 {
