@@ -106,9 +106,9 @@ private:
     void unrecognized(const QByteArray& line);
 
     void endOfData();
-    // The message's files, staged for the group commit; `writers` keeps those that must live until
-    // then. Throws QueueFault.
-    QList<StagedFile> stageMessage(QByteArrayList& names, std::vector<std::unique_ptr<QueueWriter>>& writers);
+    // The message's files, staged for the group commit, and their names; `parts` keeps the writers
+    // that must live until then. Throws QueueFault.
+    QList<StagedFile> stageMessage(QByteArrayList& names, std::vector<std::unique_ptr<QueueWriter>>& parts);
     void notStored(const QString& error);
     void committed(const QByteArray& answer);
 
