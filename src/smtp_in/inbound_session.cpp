@@ -229,7 +229,6 @@ void InboundSession::finish()
     finished_ = true;
     idle_.stop();
     writer_.reset(); // an unfinished message leaves nothing
-
     disconnect(socket_, nullptr, this, nullptr);
     server_.tables().ReleaseSmtpLocal(n_);
     server_.sessionEnded(large_);
@@ -309,7 +308,7 @@ void InboundSession::openMessageFile()
         writer_ = server_.queue().open(message_);
         if (EnvelopesByDomain(message_).size() == 1)
             writer_->append(receivedHeader(writer_->name()));
-    } catch (const QueueFault& fault) {
+    } catch (const Fault& fault) {
         cannotStore(fault);
     }
 }
@@ -320,14 +319,14 @@ void InboundSession::writeText(const QByteArray& text)
         return;
     try {
         writer_->append(text);
-    } catch (const QueueFault& fault) {
+    } catch (const Fault& fault) {
         cannotStore(fault);
     }
 }
 
 // A full disk (or any failed write) refuses this message, not the relay: what was written goes at
 // once, the rest of the text is read and dropped, and its end is answered 452.
-void InboundSession::cannotStore(const QueueFault& fault)
+void InboundSession::cannotStore(const Fault& fault)
 {
     writer_.reset();
     storeError_ = fault.description();
@@ -494,7 +493,7 @@ void InboundSession::endOfData()
     QList<StagedFile> files;
     try {
         files = stageMessage(names, *parts);
-    } catch (const QueueFault& fault) {
+    } catch (const Fault& fault) {
         // Nothing of the message stays, and the client may try again on the same session.
         writer_.reset();
         parts->clear();

@@ -46,7 +46,7 @@ public:
     static constexpr qsizetype kMostMessageBytes = 64 * 1024 * 1024;
     // What the socket takes from the system at a time: a message's text goes to disk as it comes,
     // so a session holds little more than this whatever the message's size.
-    static constexpr qint64 kMostArrivalBytes = 256 * 1024;
+    static constexpr qint64 kMostArrivalBytes = 64 * 1024;
     // A session that sends nothing for this long is closed, so that idle clients cannot hold
     // every slot.
     static constexpr std::chrono::milliseconds kIdleLimit = std::chrono::minutes(5);
@@ -84,7 +84,7 @@ private:
     // The message's file from the DATA command on; its text is written as it arrives.
     void openMessageFile();
     void writeText(const QByteArray& text);
-    void cannotStore(const QueueFault& fault);
+    void cannotStore(const Fault& fault);
     QByteArray receivedHeader(const QByteArray& id) const;
     bool overLimit();
     void cutOff(const QByteArray& reply, const QByteArray& logText);
@@ -106,9 +106,9 @@ private:
     void unrecognized(const QByteArray& line);
 
     void endOfData();
-    // The message's files, staged for the group commit; `writers` keeps those that must live until
-    // then. Throws QueueFault.
-    QList<StagedFile> stageMessage(QByteArrayList& names, std::vector<std::unique_ptr<QueueWriter>>& writers);
+    // The message's files, staged for the group commit, and their names; `parts` keeps the writers
+    // that must live until then. Throws QueueFault.
+    QList<StagedFile> stageMessage(QByteArrayList& names, std::vector<std::unique_ptr<QueueWriter>>& parts);
     void notStored(const QString& error);
     void committed(const QByteArray& answer);
 

@@ -87,9 +87,10 @@ struct KilledRelay {
 } // namespace
 
 // Twenty mail programs send while the relay is killed at random moments and started again, with
-// delivery running to an exchanger; a quarter of them send texts of several hundred KB. Every message that was answered "250 Message accepted for
-// delivery" must be delivered or still queued afterwards. A kill between the exchanger's 250 and
-// the removal of the file sends that message again: such duplicates are counted, not failed.
+// delivery running to an exchanger; a quarter of them send texts of several hundred KB. Every
+// message that was answered "250 Message accepted for delivery" must be delivered or still queued
+// afterwards. A kill between the exchanger's 250 and the removal of the file sends that message
+// again: such duplicates are counted, not failed.
 TEST(CrashTest, EveryAcceptedMessageSurvivesKills)
 {
     const int kills = killCount();

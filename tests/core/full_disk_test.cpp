@@ -186,7 +186,9 @@ TEST_F(FullDiskRelay, AFullDiskRefusesMessagesOneByOneAndTheRelayLives)
             .hasMatch();
     })) << readFile(folder + QStringLiteral("/error.txt")).right(2000).constData();
 
-    // Every 250 is a whole queue file, and nothing else is there, not even a staging file.
+    // Every 250 is a whole queue file, and nothing else is there, not even a staging file (the
+    // relay is given time to see the last vanished clients go).
+    spinUntil([&] { return QDir(outBox()).entryList({QStringLiteral(".*")}, QDir::Files | QDir::Hidden).isEmpty(); });
     LogBench bench;
     std::vector<std::string> stored;
     const QStringList entries = QDir(outBox()).entryList(QDir::Files | QDir::Hidden);

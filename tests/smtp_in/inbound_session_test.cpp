@@ -71,16 +71,19 @@ TEST(InboundSession, AnswersEachCommandByStateAndVerb)
 }
 
 // The queue keeps the message as the client wrote it: dots unstuffed, every line end CR LF, 8-bit
-// bytes untouched; only CR LF "." CR LF ends it. On top, a Received header names the file.
+// bytes untouched, a line of any length; only CR LF "." CR LF ends it. On top, a Received header
+// names the file.
 TEST(InboundSession, StoresTheMessageAsWrittenUnderAReceivedHeader)
 {
     SmtpBench bench;
     bench.settings.LocalHostName = QStringLiteral("relay.test");
     ASSERT_TRUE(bench.start());
     const QByteArray sent = "Subject: test\r\n\r\nbody line\r\n..stuffed\r\n...two\r\n.lone\r\nbare LF\nbare CR\r"
-                            "y\n.\r\nz\r\n.\nnot the end\r\n\x80\xff\r\n" + QByteArray(998, 'w') + "\r\n";
+                            "y\n.\r\nz\r\n.\nnot the end\r\n\x80\xff\r\n" + QByteArray(998, 'w') + "\r\n"
+        + ".." + QByteArray(200 * 1024, 'L') + "..\r\n";
     const QByteArray written = "Subject: test\r\n\r\nbody line\r\n.stuffed\r\n..two\r\n.lone\r\nbare LF\r\nbare CR\r\n"
-                               "y\r\n.\r\nz\r\n.\r\nnot the end\r\n\x80\xff\r\n" + QByteArray(998, 'w') + "\r\n";
+                               "y\r\n.\r\nz\r\n.\r\nnot the end\r\n\x80\xff\r\n" + QByteArray(998, 'w') + "\r\n"
+                               + "." + QByteArray(200 * 1024, 'L') + "..\r\n"; // a line longer than any buffer
     Client client(bench.port);
     play(client, kEnvelope + Dialogue{{sent, ""}, {".\r\n", kAccepted}});
     const QStringList files = bench.outBox();
