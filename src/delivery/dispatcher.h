@@ -56,6 +56,10 @@ public:
     // The menu's "Forcer (deferred)": Flush, then a dispatch at once.
     void ForceDeferred();
 
+    // Without a network nothing is dispatched, so that no attempt is spent and no delay notice
+    // written in vain; when it comes back the queue goes at once.
+    void setOnline(bool online);
+
     // Re-enables the outbox timer unless it already runs.
     void enableOutboxTimer();
     // VerifOutBox after the events already pending.
@@ -113,6 +117,7 @@ private:
     AddressResolver addresses_;
     std::array<SlotDelivery, ConnectionTables::kUpperBound + 1> slots_;
     bool dispatchPosted_ = false;
+    bool online_ = true;
 };
 
 } // namespace postiq

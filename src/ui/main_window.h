@@ -9,6 +9,7 @@ class QTableWidget;
 namespace postiq {
 
 class CConnexion;
+class LanguageTable;
 
 // The small main window: the title, the resolver's version and one grid row per busy connection
 // slot. Its close box only hides it; the program ends through the menu.
@@ -17,7 +18,10 @@ class MainWindow : public QWidget {
 public:
     enum Column { ColType, ColNumber, ColPeer, ColState, ColMessageId, ColFile, ColumnCount };
 
-    explicit MainWindow(QWidget* parent = nullptr);
+    // The language gives the words the window composes itself: the grid's headings and states.
+    explicit MainWindow(const LanguageTable& language, QWidget* parent = nullptr);
+    // The headings in the language loaded since the window was made.
+    void relabelGrid();
 
     void setTitle(const QString& caption, const QString& title);
     void setLookupVersion(const QString& text);
@@ -39,6 +43,7 @@ private:
     QLabel* title_ = nullptr;
     QLabel* lookupVersion_ = nullptr;
     QTableWidget* grid_ = nullptr;
+    const LanguageTable& language_;
     bool closeAllowed_ = false;
 };
 
