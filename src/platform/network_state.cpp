@@ -8,9 +8,12 @@ namespace {
 
 class ReachabilityState : public NetworkState {
 public:
+    // NetworkManager's word only: it knows when the computer is connected. Qt's other backend
+    // (GLib's netlink monitor) calls a computer with no default route disconnected, which a
+    // relay handing mail to a server on this computer or its own network is not.
     ReachabilityState()
     {
-        if (!QNetworkInformation::loadBackendByFeatures(QNetworkInformation::Feature::Reachability))
+        if (!QNetworkInformation::loadBackendByName(QStringLiteral("networkmanager")))
             return;
         QNetworkInformation* information = QNetworkInformation::instance();
         online_ = isOnline(information->reachability());

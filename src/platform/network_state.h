@@ -18,8 +18,8 @@ signals:
     void onlineChanged(bool online);
 };
 
-// The system's report (Qt's network information, reachability). Where no backend can tell, it
-// stays online for good, so that delivery works as it always has.
+// NetworkManager's report, through Qt's network information (reachability). Where it does not
+// run, the computer counts as online for good, so that delivery works as it always has.
 std::unique_ptr<NetworkState> SystemNetworkState();
 
 } // namespace postiq

@@ -9,6 +9,7 @@
 
 #include "platform/keyring.h"
 #include "support/fakes.h"
+#include "support/mail_client.h"
 
 using namespace postiq;
 using namespace postiq::test;
