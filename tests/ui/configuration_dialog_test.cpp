@@ -3,7 +3,6 @@
 #include <QFile>
 #include <QLabel>
 #include <QLineEdit>
-#include <QMap>
 #include <QPushButton>
 #include <QRadioButton>
 #include <QSpinBox>
@@ -11,8 +10,8 @@
 #include <QTreeWidget>
 #include <gtest/gtest.h>
 
-#include "platform/keyring.h"
 #include "support/mail_client.h"
+#include "support/memory_keyring.h"
 #include "ui/desktop_bench.h"
 
 using namespace postiq;
@@ -249,40 +248,17 @@ TEST_F(DialogFixture, ThePasswordFieldWritesItsOwnFileOnly)
 
 namespace {
 
-// A keyring in memory that answers from the event loop, or says that nobody answers.
-class MemoryKeyring : public Keyring {
-public:
-    explicit MemoryKeyring(QMap<QString, QByteArray>& entries, bool answers = true)
-        : entries_(entries), answers_(answers) {}
-
-    void read(const QString& key, QObject* context, Answer answer) override
-    {
-        const KeyringAnswer said = !answers_ ? KeyringAnswer{KeyringAnswer::NoKeyring, {}, "no keyring"}
-            : entries_.contains(key)       ? KeyringAnswer{KeyringAnswer::Done, entries_.value(key), {}}
-                                           : KeyringAnswer{KeyringAnswer::NotFound, {}, {}};
-        QMetaObject::invokeMethod(context, [answer, said] { answer(said); }, Qt::QueuedConnection);
-    }
-    void write(const QString& key, const QByteArray& secret, QObject* context, Answer answer) override
-    {
-        if (answers_)
-            entries_[key] = secret;
-        const KeyringAnswer said{answers_ ? KeyringAnswer::Done : KeyringAnswer::NoKeyring, {}, {}};
-        QMetaObject::invokeMethod(context, [answer, said] { answer(said); }, Qt::QueuedConnection);
-    }
-
-private:
-    QMap<QString, QByteArray>& entries_;
-    bool answers_;
-};
-
 struct KeyringDialog {
-    QMap<QString, QByteArray> entries;
     DesktopBench bench;
+    MemoryKeyring* keyring = nullptr;
     ConfigurationDialog* dialog = nullptr;
 
     explicit KeyringDialog(bool answers)
     {
-        bench.keyring = std::make_unique<MemoryKeyring>(entries, answers);
+        auto memory = std::make_unique<MemoryKeyring>();
+        memory->answers = answers;
+        keyring = memory.get();
+        bench.keyring = std::move(memory);
         bench.start();
         bench.shell->openConfiguration();
         dialog = bench.shell->configurationDialog();
@@ -305,8 +281,8 @@ TEST(DialogKeyring, ThePasswordGoesIntoTheKeyringWhereOneAnswers)
     EXPECT_FALSE(k.says("lblPasswordInFile"));
     k.writePassword("s3cret");
     const QString key = "smtp-password " + k.bench.dir.path();
-    ASSERT_TRUE(spinUntil([&] { return k.entries.contains(key); }, 2000));
-    EXPECT_EQ(k.entries.value(key), QByteArray("s3cret"));
+    ASSERT_TRUE(spinUntil([&] { return k.keyring->entries.contains(key); }, 2000));
+    EXPECT_EQ(k.keyring->entries.value(key), QByteArray("s3cret"));
     EXPECT_FALSE(QFile::exists(k.bench.path("smtp-password")));
     EXPECT_TRUE(control<QLineEdit>(*k.dialog, "txtSmtpPassword").text().isEmpty());
     EXPECT_TRUE(k.says("lblPasswordInKeyring"));
