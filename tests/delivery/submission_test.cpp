@@ -189,7 +189,7 @@ TEST(Submission, RefusedLoginAndMissingStartTlsDefer)
     b.server.setScript(refused);
     b.deliver("REFUSED", "<>");
 
-    ASSERT_EQ(b.server.sessionCount(), 3);
+    ASSERT_EQ(b.server.sessionCount(), 3) << readFile(b.path("maillog.txt")).constData();
     EXPECT_EQ(b.server.session(0).commands.size(), 4) << "no MAIL after the 535";
     EXPECT_EQ(b.server.session(1).commands, QList<QByteArray>{"EHLO relay.test"});
     EXPECT_EQ(b.server.session(2).commands, (QList<QByteArray>{"EHLO relay.test", "STARTTLS"}));
@@ -260,7 +260,7 @@ TEST(Submission, PasswordFileMustBeTheUsersAlone)
 TEST(Submission, ThePasswordComesFromTheKeyringFirstElseFromTheFile)
 {
     SubmissionBench b;
-    b.route("smtps://");
+    b.route("smtp://");
     MemoryKeyring keyring;
     b.settings.keyring = &keyring;
     const QString file = b.path(QStringLiteral("smtp-password"));
@@ -275,7 +275,7 @@ TEST(Submission, ThePasswordComesFromTheKeyringFirstElseFromTheFile)
     keyring.entries.clear();
     b.deliver("NOTFOUND");
 
-    ASSERT_EQ(b.server.sessionCount(), 3);
+    ASSERT_EQ(b.server.sessionCount(), 3) << readFile(b.path("maillog.txt")).constData();
     for (int i = 0; i < 3; ++i)
         EXPECT_TRUE(b.server.session(i).loggedIn) << i;
     EXPECT_TRUE(b.files("OutBox").isEmpty());
