@@ -1,5 +1,6 @@
 #include "platform/network_state.h"
 
+#include <QFileInfo>
 #include <QNetworkInformation>
 
 namespace postiq {
@@ -13,7 +14,8 @@ public:
     // relay handing mail to a server on this computer or its own network is not.
     ReachabilityState()
     {
-        if (!QNetworkInformation::loadBackendByName(QStringLiteral("networkmanager")))
+        // Without a system bus there is no NetworkManager to ask, nor any plugin to load.
+        if (!systemBusAdvertised() || !QNetworkInformation::loadBackendByName(QStringLiteral("networkmanager")))
             return;
         QNetworkInformation* information = QNetworkInformation::instance();
         online_ = isOnline(information->reachability());
@@ -30,6 +32,12 @@ public:
     bool online() const override { return online_; }
 
 private:
+    static bool systemBusAdvertised()
+    {
+        return !qEnvironmentVariableIsEmpty("DBUS_SYSTEM_BUS_ADDRESS")
+            || QFileInfo::exists(QStringLiteral("/run/dbus/system_bus_socket"));
+    }
+
     static bool isOnline(QNetworkInformation::Reachability reachability)
     {
         return reachability != QNetworkInformation::Reachability::Disconnected;
