@@ -365,21 +365,28 @@ void ConfigurationDialog::btnWrite_Click()
         applyWritten_();
 }
 
+// A text field with its label above it, as the settings have, but no check box of its own.
+QLineEdit* ConfigurationDialog::addField(QWidget* page, const QString& name, const QString& caption)
+{
+    auto* column = static_cast<QVBoxLayout*>(page->layout());
+    auto* label = new QLabel(caption, page);
+    label->setObjectName(QStringLiteral("lbl") + name);
+    column->addWidget(label);
+    auto* field = new QLineEdit(page);
+    field->setObjectName(QStringLiteral("txt") + name);
+    field->setMinimumWidth(220);
+    auto* line = new QHBoxLayout;
+    line->addSpacing(12);
+    line->addWidget(field);
+    line->addStretch(1);
+    column->addLayout(line);
+    return field;
+}
+
 // The login of a provider's server goes with SmtpServer and its check box.
 void ConfigurationDialog::addServerUser(QWidget* page)
 {
-    auto* column = static_cast<QVBoxLayout*>(page->layout());
-    auto* label = new QLabel(QStringLiteral("Utilisateur (identifiant chez le fournisseur):"), page);
-    label->setObjectName(QStringLiteral("lblSmtpUser"));
-    column->addWidget(label);
-    user_ = new QLineEdit(page);
-    user_->setObjectName(QStringLiteral("txtSmtpUser"));
-    user_->setMinimumWidth(220);
-    auto* line = new QHBoxLayout;
-    line->addSpacing(12);
-    line->addWidget(user_);
-    line->addStretch(1);
-    column->addLayout(line);
+    user_ = addField(page, QStringLiteral("SmtpUser"), QStringLiteral("Utilisateur (identifiant chez le fournisseur):"));
     connect(page->findChild<QCheckBox*>(QStringLiteral("SmtpServerDefault")), &QCheckBox::toggled, user_,
             &QWidget::setEnabled);
 }
@@ -390,19 +397,9 @@ void ConfigurationDialog::addServerUser(QWidget* page)
 // stored password as it is.
 void ConfigurationDialog::addPassword(QWidget* page)
 {
-    auto* column = static_cast<QVBoxLayout*>(page->layout());
-    auto* label = new QLabel(QStringLiteral("Mot de passe du serveur SMTP:"), page);
-    label->setObjectName(QStringLiteral("lblSmtpPassword"));
-    column->addWidget(label);
-    password_ = new QLineEdit(page);
-    password_->setObjectName(QStringLiteral("txtSmtpPassword"));
+    password_ = addField(page, QStringLiteral("SmtpPassword"), QStringLiteral("Mot de passe du serveur SMTP:"));
     password_->setEchoMode(QLineEdit::Password);
-    password_->setMinimumWidth(220);
-    auto* line = new QHBoxLayout;
-    line->addSpacing(12);
-    line->addWidget(password_);
-    line->addStretch(1);
-    column->addLayout(line);
+    auto* column = static_cast<QVBoxLayout*>(page->layout());
     passwordInKeyring_ = new QLabel(QStringLiteral("Le mot de passe est gardé dans le trousseau du bureau."), page);
     passwordInKeyring_->setObjectName(QStringLiteral("lblPasswordInKeyring"));
     passwordInFile_ = new QLabel(

@@ -77,6 +77,7 @@ private:
                    bool CConfiguration::*flag);
     void addLanguage(QWidget* page);
     void fillLanguages();
+    QLineEdit* addField(QWidget* page, const QString& name, const QString& caption);
     void addServerUser(QWidget* page);
     void addPassword(QWidget* page);
     // The typed password goes into the keyring, or into its file where no keyring answers.
