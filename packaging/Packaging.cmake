@@ -108,6 +108,8 @@ set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 # libldns is loaded when the first DNS question is asked, so the shared-library scan cannot see it.
 set(CPACK_DEBIAN_PACKAGE_DEPENDS "adduser, libldns3")
+# Qt's own words (the buttons of message boxes) in the language the user chose.
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "qt6-translations-l10n")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${packaging}/postinst ${packaging}/prerm ${packaging}/postrm)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION TRUE)
 

@@ -8,6 +8,8 @@
 
 namespace postiq {
 
+class Keyring;
+
 // The program-wide settings: the four instances with their roles, whether the configuration file
 // has been read, and what was discovered of the computer's network.
 class Settings : public DebugSwitch {
@@ -22,6 +24,9 @@ public:
     QString LocalHostName;
     // Element 0 is the number of servers as decimal text, elements 1..n their addresses.
     QStringList DnsServerList{QStringLiteral("0")};
+
+    // Where the outgoing server's password is looked for first; null: its file only.
+    Keyring* keyring = nullptr;
 
     bool configLoaded() const override { return ConfigLoaded; }
     bool debugMode() const override { return ActiveSettings.DebugMode; }

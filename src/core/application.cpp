@@ -35,6 +35,19 @@ Application::Application(const QString& programFolder, PlatformServices services
 
 Application::~Application() = default;
 
+void Application::setKeyring(std::unique_ptr<Keyring> keyring)
+{
+    keyring_ = std::move(keyring);
+    settings_.keyring = keyring_.get();
+}
+
+QString Application::trayToolTipFor(bool started) const
+{
+    const QString state = started ? language_.text(QStringLiteral("started"), QStringLiteral("Démarré"))
+                                  : language_.text(QStringLiteral("stopped"), QStringLiteral("Arrêté"));
+    return QStringLiteral("Postiq ") + AppVersion() + QStringLiteral(" [") + state + u']';
+}
+
 void Application::refuse(const QString& text)
 {
     services_.desktop.messageBox(QStringLiteral("Postiq"), text, Desktop::Icon::Critical);
@@ -71,8 +84,13 @@ void Application::start()
         tables_->enableOutboxTimer = [this] { dispatcher_->enableOutboxTimer(); };
         // A message just stored leaves at once, not at the next tick of the outbox scan.
         service_->sessions().commitQueue().setStoredHook([this] { dispatcher_->queueChanged(); });
+        if (networkState_) {
+            connect(networkState_.get(), &NetworkState::onlineChanged, dispatcher_.get(), &Dispatcher::setOnline);
+            if (!networkState_->online())
+                dispatcher_->setOnline(false);
+        }
         logs_.setBeforeFatalReport([this] { silenceEverything(); });
-        trayToolTip_ = QStringLiteral("Postiq ") + AppVersion() + QStringLiteral(" [Arrêté]");
+        trayToolTip_ = trayToolTipFor(false);
         if (windowSteps_.trayIcon)
             windowSteps_.trayIcon();
     });
@@ -234,8 +252,7 @@ bool Application::showQueueWindow()
 void Application::showServiceState(bool started)
 {
     serviceStarted_ = started;
-    trayToolTip_ = QStringLiteral("Postiq ") + AppVersion()
-        + (started ? QStringLiteral(" [Démarré]") : QStringLiteral(" [Arrêté]"));
+    trayToolTip_ = trayToolTipFor(started);
     emit serviceStateChanged(started);
 }
 

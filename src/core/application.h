@@ -11,6 +11,8 @@
 #include "dns/dns_cache.h"
 #include "language/language.h"
 #include "log/logs.h"
+#include "platform/keyring.h"
+#include "platform/network_state.h"
 #include "smtp_in/connexion.h"
 #include "smtp_in/smtp_service.h"
 #include "store/queue.h"
@@ -51,6 +53,10 @@ public:
 
     // Before start(): the windows' steps of the start-up sequence.
     void setWindowSteps(WindowSteps steps) { windowSteps_ = std::move(steps); }
+    // Before start(): the desktop keyring, where there is one, for the outgoing server's password.
+    void setKeyring(std::unique_ptr<Keyring> keyring);
+    // Before start(): what tells whether the computer has a network; none: it always has.
+    void setNetworkState(std::unique_ptr<NetworkState> state) { networkState_ = std::move(state); }
 
     // The start-up sequence. A refusal (already running, read-only files, wrong resolver) tells
     // the user and ends the program with status 2; an unexpected fault is the fatal report.
@@ -93,6 +99,8 @@ signals:
 
 private:
     [[noreturn]] void refuse(const QString& text);
+    // "Postiq 3.0 [Démarré]", the state in the chosen language.
+    QString trayToolTipFor(bool started) const;
     void ensureSingleInstance();
     // The resolver, the socket layer and the dictionary: a component that fails to come up is the
     // fatal report, naming it.
@@ -118,6 +126,8 @@ private:
     std::unique_ptr<ConnectionTables> tables_;
     std::unique_ptr<SmtpService> service_;
     std::unique_ptr<Dispatcher> dispatcher_;
+    std::unique_ptr<Keyring> keyring_;
+    std::unique_ptr<NetworkState> networkState_;
 
     QString windowCaption_;
     QString titleText_;

@@ -1,47 +1,59 @@
 #include "core/connection_state_text.h"
 
 #include "delivery/outbound_session.h"
+#include "language/language.h"
 #include "smtp_in/inbound_session.h"
 
 namespace postiq {
 
-QString connectionStateText(const QByteArray& cnxType, int32_t status)
+namespace {
+
+// Each state in words: the language file's TXT_ key and the built-in French.
+struct StateWords {
+    bool inbound;
+    int32_t status;
+    const char* key;
+    const char* french;
+};
+
+constexpr StateWords kStates[] = {
+    {true, Greeted, "stateGreeted", "Accueil envoyé, attente HELO"},
+    {true, HeloDone, "stateHeloDone", "Attente MAIL FROM"},
+    {true, SenderOk, "stateSenderOk", "Attente RCPT TO / DATA"},
+    {true, InData, "stateInData", "Réception du message"},
+    {true, Queued, "stateQueued", "Message enregistré"},
+    {true, Quitting, "stateQuitting", "Fermeture"},
+    {false, Taken, "stateTaken", "Message chargé"},
+    {false, Connecting, "stateConnecting", "Connexion au serveur"},
+    {false, HeloSent, "stateHeloSent", "HELO envoyé"},
+    {false, MailSent, "stateMailSent", "MAIL FROM / RCPT TO envoyé"},
+    {false, LastRcptSent, "stateLastRcptSent", "Destinataires envoyés"},
+    {false, DataSent, "stateDataSent", "DATA envoyé"},
+    {false, Writing, "stateWriting", "Envoi du message"},
+    {false, Written, "stateWritten", "Attente de confirmation"},
+    {false, Finished, "stateFinished", "QUIT envoyé"},
+    {false, EhloSent, "stateEhloSent", "EHLO envoyé"},
+    {false, StartTlsSent, "stateStartTlsSent", "STARTTLS envoyé"},
+    {false, TlsHandshake, "stateTlsHandshake", "Négociation TLS"},
+    {false, SecureEhloSent, "stateSecureEhloSent", "EHLO envoyé (TLS)"},
+    {false, AuthSent, "stateAuthSent", "Authentification envoyée"},
+    {false, AuthLoginSent, "stateAuthLoginSent", "AUTH LOGIN envoyé"},
+    {false, AuthUserSent, "stateAuthUserSent", "Utilisateur envoyé"},
+    {false, ResetSent, "stateResetSent", "RSET envoyé (message suivant)"},
+    {false, DataUnwanted, "stateDataUnwanted", "Aucun destinataire accepté"},
+    {false, Held, "stateHeld", "Connexion ouverte, message suivant"},
+};
+
+} // namespace
+
+QString connectionStateText(const QByteArray& cnxType, int32_t status, const LanguageTable& language)
 {
-    if (cnxType == "IN") {
-        switch (status) {
-        case Greeted: return QStringLiteral("Accueil envoyé, attente HELO");
-        case HeloDone: return QStringLiteral("Attente MAIL FROM");
-        case SenderOk: return QStringLiteral("Attente RCPT TO / DATA");
-        case InData: return QStringLiteral("Réception du message");
-        case Queued: return QStringLiteral("Message enregistré");
-        case Quitting: return QStringLiteral("Fermeture");
-        default: break;
-        }
-    } else {
-        switch (status) {
-        case Taken: return QStringLiteral("Message chargé");
-        case Connecting: return QStringLiteral("Connexion au serveur");
-        case HeloSent: return QStringLiteral("HELO envoyé");
-        case MailSent: return QStringLiteral("MAIL FROM / RCPT TO envoyé");
-        case LastRcptSent: return QStringLiteral("Destinataires envoyés");
-        case DataSent: return QStringLiteral("DATA envoyé");
-        case Writing: return QStringLiteral("Envoi du message");
-        case Written: return QStringLiteral("Attente de confirmation");
-        case Finished: return QStringLiteral("QUIT envoyé");
-        case EhloSent: return QStringLiteral("EHLO envoyé");
-        case StartTlsSent: return QStringLiteral("STARTTLS envoyé");
-        case TlsHandshake: return QStringLiteral("Négociation TLS");
-        case SecureEhloSent: return QStringLiteral("EHLO envoyé (TLS)");
-        case AuthSent: return QStringLiteral("Authentification envoyée");
-        case AuthLoginSent: return QStringLiteral("AUTH LOGIN envoyé");
-        case AuthUserSent: return QStringLiteral("Utilisateur envoyé");
-        case ResetSent: return QStringLiteral("RSET envoyé (message suivant)");
-        case DataUnwanted: return QStringLiteral("Aucun destinataire accepté");
-        case Held: return QStringLiteral("Connexion ouverte, message suivant");
-        default: break;
-        }
+    const bool inbound = cnxType == "IN";
+    for (const StateWords& words : kStates) {
+        if (words.inbound == inbound && words.status == status)
+            return language.text(QLatin1String(words.key), QString::fromUtf8(words.french));
     }
-    return QStringLiteral("Etat %1").arg(status);
+    return language.text(QStringLiteral("stateOther"), QStringLiteral("Etat %1")).arg(status);
 }
 
 } // namespace postiq

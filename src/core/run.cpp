@@ -19,7 +19,9 @@
 #include "log/version.h"
 #include "platform/clock.h"
 #include "platform/desktop.h"
+#include "platform/keyring.h"
 #include "platform/linux_network.h"
+#include "platform/network_state.h"
 #include "platform/program_folder.h"
 #include "platform/quit_signals.h"
 #include "platform/xdg_registry.h"
@@ -188,6 +190,8 @@ int runPostiq(int argc, char** argv)
     SystemClock clock;
 
     Application application(absoluteFolder, {desktop, registry, network, clock});
+    application.setKeyring(SessionKeyring());
+    application.setNetworkState(SystemNetworkState());
     std::unique_ptr<QObject> shell;
     if (face)
         shell = face->attach(application, updateServer());

@@ -115,7 +115,7 @@ void Dispatcher::outboxTick()
 void Dispatcher::VerifOutBox()
 {
     Trapped(logs_, "D:MODULE[VerifOutBox]", [&] {
-        if (settings_.ActiveSettings.KeepLocal)
+        if (settings_.ActiveSettings.KeepLocal || !online_)
             return;
         if (!freeCnxOut()) {
             // Every slot is busy: the queue waits for the next release or tick.
@@ -496,6 +496,15 @@ void Dispatcher::ForceDeferred()
 {
     Flush();
     VerifOutBox();
+}
+
+void Dispatcher::setOnline(bool online)
+{
+    online_ = online;
+    if (online) {
+        enableOutboxTimer();
+        queueChanged();
+    }
 }
 
 int Dispatcher::deferredDelaySeconds() const

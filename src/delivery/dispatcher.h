@@ -62,6 +62,10 @@ public:
     // The menu's "Forcer (deferred)": Flush, then a dispatch at once.
     void ForceDeferred();
 
+    // Without a network nothing is dispatched, so that no attempt is spent and no delay notice
+    // written in vain; when it comes back the queue goes at once.
+    void setOnline(bool online);
+
     // Re-enables the outbox timer unless it already runs.
     void enableOutboxTimer();
     // VerifOutBox after the events already pending.
@@ -152,6 +156,7 @@ private:
     // OutBox files that could neither be read nor set aside: passed over until the next tick, so
     // that one broken file does not keep the dispatcher busy.
     QSet<QByteArray> unreadable_;
+    bool online_ = true;
 };
 
 } // namespace postiq

@@ -147,8 +147,14 @@ void OutboundSession::start()
     cnx_.SrvClient = target_.shownHost;
     setState(Connecting);
     armWatchdog(timeouts_.connect);
-    if (target_.route.submission() && !target_.route.user.isEmpty() && !readPassword())
-        return;
+    if (target_.route.submission() && !target_.route.user.isEmpty())
+        lookUpPassword(); // then resolveHost()
+    else
+        resolveHost();
+}
+
+void OutboundSession::resolveHost()
+{
     // The name is resolved here rather than by the socket, so that a failure can name the
     // address that refused, and a name that does not resolve is "host not found". Exchangers are
     // asked of the DNS server that named them; a fixed server is found as the computer finds it.

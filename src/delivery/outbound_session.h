@@ -150,7 +150,10 @@ private:
     void permanentFailure(const ServerReply& reply);
     void nonsense(const ServerReply& reply);
 
+    void resolveHost();
+
     // The provider route's opening (submission.cpp).
+    void lookUpPassword();
     bool readPassword();
     void authenticate(const ServerReply& reply);
     void sendSecret(const QByteArray& command, const QByteArray& shown);

@@ -4,18 +4,20 @@
 #include <QDir>
 #include <QSslSocket>
 
+#include "config/settings.h"
+#include "config/smtp_password.h"
+#include "delivery/error_trap.h"
 #include "delivery/outbound_session.h"
 #include "delivery/socket_errors.h"
 #include "log/dates.h"
 #include "log/logs.h"
+#include "platform/keyring.h"
 #include "platform/owner_only_file.h"
 #include "store/message.h"
 
 namespace postiq {
 
 namespace {
-const QByteArray kPasswordFile = "smtp-password";
-
 QByteArray number(int n) { return QByteArray::number(n); }
 
 QByteArray passwordFileProblem(const QString& path, const OwnerOnlyFile& file)
@@ -37,10 +39,32 @@ QByteArray passwordFileProblem(const QString& path, const OwnerOnlyFile& file)
 }
 } // namespace
 
-// The password is read for each connection, so that a corrected file serves at the next try.
+// The password is looked up for each connection, so that a corrected one serves at the next try:
+// in the keyring first; where none answers, or it holds none, in the file.
+void OutboundSession::lookUpPassword()
+{
+    if (!settings_.keyring) {
+        if (readPassword())
+            resolveHost();
+        return;
+    }
+    settings_.keyring->read(SmtpPasswordKey(logs_.folder()), this, [this](const KeyringAnswer& answer) {
+        Trapped(logs_, "M:MAIN[SmtpDistant_Connect]", [&] {
+            if (finished_)
+                return; // the watchdog was quicker
+            if (answer.status == KeyringAnswer::Done) {
+                password_ = answer.secret;
+                resolveHost();
+            } else if (readPassword()) {
+                resolveHost();
+            }
+        });
+    });
+}
+
 bool OutboundSession::readPassword()
 {
-    const QString path = QDir(logs_.folder()).filePath(QString::fromLatin1(kPasswordFile));
+    const QString path = QDir(logs_.folder()).filePath(QString::fromLatin1(kSmtpPasswordFile));
     const OwnerOnlyFile file = ReadOwnerOnlyFile(path);
     if (file.problem == OwnerOnlyFile::None) {
         const qsizetype end = file.content.indexOf('\n');

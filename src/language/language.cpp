@@ -5,6 +5,7 @@
 #include "config/field_reader.h"
 #include "log/logs.h"
 #include "log/dates.h"
+#include "platform/desktop.h"
 #include "platform/program_folder.h"
 
 namespace postiq {
@@ -15,6 +16,18 @@ void checkWordNumber(int number)
 {
     if (number < 1 || number > LanguageTable::kSharedWordCount)
         throw Fault(ErrOutOfRange, QStringLiteral("Subscript out of range: shared word %1").arg(number));
+}
+
+constexpr char kTextsSection[] = "TEXTS";
+
+// A user who chose a language must learn why the windows stay in French.
+void reportMissingFile(Logs& logs, const QString& name)
+{
+    const QString file = name + QStringLiteral(".ini");
+    const QString line = QStringLiteral("Postiq: no language file %1 (looked in %2): the windows stay in French")
+                             .arg(file, LanguageFolders(logs.folder()).join(QStringLiteral(", ")));
+    logs.ErrorLog(GMTDate(logs.clock()) + ' ' + line.toUtf8());
+    logs.desktop().notice(QStringLiteral("Postiq"), line);
 }
 
 } // namespace
@@ -61,8 +74,11 @@ void LanguageTable::LOADFile(Logs& logs, const QString& name)
             if (file.exists())
                 break;
         }
-        if (!file.exists())
+        if (!file.exists()) {
+            if (name != QLatin1String(kBuiltInLanguage))
+                reportMissingFile(logs, name);
             return;
+        }
         if (!file.open(QIODevice::ReadOnly))
             throw Fault(ErrFileAccess,
                         QStringLiteral("Cannot read %1: %2").arg(file.fileName(), file.errorString()));
@@ -72,6 +88,16 @@ void LanguageTable::LOADFile(Logs& logs, const QString& name)
         readEntries(bytes);
         logs.MailLog(GMTDate(logs.clock()) + " Postiq: Chargement du langage");
     });
+}
+
+QString LanguageTable::text(const QString& name, const QString& french) const
+{
+    const QString key = QStringLiteral("TXT_") + name;
+    for (const Row& row : rows_) {
+        if (row.section == QLatin1String(kTextsSection) && row.key == key)
+            return row.value;
+    }
+    return french;
 }
 
 void LanguageTable::readEntries(const QByteArray& bytes)

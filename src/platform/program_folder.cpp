@@ -50,6 +50,8 @@ QString SubfolderPath(const QString& programFolder, const QString& name)
 QStringList LanguageFolders(const QString& programFolder)
 {
     QStringList folders{SubfolderPath(programFolder, QStringLiteral("language"))};
+    // Beside the executable: a build run on another folder (build/language).
+    folders += SubfolderPath(executableFolder(), QStringLiteral("language"));
     folders += QStandardPaths::locateAll(QStandardPaths::GenericDataLocation, QStringLiteral("postiq/language"),
                                          QStandardPaths::LocateDirectory);
     folders.removeDuplicates();

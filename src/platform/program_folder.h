@@ -23,8 +23,9 @@ bool prepareProgramFolder(const QString& dir, QString* error);
 QString SubfolderPath(const QString& programFolder, const QString& name);
 
 // Where language files are looked for, in order: the program folder's own `language` folder,
-// then the copies installed with the program (`postiq/language` under the system's data folders,
-// such as /usr/share). A file in the program folder wins over an installed one of the same name.
+// the one beside the executable (a build's), then the copies installed with the program
+// (`postiq/language` under the system's data folders, such as /usr/share). A file in the program
+// folder wins over the others of the same name.
 QStringList LanguageFolders(const QString& programFolder);
 
 } // namespace postiq

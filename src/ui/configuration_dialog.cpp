@@ -13,11 +13,14 @@
 #include <QSpinBox>
 #include <QStackedWidget>
 #include <QTreeWidget>
+#include <QUrl>
 #include <QVBoxLayout>
 
 #include "config/config_file.h"
 #include "config/settings.h"
+#include "config/smtp_password.h"
 #include "log/logs.h"
+#include "platform/keyring.h"
 #include "platform/owner_only_file.h"
 #include "platform/program_folder.h"
 
@@ -29,11 +32,37 @@ constexpr int kNodeIconRole = Qt::UserRole + 1;
 constexpr int kIconSize = 32;
 
 QString iconPath(const QString& name) { return QStringLiteral(":/icons/") + name + QStringLiteral(".svg"); }
+
+// "smtp://me@example.net@host:587" as the server without its login ("smtp://host:587") and the
+// login ("me@example.net"); the host follows the last "@". A plain "host[:port]" has no login.
+QPair<QString, QString> splitLogin(const QString& server)
+{
+    const qsizetype scheme = server.indexOf(QLatin1String("://"));
+    const qsizetype at = server.lastIndexOf(u'@');
+    if (scheme < 0 || at < scheme)
+        return {server, QString()};
+    return {server.left(scheme + 3) + server.mid(at + 1),
+            QUrl::fromPercentEncoding(server.mid(scheme + 3, at - scheme - 3).toUtf8())};
+}
+
+// The server with `login` put in; an empty login keeps the one written in the server's text.
+QString joinLogin(const QString& server, const QString& login)
+{
+    if (login.isEmpty())
+        return server;
+    const QString bare = splitLogin(server).first;
+    const qsizetype scheme = bare.indexOf(QLatin1String("://"));
+    if (scheme < 0)
+        return server; // a plain server logs in nowhere
+    return bare.left(scheme + 3) + QString::fromLatin1(QUrl::toPercentEncoding(login, "@")) + u'@'
+        + bare.mid(scheme + 3);
+}
 } // namespace
 
-ConfigurationDialog::ConfigurationDialog(Settings& settings, Logs& logs, ConfigLoader& loader, Texts texts,
-                                         QWidget* parent)
-    : QWidget(parent, Qt::Window), settings_(settings), logs_(logs), loader_(loader), texts_(std::move(texts))
+ConfigurationDialog::ConfigurationDialog(Settings& settings, Logs& logs, std::function<void()> applyWritten,
+                                         Texts texts, QWidget* parent)
+    : QWidget(parent, Qt::Window), settings_(settings), logs_(logs), applyWritten_(std::move(applyWritten)),
+      texts_(std::move(texts))
 {
     setObjectName(QStringLiteral("FRMConfiguration"));
     setWindowTitle(QStringLiteral("Configuration Postiq"));
@@ -80,7 +109,7 @@ ConfigurationDialog::ConfigurationDialog(Settings& settings, Logs& logs, ConfigL
     auto* layout = new QHBoxLayout(this);
     layout->addWidget(categories_);
     layout->addLayout(right, 1);
-    resize(640, 340);
+    resize(660, 360);
 
     // Labels first, then the values: the shared words come with the language.
     texts_.relabel(*this);
@@ -124,8 +153,13 @@ void ConfigurationDialog::buildPages()
     addNumber(page, QStringLiteral("ListenPort"), QStringLiteral("Port d'écoute SMTP:"), -32768, 32767,
               [](const CConfiguration& c) { return int(c.ListenPort); },
               [](CConfiguration& c, int v) { c.ListenPort = int16_t(v); }, &CConfiguration::ListenPortDefined);
+
+    page = addPage(QStringLiteral("frmServer"), QStringLiteral("cat_server_7"), QStringLiteral("Serveur sortant"),
+                   QStringLiteral("network16"));
     addText(page, QStringLiteral("SmtpServer"), QStringLiteral("Serveur SMTP (pour tout message sortant):"),
             &CConfiguration::SmtpServer, &CConfiguration::SmtpServerDefined);
+    server_ = page->findChild<QLineEdit*>(QStringLiteral("SmtpServer"));
+    addServerUser(page);
     addPassword(page);
 
     page = addPage(QStringLiteral("frmRelay"), QStringLiteral("cat_relay_6"), QStringLiteral("Relai"), QString());
@@ -308,6 +342,11 @@ void ConfigurationDialog::fillFromSettings()
             control->setEnabled(defined);
         binding.defaultValue->setText(texts_.sharedWord(2) + QStringLiteral(": ") + binding.defaultText(defaults));
     }
+    // The login has a field of its own.
+    const auto [server, login] = splitLogin(server_->text());
+    server_->setText(server);
+    user_->setText(login);
+    user_->setEnabled(server_->isEnabled());
 }
 
 void ConfigurationDialog::btnWrite_Click()
@@ -318,40 +357,94 @@ void ConfigurationDialog::btnWrite_Click()
             binding.take(edit);
             edit.*(binding.flag) = binding.defaultBox->isChecked();
         }
+        edit.SmtpServer = joinLogin(edit.SmtpServer.trimmed(), user_->text().trimmed());
         WriteConf(edit, logs_);
-        writePassword();
     });
-    loader_.ChargerConfig(false);
+    storePassword();
+    if (applyWritten_)
+        applyWritten_();
+}
+
+// A text field with its label above it, as the settings have, but no check box of its own.
+QLineEdit* ConfigurationDialog::addField(QWidget* page, const QString& name, const QString& caption)
+{
+    auto* column = static_cast<QVBoxLayout*>(page->layout());
+    auto* label = new QLabel(caption, page);
+    label->setObjectName(QStringLiteral("lbl") + name);
+    column->addWidget(label);
+    auto* field = new QLineEdit(page);
+    field->setObjectName(QStringLiteral("txt") + name);
+    field->setMinimumWidth(220);
+    auto* line = new QHBoxLayout;
+    line->addSpacing(12);
+    line->addWidget(field);
+    line->addStretch(1);
+    column->addLayout(line);
+    return field;
+}
+
+// The login of a provider's server goes with SmtpServer and its check box.
+void ConfigurationDialog::addServerUser(QWidget* page)
+{
+    user_ = addField(page, QStringLiteral("SmtpUser"), QStringLiteral("Utilisateur (identifiant chez le fournisseur):"));
+    connect(page->findChild<QCheckBox*>(QStringLiteral("SmtpServerDefault")), &QCheckBox::toggled, user_,
+            &QWidget::setEnabled);
 }
 
 // The provider's password is no setting: it never goes into Postiq.ini (which users share and
-// this dialog rewrites) but into its own file, readable by its owner only. The field is never
-// filled from it; an empty field leaves the file as it is.
+// this dialog rewrites) but into the desktop keyring, or, where none answers, into its own file,
+// readable by its owner only. The field is never filled from either; an empty field leaves the
+// stored password as it is.
 void ConfigurationDialog::addPassword(QWidget* page)
 {
-    auto* column = static_cast<QVBoxLayout*>(page->layout());
-    auto* label = new QLabel(QStringLiteral("Mot de passe du serveur SMTP (fichier smtp-password):"), page);
-    label->setObjectName(QStringLiteral("lblSmtpPassword"));
-    column->addWidget(label);
-    password_ = new QLineEdit(page);
-    password_->setObjectName(QStringLiteral("txtSmtpPassword"));
+    password_ = addField(page, QStringLiteral("SmtpPassword"), QStringLiteral("Mot de passe du serveur SMTP:"));
     password_->setEchoMode(QLineEdit::Password);
-    password_->setMinimumWidth(220);
-    auto* line = new QHBoxLayout;
-    line->addSpacing(12);
-    line->addWidget(password_);
-    line->addStretch(1);
-    column->addLayout(line);
+    auto* column = static_cast<QVBoxLayout*>(page->layout());
+    passwordInKeyring_ = new QLabel(QStringLiteral("Le mot de passe est gardé dans le trousseau du bureau."), page);
+    passwordInKeyring_->setObjectName(QStringLiteral("lblPasswordInKeyring"));
+    passwordInFile_ = new QLabel(
+        QStringLiteral("Pas de trousseau: le mot de passe est gardé dans le fichier smtp-password (mode 0600)."), page);
+    passwordInFile_->setObjectName(QStringLiteral("lblPasswordInFile"));
+    for (QLabel* place : {passwordInKeyring_, passwordInFile_}) {
+        place->setWordWrap(true);
+        place->setEnabled(false);
+        column->addWidget(place);
+    }
+    showPasswordPlace(settings_.keyring != nullptr);
 }
 
-void ConfigurationDialog::writePassword()
+void ConfigurationDialog::showPasswordPlace(bool inKeyring)
 {
-    if (password_->text().isEmpty())
-        return;
-    const QString path = logs_.folder() + QStringLiteral("/smtp-password");
-    if (!WriteOwnerOnlyFile(path, password_->text().toUtf8() + '\n'))
-        throw Fault(ErrAccessDenied, QStringLiteral("Cannot write '%1'").arg(path));
+    passwordInKeyring_->setVisible(inKeyring);
+    passwordInFile_->setVisible(!inKeyring);
+}
+
+void ConfigurationDialog::storePassword()
+{
+    const QByteArray password = password_->text().toUtf8();
     password_->clear();
+    if (password.isEmpty())
+        return;
+    if (!settings_.keyring) {
+        logs_.guarded("FRM:CONFIGURATION[btnWrite_Click]", [&] { writePasswordFile(password); });
+        showPasswordPlace(false);
+        return;
+    }
+    settings_.keyring->write(SmtpPasswordKey(logs_.folder()), password, this,
+                             [this, password](const KeyringAnswer& answer) {
+                                 const bool stored = answer.status == KeyringAnswer::Done;
+                                 if (!stored)
+                                     logs_.guarded("FRM:CONFIGURATION[btnWrite_Click]",
+                                                   [&] { writePasswordFile(password); });
+                                 showPasswordPlace(stored);
+                             });
+}
+
+void ConfigurationDialog::writePasswordFile(const QByteArray& password)
+{
+    const QString path = logs_.folder() + u'/' + QString::fromLatin1(kSmtpPasswordFile);
+    if (!WriteOwnerOnlyFile(path, password + '\n'))
+        throw Fault(ErrAccessDenied, QStringLiteral("Cannot write '%1'").arg(path));
 }
 
 void ConfigurationDialog::selectCategory(const QString& nodeKey)

@@ -20,7 +20,6 @@ class QTreeWidgetItem;
 
 namespace postiq {
 
-class ConfigLoader;
 class Logs;
 class Settings;
 
@@ -38,13 +37,14 @@ public:
     };
 
     // Builds the dialog, relabels it and fills each control from UserSettings when its flag is
-    // set, else from DefaultSettings with the control disabled.
-    ConfigurationDialog(Settings& settings, Logs& logs, ConfigLoader& loader, Texts texts,
+    // set, else from DefaultSettings with the control disabled. `applyWritten` puts what "Ecrire"
+    // wrote into force.
+    ConfigurationDialog(Settings& settings, Logs& logs, std::function<void()> applyWritten, Texts texts,
                         QWidget* parent = nullptr);
     ~ConfigurationDialog() override;
 
-    // Copies every control and check box into EditSettings, writes Postiq.ini from it, then
-    // loads the configuration without applying it: the running values stay until a reload.
+    // Copies every control and check box into EditSettings, writes Postiq.ini from it, stores a
+    // password that was typed, then puts the file into force as Recharger does.
     void btnWrite_Click();
     // Acts as a click on the node with that key (e.g. "cat_network_5").
     void selectCategory(const QString& nodeKey);
@@ -77,15 +77,21 @@ private:
                    bool CConfiguration::*flag);
     void addLanguage(QWidget* page);
     void fillLanguages();
+    QLineEdit* addField(QWidget* page, const QString& name, const QString& caption);
+    void addServerUser(QWidget* page);
     void addPassword(QWidget* page);
-    void writePassword();
+    // The typed password goes into the keyring, or into its file where no keyring answers.
+    void storePassword();
+    void writePasswordFile(const QByteArray& password);
+    // Says where the password is kept: the keyring, or the file.
+    void showPasswordPlace(bool inKeyring);
     void applySharedWords();
     void fillFromSettings();
     void nodeClicked(QTreeWidgetItem* item);
 
     Settings& settings_;
     Logs& logs_;
-    ConfigLoader& loader_;
+    std::function<void()> applyWritten_;
     Texts texts_;
 
     QTreeWidget* categories_ = nullptr;
@@ -93,7 +99,11 @@ private:
     QLabel* title_ = nullptr;
     QLabel* image_ = nullptr;
     QComboBox* language_ = nullptr;
+    QLineEdit* server_ = nullptr;
+    QLineEdit* user_ = nullptr;
     QLineEdit* password_ = nullptr;
+    QLabel* passwordInKeyring_ = nullptr;
+    QLabel* passwordInFile_ = nullptr;
     std::vector<Binding> bindings_;
     QList<QPair<QRadioButton*, QRadioButton*>> booleans_;
 };

@@ -9,7 +9,6 @@
 #include "log/version.h"
 #include "platform/desktop.h"
 #include "ui/configuration_dialog.h"
-#include "ui/language_text.h"
 #include "ui/relabel.h"
 #include "ui/update_announcement.h"
 
@@ -26,7 +25,7 @@ QString DesktopShell::downloadAddress() { return QString::fromLatin1(kProductWeb
 
 DesktopShell::DesktopShell(Application& application, Desktop& desktop, Options options, QObject* parent)
     : QObject(parent), application_(application), desktop_(desktop), options_(std::move(options)),
-      mainWindow_(std::make_unique<MainWindow>()), menu_(std::make_unique<TrayMenu>(mainWindow_.get())),
+      mainWindow_(std::make_unique<MainWindow>(application.language())), menu_(std::make_unique<TrayMenu>(mainWindow_.get())),
       counts_(application.queue())
 {
     mainWindow_->setWindowIcon(QIcon(kStoppedIcon));
@@ -34,7 +33,6 @@ DesktopShell::DesktopShell(Application& application, Desktop& desktop, Options o
     eventIcon_.setObjectName(QStringLiteral("img_tray_event"));
     trayIcon_.setIcon(QIcon(kStoppedIcon));
     eventIcon_.setIcon(QIcon(kEventIcon));
-    eventIcon_.setToolTip(QStringLiteral("Une version plus récente de Postiq est disponible"));
     // The menu opens on a right click (Qt shows the context menu itself).
     trayIcon_.setContextMenu(menu_->menu);
     connect(&trayIcon_, &QSystemTrayIcon::activated, this, &DesktopShell::trayActivated);
@@ -83,7 +81,8 @@ void DesktopShell::wireMenu()
     connect(m.mnuquit, &QAction::triggered, &application_, &Application::quit);
     connect(m.mnusystrayevent, &QAction::triggered, this, [this] {
         desktop_.notice(QStringLiteral("Postiq"),
-                        QStringLiteral("Une version plus récente de Postiq est disponible sur ") + helpAddress());
+                        text("newerVersionAt", "Une version plus récente de Postiq est disponible sur %1")
+                            .arg(helpAddress()));
     });
 }
 
@@ -100,9 +99,30 @@ void DesktopShell::setUpWindow()
     }
 }
 
+QString DesktopShell::text(const char* name, const char* french) const
+{
+    return application_.language().text(QLatin1String(name), QString::fromUtf8(french));
+}
+
 void DesktopShell::relabelMain()
 {
     LOADValues(application_.logs(), application_.language(), *mainWindow_, QString::fromLatin1(kMainSection));
+    mainWindow_->relabelGrid();
+    eventIcon_.setToolTip(text("newerVersion", "Une version plus récente de Postiq est disponible"));
+    qtTranslation_.follow(application_.settings().ActiveSettings.Language);
+}
+
+void DesktopShell::applyWrittenConfiguration()
+{
+    const int before = application_.settings().ActiveSettings.ListenPort;
+    application_.reloadConfiguration();
+    const int after = application_.settings().ActiveSettings.ListenPort;
+    if (after != before)
+        desktop_.notice(QStringLiteral("Postiq"),
+                        text("portChanged", "Le port d'écoute passe de %1 à %2: le service SMTP l'ouvre à son "
+                                            "prochain démarrage (Arrêter puis Démarrer).")
+                            .arg(before)
+                            .arg(after));
 }
 
 void DesktopShell::showTrayIcon()
@@ -123,7 +143,7 @@ void DesktopShell::showTrayIcon()
 
 QString DesktopShell::composedText(const char* name, const QString& french) const
 {
-    return LanguageText(application_.language(), name, french);
+    return application_.language().text(QLatin1String(name), french);
 }
 
 void DesktopShell::refreshToolTip()
@@ -162,7 +182,7 @@ void DesktopShell::showQueueWindow()
                  LOADValues(logs, language, form, QString::fromLatin1(kQueueSection));
              },
              .text = [&language](const char* name, const QString& french) {
-                 return LanguageText(language, name, french);
+                 return language.text(QLatin1String(name), french);
              }});
         queueWindow_->setAttribute(Qt::WA_DeleteOnClose);
         queueWindow_->setServiceIcon(mainWindow_->windowIcon());
@@ -223,7 +243,7 @@ void DesktopShell::openConfiguration()
         Logs& logs = application_.logs();
         LanguageTable& language = application_.language();
         dialog_ = new ConfigurationDialog(
-            application_.settings(), logs, application_.configLoader(),
+            application_.settings(), logs, [this] { applyWrittenConfiguration(); },
             {.relabel = [&logs, &language](QWidget& form) {
                  LOADValues(logs, language, form, QString::fromLatin1(kConfigurationSection));
              },
@@ -243,6 +263,7 @@ void DesktopShell::announceNewVersion(const QString& version)
     delete announcement_;
     announcement_ = new UpdateAnnouncement(newVersion_, AppVersion(),
                                            [this] { desktop_.openAddress(downloadAddress()); });
+    announcement_->useLanguage(application_.language());
     announcement_->show();
 }
 

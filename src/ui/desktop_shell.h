@@ -11,6 +11,7 @@
 #include "ui/main_window.h"
 #include "ui/queue_counts.h"
 #include "ui/queue_window.h"
+#include "ui/qt_translation.h"
 #include "ui/tray_menu.h"
 #include "ui/update_announcement.h"
 #include "update/version_check.h"
@@ -67,6 +68,11 @@ public:
 private:
     void setUpWindow();
     void relabelMain();
+    // What the dialog's "Ecrire" does once the file is written: Recharger, and a word when the
+    // listening port changed, since the running service keeps its port until it starts again.
+    void applyWrittenConfiguration();
+    // A text the shell composes, in the chosen language.
+    QString text(const char* name, const char* french) const;
     void showTrayIcon();
     void startVersionCheck();
     void wireMenu();
@@ -92,6 +98,7 @@ private:
     std::unique_ptr<FailureNotices> failures_;
     std::unique_ptr<VersionCheck> versionCheck_;
     QString newVersion_;
+    QtTranslation qtTranslation_;
 };
 
 } // namespace postiq

@@ -10,11 +10,13 @@
 #include <QVBoxLayout>
 
 #include "core/connection_state_text.h"
+#include "language/language.h"
 #include "smtp_in/connexion.h"
 
 namespace postiq {
 
-MainWindow::MainWindow(QWidget* parent) : QWidget(parent, Qt::Window)
+MainWindow::MainWindow(const LanguageTable& language, QWidget* parent)
+    : QWidget(parent, Qt::Window), language_(language)
 {
     setObjectName(QStringLiteral("mainf"));
     setWindowIcon(QIcon(QStringLiteral(":/icons/icone16.svg")));
@@ -30,9 +32,7 @@ MainWindow::MainWindow(QWidget* parent) : QWidget(parent, Qt::Window)
 
     grid_ = new QTableWidget(0, ColumnCount, this);
     grid_->setObjectName(QStringLiteral("grdConnexions"));
-    grid_->setHorizontalHeaderLabels({QStringLiteral("Type"), QStringLiteral("N°"), QStringLiteral("Hôte"),
-                                      QStringLiteral("Etat"), QStringLiteral("ID message"),
-                                      QStringLiteral("Fichier")});
+    relabelGrid();
     grid_->verticalHeader()->setVisible(false);
     grid_->setEditTriggers(QAbstractItemView::NoEditTriggers);
     grid_->setSelectionBehavior(QAbstractItemView::SelectRows);
@@ -49,6 +49,16 @@ MainWindow::MainWindow(QWidget* parent) : QWidget(parent, Qt::Window)
     layout->addWidget(grid_, 1);
     layout->addWidget(queueButton_, 0, Qt::AlignRight);
     resize(720, 300);
+}
+
+void MainWindow::relabelGrid()
+{
+    const auto heading = [this](const char* name, const char* french) {
+        return language_.text(QLatin1String(name), QString::fromUtf8(french));
+    };
+    grid_->setHorizontalHeaderLabels({heading("colType", "Type"), heading("colNumber", "N°"),
+                                      heading("colPeer", "Hôte"), heading("colState", "Etat"),
+                                      heading("colMessageId", "ID message"), heading("colFile", "Fichier")});
 }
 
 void MainWindow::setTitle(const QString& caption, const QString& title)
@@ -86,7 +96,7 @@ void MainWindow::showConnection(const CConnexion& cnx, const QByteArray& cnxType
     grid_->item(row, ColType)->setText(QString::fromLatin1(cnxType));
     grid_->item(row, ColNumber)->setText(QString::number(n));
     grid_->item(row, ColPeer)->setText(QString::fromUtf8(cnx.SrvClient));
-    grid_->item(row, ColState)->setText(connectionStateText(cnxType, cnx.Status()));
+    grid_->item(row, ColState)->setText(connectionStateText(cnxType, cnx.Status(), language_));
     grid_->item(row, ColMessageId)->setText(QString::fromUtf8(cnx.Message.ID));
     grid_->item(row, ColFile)->setText(cnx.CurrentOutFile);
 }

@@ -13,6 +13,7 @@ class QTableWidget;
 namespace postiq {
 
 class CConnexion;
+class LanguageTable;
 
 // The small main window: the title, the resolver's version, one grid row per busy connection slot
 // and the way to the queue window. Where a notification area holds the program, its close box only
@@ -23,7 +24,10 @@ class MainWindow : public QWidget {
 public:
     enum Column { ColType, ColNumber, ColPeer, ColState, ColMessageId, ColFile, ColumnCount };
 
-    explicit MainWindow(QWidget* parent = nullptr);
+    // The language gives the words the window composes itself: the grid's headings and states.
+    explicit MainWindow(const LanguageTable& language, QWidget* parent = nullptr);
+    // The headings in the language loaded since the window was made.
+    void relabelGrid();
 
     void setTitle(const QString& caption, const QString& title);
     void setLookupVersion(const QString& text);
@@ -57,6 +61,7 @@ private:
     QLabel* lookupVersion_ = nullptr;
     QTableWidget* grid_ = nullptr;
     QPushButton* queueButton_ = nullptr;
+    const LanguageTable& language_;
     bool closeAllowed_ = false;
     std::function<QString(const char* name, const QString& french)> noTrayText_; // set: no tray
     QPointer<QMessageBox> quitQuestion_;

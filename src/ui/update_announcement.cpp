@@ -5,6 +5,8 @@
 #include <QPushButton>
 #include <QVBoxLayout>
 
+#include "language/language.h"
+
 namespace postiq {
 
 namespace {
@@ -20,7 +22,8 @@ QLabel* colouredLine(QWidget* parent, const QString& name, const QString& text, 
 
 UpdateAnnouncement::UpdateAnnouncement(const QString& newVersion, const QString& localVersion,
                                        std::function<void()> openUpdater, QWidget* parent)
-    : QWidget(parent, Qt::Window), openUpdater_(std::move(openUpdater))
+    : QWidget(parent, Qt::Window), newVersion_(newVersion), localVersion_(localVersion),
+      openUpdater_(std::move(openUpdater))
 {
     setObjectName(QStringLiteral("FRMExistUpdate"));
     setAttribute(Qt::WA_DeleteOnClose);
@@ -47,6 +50,18 @@ UpdateAnnouncement::UpdateAnnouncement(const QString& newVersion, const QString&
     tmrTimeOut.setInterval(kTimeout);
     connect(&tmrTimeOut, &QTimer::timeout, this, &QWidget::close);
     tmrTimeOut.start();
+}
+
+void UpdateAnnouncement::useLanguage(const LanguageTable& language)
+{
+    findChild<QLabel*>(QStringLiteral("lblNewVersion"))
+        ->setText(language.text(QStringLiteral("newVersion"), QStringLiteral(" La version %1 est disponible !"))
+                      .arg(newVersion_));
+    findChild<QLabel*>(QStringLiteral("lblCurrentVersion"))
+        ->setText(language.text(QStringLiteral("currentVersion"), QStringLiteral(" Version actuelle: %1"))
+                      .arg(localVersion_));
+    findChild<QPushButton*>(QStringLiteral("btnUpdate"))
+        ->setText(language.text(QStringLiteral("update"), QStringLiteral("Mettre à jour")));
 }
 
 } // namespace postiq

@@ -8,6 +8,8 @@
 
 namespace postiq {
 
+class LanguageTable;
+
 // The window that announces a newer version. It waits for nobody: it is shown, not run, and it
 // closes by itself after kTimeout so that an unattended relay never piles them up.
 class UpdateAnnouncement : public QWidget {
@@ -19,9 +21,14 @@ public:
     UpdateAnnouncement(const QString& newVersion, const QString& localVersion, std::function<void()> openUpdater,
                        QWidget* parent = nullptr);
 
+    // The window's words in the chosen language.
+    void useLanguage(const LanguageTable& language);
+
     QTimer tmrTimeOut;
 
 private:
+    QString newVersion_;
+    QString localVersion_;
     std::function<void()> openUpdater_;
 };
 

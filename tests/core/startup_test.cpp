@@ -67,6 +67,7 @@ TEST_F(StartUpFixture, FirstStartInAnEmptyFolderLeavesTheFoldersLogsIniAndRegist
         QStringLiteral(" Postiq: 'Error' directory creation"),
         QStringLiteral(" Postiq: 'language' directory creation"),
         QStringLiteral(" Postiq: Writing Postiq.ini"),
+        QStringLiteral(" Postiq: Chargement du langage"), // fr.ini, beside the program
         QStringLiteral(" Postiq: Chargement de la configuration (Postiq.ini)"),
     };
     ASSERT_GE(lines.size(), startUp.size());

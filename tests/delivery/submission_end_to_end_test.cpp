@@ -55,7 +55,8 @@ TEST(SubmissionEndToEnd, HeadlessRelayLogsInOverStartTls)
                   {content + ".\r\n", kAccepted},
                   {"QUIT\r\n", "221 Postiq Goodbye"}});
     // Delivered at the next tick of the outbox timer at the latest.
-    ASSERT_TRUE(spinUntil([&] { return server.sessionCount() == 1 && server.session(0).closed; }, 25000));
+    ASSERT_TRUE(spinUntil([&] { return server.sessionCount() == 1 && server.session(0).closed; }, 25000))
+        << readFile(mailLog).constData() << readFile(folder + QStringLiteral("/error.txt")).constData();
 
     const SubmissionSession& s = server.session(0);
     EXPECT_TRUE(s.loggedIn);

@@ -5,6 +5,7 @@
 #include "platform/owner_only_file.h"
 #include "platform/test_trust.h"
 #include "support/fake_submission_server.h"
+#include "support/memory_keyring.h"
 
 using namespace postiq;
 using namespace postiq::test;
@@ -211,7 +212,7 @@ TEST(Submission, RefusedLoginAndMissingStartTlsDefer)
     b.server.setScript(refused);
     b.deliver("REFUSED", "<>");
 
-    ASSERT_EQ(b.server.sessionCount(), 3);
+    ASSERT_EQ(b.server.sessionCount(), 3) << readFile(b.path("maillog.txt")).constData();
     EXPECT_EQ(b.server.session(0).commands.size(), 4) << "no MAIL after the 535";
     EXPECT_EQ(b.server.session(1).commands, QList<QByteArray>{"EHLO relay.test"});
     EXPECT_EQ(b.server.session(2).commands, (QList<QByteArray>{"EHLO relay.test", "STARTTLS"}));
@@ -275,6 +276,33 @@ TEST(Submission, PasswordFileMustBeTheUsersAlone)
     EXPECT_EQ(errors[1].mid(20), " The password file " + file.toUtf8()
                                      + " is missing: create it with mode 0600 (readable by its owner only)\r");
     EXPECT_TRUE(b.mailLog(" OPEN connection failed").value(0).endsWith(b.failureLine("authentication failed", "")));
+}
+
+// The password comes from the keyring first; where it holds none, or no keyring answers, from
+// the file.
+TEST(Submission, ThePasswordComesFromTheKeyringFirstElseFromTheFile)
+{
+    SubmissionBench b;
+    b.route("smtp://");
+    MemoryKeyring keyring;
+    b.settings.keyring = &keyring;
+    const QString file = b.path(QStringLiteral("smtp-password"));
+    keyring.entries["smtp-password " + b.dir.path()] = kPassword;
+    ASSERT_TRUE(WriteOwnerOnlyFile(file, "not this one\n"));
+    b.deliver("KEYRING");
+
+    keyring.answers = false;
+    ASSERT_TRUE(WriteOwnerOnlyFile(file, kPassword + "\n"));
+    b.deliver("NOKEYRING");
+    keyring.answers = true;
+    keyring.entries.clear();
+    b.deliver("NOTFOUND");
+
+    ASSERT_EQ(b.server.sessionCount(), 3) << readFile(b.path("maillog.txt")).constData();
+    for (int i = 0; i < 3; ++i)
+        EXPECT_TRUE(b.server.session(i).loggedIn) << i;
+    EXPECT_TRUE(b.files("OutBox").isEmpty());
+    EXPECT_TRUE(b.files("Deferred").isEmpty());
 }
 
 // Without a user there is no login; the rest of the dialogue is the same.

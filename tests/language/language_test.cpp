@@ -1,9 +1,12 @@
 #include <gtest/gtest.h>
 
+#include <QCoreApplication>
 #include <QDir>
+#include <QFileInfo>
 #include <QTemporaryDir>
 
 #include "language/language.h"
+#include "platform/program_folder.h"
 #include "support/fakes.h"
 
 using namespace postiq;
@@ -102,6 +105,62 @@ TEST(LOADFile, InstalledLanguagesServeWhenTheProgramFolderHasNone)
     EXPECT_EQ(bench.table.rows(), QList<Row>({{"MAIN", "CPT_x", "own"}}));
 
     qputenv("XDG_DATA_DIRS", saved);
+}
+
+} // namespace
+
+namespace {
+
+// A build run on another folder finds the files that lie beside its executable (build/language),
+// after the program folder's own.
+TEST(LOADFile, FilesBesideTheExecutableServeAfterTheProgramFoldersOwn)
+{
+    LanguageBench bench;
+    const QString name = QStringLiteral("beside%1").arg(QCoreApplication::applicationPid());
+    const QString beside = executableFolder() + "/language";
+    const bool madeFolder = !QFileInfo::exists(beside);
+    QDir().mkpath(beside);
+    writeFile(beside + '/' + name + ".ini", "<MAIN>\r\nCPT_x=beside\r\n</MAIN>\r\n");
+
+    bench.table.LOADFile(bench.logs, name);
+    EXPECT_EQ(bench.table.rows(), QList<Row>({{"MAIN", "CPT_x", "beside"}}));
+    bench.writeLanguage(name, "<MAIN>\r\nCPT_x=own\r\n</MAIN>\r\n");
+    bench.table.LOADFile(bench.logs, name);
+    EXPECT_EQ(bench.table.rows(), QList<Row>({{"MAIN", "CPT_x", "own"}}));
+
+    QFile::remove(beside + '/' + name + ".ini");
+    if (madeFolder)
+        QDir().rmdir(beside);
+}
+
+// A chosen language without a file says so, in error.txt and on the desktop; the built-in French
+// needs no file and says nothing.
+TEST(LOADFile, AChosenLanguageWithoutAFileIsReported)
+{
+    LanguageBench bench;
+    bench.table.LOADFile(bench.logs, "fr");
+    EXPECT_FALSE(QFile::exists(bench.path("error.txt")));
+    EXPECT_TRUE(bench.desktop.notices.isEmpty());
+
+    bench.table.LOADFile(bench.logs, "zz");
+    const QByteArray line = readFile(bench.path("error.txt"));
+    EXPECT_TRUE(line.startsWith("Feb 05 2004 09:05:07 Postiq: no language file zz.ini (looked in "
+                                + QFile::encodeName(bench.path("language")) + ", "))
+        << line.constData();
+    EXPECT_TRUE(line.endsWith("): the windows stay in French\r\n")) << line.constData();
+    ASSERT_EQ(bench.desktop.notices.size(), 1);
+    EXPECT_TRUE(bench.desktop.notices[0].text.startsWith("Postiq: no language file zz.ini"));
+    EXPECT_TRUE(bench.table.rows().isEmpty());
+}
+
+// A text the program composes comes from the section TEXTS, else it is the built-in French.
+TEST(LanguageText, FromTheTextsSectionElseFrench)
+{
+    LanguageBench bench;
+    bench.writeLanguage("en", "<MAIN>\r\nTXT_started=not here\r\n</MAIN>\r\n<TEXTS>\r\nTXT_started=Started\r\n</TEXTS>\r\n");
+    bench.table.LOADFile(bench.logs, "en");
+    EXPECT_EQ(bench.table.text("started", "Démarré"), QString("Started"));
+    EXPECT_EQ(bench.table.text("stopped", "Arrêté"), QString("Arrêté"));
 }
 
 } // namespace

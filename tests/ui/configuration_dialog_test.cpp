@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "support/mail_client.h"
+#include "support/memory_keyring.h"
 #include "ui/desktop_bench.h"
 
 using namespace postiq;
@@ -45,21 +46,21 @@ struct DialogFixture : ::testing::Test {
 
 } // namespace
 
-TEST_F(DialogFixture, TreeHasTheSevenCategoriesAndANodeClickShowsItsPage)
+TEST_F(DialogFixture, TreeHasItsCategoriesAndANodeClickShowsItsPage)
 {
     EXPECT_TRUE(dialog->isVisible());
     EXPECT_FALSE(dialog->isModal());
     auto& tree = control<QTreeWidget>(*dialog, "Categories");
     auto& pages = control<QStackedWidget>(*dialog, "SSTabCat");
     const QStringList keys{"cat_onstart_0", "cat_computer_1", "cat_parameters_2", "cat_network_5",
-                           "cat_relay_6", "cat_debug_3", "cat_language_4"};
-    const QStringList captions{"Démarrage Postiq", "Démarrage ordinateur", "Paramètres", "Réseau", "Relai",
-                               "Débuggage", "Langue"};
-    const QStringList frames{"frmOnStart", "frmComputer", "frmParametres", "frmNetwork", "frmRelay",
-                             "frmDebug", "frmLanguage"};
-    ASSERT_EQ(tree.topLevelItemCount(), 7);
-    ASSERT_EQ(pages.count(), 7);
-    for (int i = 0; i < 7; ++i) {
+                           "cat_server_7", "cat_relay_6", "cat_debug_3", "cat_language_4"};
+    const QStringList captions{"Démarrage Postiq", "Démarrage ordinateur", "Paramètres", "Réseau",
+                               "Serveur sortant", "Relai", "Débuggage", "Langue"};
+    const QStringList frames{"frmOnStart", "frmComputer", "frmParametres", "frmNetwork", "frmServer",
+                             "frmRelay", "frmDebug", "frmLanguage"};
+    ASSERT_EQ(tree.topLevelItemCount(), 8);
+    ASSERT_EQ(pages.count(), 8);
+    for (int i = 0; i < 8; ++i) {
         QTreeWidgetItem* node = tree.topLevelItem(i);
         EXPECT_EQ(node->data(0, Qt::UserRole).toString(), keys[i]);
         EXPECT_EQ(node->text(0), captions[i]);
@@ -71,12 +72,15 @@ TEST_F(DialogFixture, TreeHasTheSevenCategoriesAndANodeClickShowsItsPage)
     EXPECT_EQ(pages.currentWidget()->objectName(), QString("frmNetwork"));
     EXPECT_EQ(control<QLabel>(*dialog, "strCategorie").text(), QString("Réseau"));
     EXPECT_FALSE(control<QLabel>(*dialog, "imgCat").pixmap().isNull());
-    for (int i = 0; i < 7; ++i)
+    for (int i = 0; i < 8; ++i)
         EXPECT_EQ(tree.topLevelItem(i)->font(0).bold(), i == 3) << i;
-    // The network page holds the three network settings with their check boxes.
-    for (const char* name : {"DNSServer", "ListenPort", "SmtpServer", "DNSServerDefault", "ListenPortDefault",
-                             "SmtpServerDefault"})
-        EXPECT_EQ(pages.currentWidget()->findChild<QWidget*>(name) != nullptr, true) << name;
+    // The network page holds the two network settings with their check boxes; the outgoing
+    // server has a page of its own, with its login and password.
+    for (const char* name : {"DNSServer", "ListenPort", "DNSServerDefault", "ListenPortDefault"})
+        EXPECT_NE(pages.currentWidget()->findChild<QWidget*>(name), nullptr) << name;
+    dialog->selectCategory("cat_server_7");
+    for (const char* name : {"SmtpServer", "SmtpServerDefault", "txtSmtpUser", "txtSmtpPassword"})
+        EXPECT_NE(pages.currentWidget()->findChild<QWidget*>(name), nullptr) << name;
 
     dialog->selectCategory("cat_relay_6");
     EXPECT_TRUE(control<QLabel>(*dialog, "imgCat").pixmap().isNull());
@@ -130,7 +134,9 @@ TEST_F(DialogFixture, WritingWithEveryBoxClearedGivesTheHeaderOnlyFile)
     EXPECT_TRUE(readFile(bench.path("maillog.txt")).contains(" Postiq: Writing Postiq.ini"));
 }
 
-TEST_F(DialogFixture, WritingWithEveryBoxSetWritesEverySettingAndTakesEffectOnlyAtReload)
+// Writing puts the file into force at once, as Recharger does; a new listening port is opened at
+// the service's next start, and a notice says so.
+TEST_F(DialogFixture, WritingWithEveryBoxSetWritesEverySettingAndAppliesIt)
 {
     for (QCheckBox* each : dialog->findChildren<QCheckBox*>())
         each->setChecked(true);
@@ -173,18 +179,43 @@ TEST_F(DialogFixture, WritingWithEveryBoxSetWritesEverySettingAndTakesEffectOnly
                                     "\tComputerStart\tOff\r\n"
                                     "</Registry>\r\n"));
 
-    // Loaded, not applied: the running values are the defaults until the next reload.
     Settings& settings = bench.application->settings();
     EXPECT_EQ(settings.UserSettings.SmtpServer, QString("relay.example.net"));
     EXPECT_TRUE(settings.UserSettings.SmtpServerDefined);
-    EXPECT_EQ(settings.ActiveSettings.SmtpServer, QString("smtp.fai.com"));
-    EXPECT_EQ(settings.ActiveSettings.ListenPort, 25);
-    EXPECT_TRUE(bench.application->serviceStarted()); // still on its old port
-
-    bench.shell->menu().mnureload->trigger();
     EXPECT_EQ(settings.ActiveSettings.SmtpServer, QString("relay.example.net"));
     EXPECT_EQ(settings.ActiveSettings.ListenPort, 2626);
     EXPECT_EQ(settings.ActiveSettings.Language, QString("de"));
+    EXPECT_TRUE(bench.application->serviceStarted()); // still on its old port, until it starts again
+    ASSERT_EQ(bench.desktop.notices.size(), 1);
+    EXPECT_TRUE(bench.desktop.notices[0].text.contains(QString("de %1 à 2626").arg(bench.port)))
+        << bench.desktop.notices[0].text.toStdString();
+
+    // Written again with the same port: nothing more to say.
+    control<QPushButton>(*dialog, "btnWrite").click();
+    EXPECT_EQ(bench.desktop.notices.size(), 1);
+}
+
+// The login has its own field: the server is shown without it, and written with it.
+TEST_F(DialogFixture, TheLoginGoesIntoTheServersAddress)
+{
+    box("SmtpServerDefault").setChecked(true);
+    control<QLineEdit>(*dialog, "SmtpServer").setText("smtps://smtp.example.net:465");
+    control<QLineEdit>(*dialog, "txtSmtpUser").setText("me@example.net");
+    control<QPushButton>(*dialog, "btnWrite").click();
+    Settings& settings = bench.application->settings();
+    EXPECT_EQ(settings.ActiveSettings.SmtpServer, QString("smtps://me@example.net@smtp.example.net:465"));
+
+    dialog->close();
+    ASSERT_TRUE(spinUntil([&] { return bench.shell->configurationDialog() == nullptr; }, 2000));
+    bench.shell->openConfiguration();
+    ConfigurationDialog& again = *bench.shell->configurationDialog();
+    EXPECT_EQ(control<QLineEdit>(again, "SmtpServer").text(), QString("smtps://smtp.example.net:465"));
+    EXPECT_EQ(control<QLineEdit>(again, "txtSmtpUser").text(), QString("me@example.net"));
+
+    // A plain server logs in nowhere: a login given with it is not written.
+    control<QLineEdit>(again, "SmtpServer").setText("relay.example.net:2525");
+    control<QPushButton>(again, "btnWrite").click();
+    EXPECT_EQ(settings.ActiveSettings.SmtpServer, QString("relay.example.net:2525"));
 }
 
 TEST_F(DialogFixture, CloseLeavesTheFileAlone)
@@ -213,4 +244,57 @@ TEST_F(DialogFixture, ThePasswordFieldWritesItsOwnFileOnly)
 
     control<QPushButton>(*dialog, "btnWrite").click();
     EXPECT_EQ(readFile(file), "s3cret pass\n");
+}
+
+namespace {
+
+struct KeyringDialog {
+    DesktopBench bench;
+    MemoryKeyring* keyring = nullptr;
+    ConfigurationDialog* dialog = nullptr;
+
+    explicit KeyringDialog(bool answers)
+    {
+        auto memory = std::make_unique<MemoryKeyring>();
+        memory->answers = answers;
+        keyring = memory.get();
+        bench.keyring = std::move(memory);
+        bench.start();
+        bench.shell->openConfiguration();
+        dialog = bench.shell->configurationDialog();
+    }
+    void writePassword(const char* password)
+    {
+        control<QLineEdit>(*dialog, "txtSmtpPassword").setText(password);
+        control<QPushButton>(*dialog, "btnWrite").click();
+    }
+    bool says(const char* line) { return !control<QLabel>(*dialog, line).isHidden(); }
+};
+
+} // namespace
+
+// With a keyring the password goes there and nowhere else; the page says where it is kept.
+TEST(DialogKeyring, ThePasswordGoesIntoTheKeyringWhereOneAnswers)
+{
+    KeyringDialog k(true);
+    EXPECT_TRUE(k.says("lblPasswordInKeyring"));
+    EXPECT_FALSE(k.says("lblPasswordInFile"));
+    k.writePassword("s3cret");
+    const QString key = "smtp-password " + k.bench.dir.path();
+    ASSERT_TRUE(spinUntil([&] { return k.keyring->entries.contains(key); }, 2000));
+    EXPECT_EQ(k.keyring->entries.value(key), QByteArray("s3cret"));
+    EXPECT_FALSE(QFile::exists(k.bench.path("smtp-password")));
+    EXPECT_TRUE(control<QLineEdit>(*k.dialog, "txtSmtpPassword").text().isEmpty());
+    EXPECT_TRUE(k.says("lblPasswordInKeyring"));
+}
+
+// A keyring that does not answer (locked, refused, gone): the file, and the page says so.
+TEST(DialogKeyring, WhereNoKeyringAnswersThePasswordGoesIntoItsFile)
+{
+    KeyringDialog k(false);
+    k.writePassword("s3cret");
+    ASSERT_TRUE(spinUntil([&] { return QFile::exists(k.bench.path("smtp-password")); }, 2000));
+    EXPECT_EQ(readFile(k.bench.path("smtp-password")), "s3cret\n");
+    EXPECT_TRUE(k.says("lblPasswordInFile"));
+    EXPECT_FALSE(k.says("lblPasswordInKeyring"));
 }

@@ -39,6 +39,7 @@ void DesktopBench::start()
 {
     writeFile(path(QStringLiteral("Postiq.ini")), "ListenPort\t" + QByteArray::number(port) + "\r\n" + ini_);
     application = std::make_unique<Application>(dir.path(), PlatformServices{desktop, registry, network, clock});
+    application->setKeyring(std::move(keyring));
     shell = std::make_unique<DesktopShell>(*application, desktop,
                                            DesktopShell::Options{updateServer_, trayAvailable_});
     application->start();

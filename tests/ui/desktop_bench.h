@@ -26,6 +26,7 @@ struct DesktopBench {
     FixedNetwork network;
     FixedClock clock;
     quint16 port = 0;
+    std::unique_ptr<Keyring> keyring; // handed to the application at start(); none: the file only
     std::unique_ptr<Application> application;
     std::unique_ptr<DesktopShell> shell;
 

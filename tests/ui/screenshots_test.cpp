@@ -36,7 +36,7 @@ TEST(Screenshots, UnderXvfbWithATrayHost)
     environment.insert(QStringLiteral("POSTIQ_TAKE_SCREENSHOTS"), QStringLiteral("1"));
     run.setProcessEnvironment(environment);
     run.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    const QString inner = QStringLiteral("%1 & host=$!; sleep 2; %2 --gtest_filter=Screenshots.Inside; status=$?; "
+    const QString inner = QStringLiteral("%1 & host=$!; sleep 2; %2 --gtest_filter='Screenshots.Inside*'; status=$?; "
                                          "kill $host; exit $status")
                               .arg(trayHost, QCoreApplication::applicationFilePath());
     run.start(xvfbRun, {QStringLiteral("-a"), QStringLiteral("-s"), QStringLiteral("-screen 0 1024x768x24"),
@@ -49,7 +49,9 @@ TEST(Screenshots, UnderXvfbWithATrayHost)
 
     for (const char* name : {"main_window.png", "tray_menu.png", "screen.png", "queue_window.png", "config_frmOnStart.png",
                              "config_frmComputer.png", "config_frmParametres.png", "config_frmNetwork.png",
-                             "config_frmRelay.png", "config_frmDebug.png", "config_frmLanguage.png"})
+                             "config_frmServer.png", "config_frmRelay.png", "config_frmDebug.png",
+                             "config_frmLanguage.png", "en_tray_menu.png", "en_main_window.png",
+                             "en_config_frmServer.png"})
         EXPECT_TRUE(QFileInfo(folder + '/' + QLatin1String(name)).size() > 0) << name;
 }
 
@@ -102,4 +104,32 @@ TEST(Screenshots, Inside)
         EXPECT_TRUE(dialog.grab().save(folder + QStringLiteral("/config_") + pages.currentWidget()->objectName()
                                        + QStringLiteral(".png")));
     }
+}
+
+// The same windows with Language en: the menu, the main window and the outgoing server's page.
+TEST(Screenshots, InsideInEnglish)
+{
+    if (qEnvironmentVariableIsEmpty("POSTIQ_TAKE_SCREENSHOTS"))
+        GTEST_SKIP() << "run by Screenshots.UnderXvfbWithATrayHost";
+    const QString folder = QStringLiteral(POSTIQ_SCREENSHOT_DIR);
+    spinUntil([] { return QSystemTrayIcon::isSystemTrayAvailable(); }, 5000);
+    DesktopBench bench("Language\ten\r\n", QSystemTrayIcon::isSystemTrayAvailable());
+    bench.writeLanguage("en", readFile(QStringLiteral(POSTIQ_SOURCE_DIR "/language/en.ini")));
+    bench.start();
+
+    MainWindow& window = bench.shell->mainWindow();
+    window.show();
+    spinUntil([] { return false; }, 300);
+    EXPECT_TRUE(window.grab().save(folder + QStringLiteral("/en_main_window.png")));
+    QMenu& menu = *bench.shell->menu().menu;
+    menu.popup(window.geometry().center());
+    spinUntil([] { return false; }, 300);
+    EXPECT_TRUE(menu.grab().save(folder + QStringLiteral("/en_tray_menu.png")));
+    menu.hide();
+
+    bench.shell->openConfiguration();
+    ConfigurationDialog& dialog = *bench.shell->configurationDialog();
+    dialog.selectCategory(QStringLiteral("cat_server_7"));
+    spinUntil([] { return false; }, 100);
+    EXPECT_TRUE(dialog.grab().save(folder + QStringLiteral("/en_config_frmServer.png")));
 }

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <QString>
+
+namespace postiq {
+
+// The outgoing server's password is no setting: it lives in the desktop keyring where one
+// answers, else in this file of the program folder, readable by its owner only (mode 0600).
+inline constexpr char kSmtpPasswordFile[] = "smtp-password";
+
+// The keyring entry that holds the password of the program folder's outgoing server: one per
+// folder, as the file is.
+inline QString SmtpPasswordKey(const QString& programFolder)
+{
+    return QString::fromLatin1(kSmtpPasswordFile) + u' ' + programFolder;
+}
+
+} // namespace postiq
