@@ -82,8 +82,6 @@ void Application::start()
         service_ = std::make_unique<SmtpService>(settings_, logs_, dnsCache_, *tables_, queue_, this);
         dispatcher_ = std::make_unique<Dispatcher>(logs_, settings_, *tables_, queue_);
         tables_->enableOutboxTimer = [this] { dispatcher_->enableOutboxTimer(); };
-        // A message just stored leaves at once, not at the next tick of the outbox scan.
-        service_->sessions().commitQueue().setStoredHook([this] { dispatcher_->queueChanged(); });
         if (networkState_) {
             connect(networkState_.get(), &NetworkState::onlineChanged, dispatcher_.get(), &Dispatcher::setOnline);
             if (!networkState_->online())

@@ -47,8 +47,8 @@ public:
     // Stops the timers (the fatal report, the end of the program).
     void stopTimers();
 
-    // Something new may wait in OutBox that was written past the queue's own calls (a message just
-    // accepted): OutBox is looked at again and a dispatch starts after the events already pending.
+    // Something new may wait in OutBox that was written past the queue's own calls (by another
+    // process, through the sendmail interface): OutBox is looked at again and a dispatch starts after the events already pending.
     // Calls made meanwhile add nothing; it never dispatches from inside its caller.
     void queueChanged();
     // Dispatches at most one OutBox file.

@@ -61,8 +61,6 @@ void CommitQueue::finishRound(bool stored, const QString& error)
             DiscardStagedFiles(message.files); // whatever a failed flush may have left
         message.done(stored, error);
     }
-    if (stored && !covered.isEmpty() && stored_)
-        stored_();
     schedule();
 }
 

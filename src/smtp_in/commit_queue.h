@@ -37,9 +37,6 @@ public:
     int messages() const { return messages_; }
     int files() const { return files_; }
     void setFlush(Flush flush) { flush_ = std::move(flush); }
-    // Runs after every round that stored messages, once their senders were told: new queue files
-    // are there for delivery to take at once.
-    void setStoredHook(std::function<void()> hook) { stored_ = std::move(hook); }
 
 private:
     struct Waiting {
@@ -52,7 +49,6 @@ private:
     void finishRound(bool stored, const QString& error);
 
     Flush flush_;
-    std::function<void()> stored_;
     QList<Waiting> waiting_;  // staged, for the next round
     QList<Waiting> inFlight_; // covered by the round under way
     bool roundScheduled_ = false;

@@ -179,7 +179,7 @@ void DesktopShell::showQueueWindow()
              },
              .openFolder = [this](const QString& path) { desktop_.openFile(path); },
              .relabel = [&logs, &language](QWidget& form) {
-                 LOADValues(logs, language, form, QString::fromLatin1(kQueueSection));
+                 LOADValues(logs, language, form, QStringLiteral("QUEUE"));
              },
              .text = [&language](const char* name, const QString& french) {
                  return language.text(QLatin1String(name), french);
