@@ -368,6 +368,7 @@ void Dispatcher::dispose(uint8_t i, const DeliveryOutcome& outcome)
     case NextStep::Release:
         break;
     }
+    noteReachability(slot.exchanger, outcome);
     if (!takeNextOnConnection(i))
         tables_.ReleaseSmtpDistant(i);
     // A deferred message goes again as soon as its delay has run out.
@@ -388,12 +389,25 @@ QByteArray Dispatcher::exchangerFor(const QByteArray& domain) const
     return domain.toLower();
 }
 
+// An exchanger that none of its hosts answered last time is tried by every waiting message at
+// once, as before connections were shared: one after another, a dead exchanger's messages would
+// each wait out their connection time-out in turn. The first answer makes it shared again.
+void Dispatcher::noteReachability(const QByteArray& exchanger, const DeliveryOutcome& outcome)
+{
+    if (outcome.kind == DeliveryOutcome::HostTemporary || outcome.kind == DeliveryOutcome::NoRoute) {
+        if (!outcome.answered())
+            unreachable_.insert(exchanger);
+    } else {
+        unreachable_.remove(exchanger);
+    }
+}
+
 QSet<QByteArray> Dispatcher::busyExchangers() const
 {
     QHash<QByteArray, int> connections;
     QSet<QByteArray> busy;
     for (int i = 1; i <= kLastUsableOutSlot; ++i) {
-        if (tables_.CnxOut(i).Status() != 0
+        if (tables_.CnxOut(i).Status() != 0 && !unreachable_.contains(slots_[i].exchanger)
             && ++connections[slots_[i].exchanger] >= std::max(1, connectionsPerExchanger))
             busy.insert(slots_[i].exchanger);
     }

@@ -105,6 +105,8 @@ private:
     QByteArray exchangerFor(const QByteArray& domain) const;
     // The exchangers whose connections are all taken.
     QSet<QByteArray> busyExchangers() const;
+    // Remembers whether the exchanger answered the session that just ended.
+    void noteReachability(const QByteArray& exchanger, const DeliveryOutcome& outcome);
     // Whether the file waits for a connection that is busy.
     bool waitsForConnection(const QByteArray& name, const QSet<QByteArray>& busy) const;
     // The next OutBox message, claimed by no slot, for the exchanger that slot i's connection
@@ -157,6 +159,8 @@ private:
     // that one broken file does not keep the dispatcher busy.
     QSet<QByteArray> unreadable_;
     bool online_ = true;
+    // Exchangers whose hosts all failed to answer last time: not shared, see noteReachability.
+    QSet<QByteArray> unreachable_;
 };
 
 } // namespace postiq

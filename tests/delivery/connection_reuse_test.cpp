@@ -388,3 +388,22 @@ TEST(ConnectionReuse, AFileCutShortDuringTheSendGoesToError)
 }
 
 } // namespace
+
+namespace {
+// An exchanger that did not answer is not shared: the messages that waited for its connection go
+// each over its own at once, rather than each waiting out a time-out in turn. The first answer
+// makes it shared again.
+TEST(ConnectionReuse, AnExchangerThatDidNotAnswerIsTriedByEveryWaitingMessageAtOnce)
+{
+    ReuseBench b;
+    b.dispatcher.timeouts.silence = std::chrono::milliseconds(800);
+    ExchangerScript mute;
+    mute.greeting = silent();
+    b.exchanger.setScriptFor(0, mute);
+    b.deliverAll(4, 15000);
+
+    EXPECT_EQ(b.exchanger.sessionCount(), 4) << "the mute one, then one connection per waiting message";
+    EXPECT_EQ(b.mailLog("status=sent").size(), 3);
+    EXPECT_EQ(b.files("Deferred").filter("M").size(), 1) << "the one the mute server held, beside its delay notice";
+}
+} // namespace
