@@ -18,6 +18,7 @@
 #include "platform/locked_file.h"
 #include "platform/program_folder.h"
 #include "store/address.h"
+#include "store/domain_parts.h"
 #include "store/fresh_queue_name.h"
 #include "store/message.h"
 #include "store/queue_file_format.h"
@@ -316,41 +317,7 @@ void Queue::noMessage(QueueFolder folder, const QByteArray& name) const
                                           .arg(QString::fromLatin1(name), QString::fromLatin1(folderName(folder))));
 }
 
-namespace {
-// Recipients by domain, the domains in order of first appearance.
-QList<QByteArrayList> recipientsByDomain(const CMessage& message)
-{
-    QList<QByteArray> domains;
-    QList<QByteArrayList> groups;
-    for (int index = 1; index <= message.MRcptToCount(); ++index) {
-        const QByteArray address = message.RcptTo(index);
-        const qsizetype at = address.indexOf('@');
-        const QByteArray domain = at < 0 ? QByteArray() : address.mid(at + 1).chopped(address.endsWith('>') ? 1 : 0);
-        const qsizetype known = domains.indexOf(domain);
-        if (known >= 0) {
-            groups[known].append(address);
-        } else {
-            domains.append(domain);
-            groups.append({address});
-        }
-    }
-    return groups;
-}
-// The record of one domain's part: the message's members, those recipients, no text.
-CMessage envelopeFor(const CMessage& message, const QByteArrayList& recipients)
-{
-    CMessage part = message; // ID, warning texts and ForSender are kept by MClear
-    part.MClear();
-    part.Essai = message.Essai;
-    part.LastError = message.LastError;
-    part.From = message.From;
-    for (const QByteArray& address : recipients)
-        part.AddRcptTo(address);
-    return part;
-}
-} // namespace
-
-int Queue::partsOf(const CMessage& message) { return std::max<int>(1, int(recipientsByDomain(message).size())); }
+int Queue::partsOf(const CMessage& message) { return int(EnvelopesByDomain(message).size()); }
 
 QByteArray Queue::freshGroupName(int parts) const
 {
@@ -369,15 +336,14 @@ QByteArray Queue::freshGroupName(int parts) const
 
 std::vector<std::unique_ptr<QueueWriter>> Queue::split(const CMessage& message, const QByteArray& group) const
 {
-    const QList<QByteArrayList> groups = recipientsByDomain(message);
+    const QList<CMessage> envelopes = EnvelopesByDomain(message);
     std::vector<std::unique_ptr<QueueWriter>> writers;
-    if (groups.size() <= 1) {
+    if (envelopes.size() <= 1) {
         writers.push_back(open(message, {}, group));
     } else {
-        for (qsizetype k = 0; k < groups.size(); ++k) {
-            const CMessage part = envelopeFor(message, groups[k]);
+        for (qsizetype k = 0; k < envelopes.size(); ++k) {
             const QByteArray suffix = '-' + QByteArray::number(k + 1);
-            writers.push_back(open(part, suffix, group.isEmpty() ? QByteArray() : group + suffix));
+            writers.push_back(open(envelopes[k], suffix, group.isEmpty() ? QByteArray() : group + suffix));
         }
     }
     for (const std::unique_ptr<QueueWriter>& writer : writers) {
@@ -400,40 +366,16 @@ QList<StagedFile> Queue::stage(const CMessage& message) const
 QList<StagedFile> Queue::stageWritten(std::unique_ptr<QueueWriter> writer, const CMessage& envelope) const
 {
     writer->finish();
-    const QList<QByteArrayList> groups = recipientsByDomain(envelope);
-    if (groups.size() <= 1) {
+    const QList<CMessage> envelopes = EnvelopesByDomain(envelope);
+    if (envelopes.size() <= 1) {
         writer->committed_ = true; // handed over: the caller commits or discards it
         return {writer->staged()};
     }
-    QFile source(writer->staged().staging);
-    if (!source.open(QIODevice::ReadOnly))
-        throw QueueFault(ErrFileAccess, QStringLiteral("Cannot read '%1': %2").arg(source.fileName(), source.errorString()));
-    CMessage head = envelope;
-    qint64 textSize = 0;
-    try {
-        textSize = ReadQueueRecordHead(source, head);
-    } catch (const Fault& fault) {
-        throw QueueFault(fault.number(), fault.description());
-    }
-    const qint64 textStart = source.pos();
-    std::vector<std::unique_ptr<QueueWriter>> parts;
-    for (qsizetype k = 0; k < groups.size(); ++k) {
-        parts.push_back(open(envelopeFor(envelope, groups[k]), '-' + QByteArray::number(k + 1)));
-        source.seek(textStart);
-        for (qint64 left = textSize; left > 0;) {
-            const QByteArray chunk = source.read(std::min<qint64>(left, kChunk));
-            if (chunk.isEmpty())
-                throw QueueFault(ErrPastEndOfFile, QStringLiteral("'%1' ends inside its text").arg(source.fileName()));
-            parts.back()->append(chunk);
-            left -= chunk.size();
-        }
-        parts.back()->finish();
-    }
-    writer->discard();
     QList<StagedFile> staged;
-    for (const std::unique_ptr<QueueWriter>& part : parts) {
+    for (const std::unique_ptr<QueueWriter>& part :
+         WriteDomainParts(*this, *writer, envelopes, [](const QByteArray&) { return QByteArray(); })) {
         staged.append(part->staged());
-        part->committed_ = true;
+        part->committed_ = true; // handed over: the caller commits or discards it
     }
     return staged;
 }
