@@ -14,7 +14,7 @@ set(POSTIQ_SYSTEMD_UNIT_DIR "lib/systemd/system" CACHE STRING
 
 install(TARGETS postiq RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 # The desktop plugin, where the program looks for it: bin/../lib/postiq.
-install(TARGETS postiq_ui LIBRARY DESTINATION lib/postiq)
+install(TARGETS postiq_ui postiq_keyring LIBRARY DESTINATION lib/postiq)
 install(FILES ${packaging}/postiq.service DESTINATION ${POSTIQ_SYSTEMD_UNIT_DIR})
 install(FILES ${packaging}/postiq.desktop DESTINATION ${CMAKE_INSTALL_DATADIR}/applications)
 

@@ -1,62 +1,14 @@
 #include "platform/keyring.h"
 
+#include <QDir>
 #include <QFileInfo>
-#include <QPointer>
-#include <qt6keychain/keychain.h>
+#include <QLibrary>
+
+#include "platform/program_folder.h"
 
 namespace postiq {
 
 namespace {
-
-// The entries of every Postiq are filed under this service name; the key tells them apart.
-const QString kService = QStringLiteral("Postiq");
-
-KeyringAnswer answerOf(const QKeychain::Job& job, const QByteArray& secret)
-{
-    switch (job.error()) {
-    case QKeychain::NoError:
-        return {KeyringAnswer::Done, secret, {}};
-    case QKeychain::EntryNotFound:
-        return {KeyringAnswer::NotFound, {}, job.errorString()};
-    default:
-        return {KeyringAnswer::NoKeyring, {}, job.errorString()};
-    }
-}
-
-class SecretServiceKeyring : public Keyring {
-public:
-    void read(const QString& key, QObject* context, Answer answer) override
-    {
-        auto* job = new QKeychain::ReadPasswordJob(kService);
-        job->setKey(key);
-        start(job, context, std::move(answer), [job] {
-            return answerOf(*job, job->error() == QKeychain::NoError ? job->binaryData() : QByteArray());
-        });
-    }
-
-    void write(const QString& key, const QByteArray& secret, QObject* context, Answer answer) override
-    {
-        auto* job = new QKeychain::WritePasswordJob(kService);
-        job->setKey(key);
-        job->setBinaryData(secret);
-        start(job, context, std::move(answer), [job] { return answerOf(*job, {}); });
-    }
-
-private:
-    // The job deletes itself once finished. Its answer is taken at once and handed over posted to
-    // the context, so that it never comes from inside the call, nor after the context is gone.
-    static void start(QKeychain::Job* job, QObject* context, Answer answer, std::function<KeyringAnswer()> take)
-    {
-        job->setAutoDelete(true);
-        QPointer<QObject> receiver(context);
-        QObject::connect(job, &QKeychain::Job::finished, job, [receiver, answer, take] {
-            if (!receiver)
-                return;
-            QMetaObject::invokeMethod(receiver, [answer, said = take()] { answer(said); }, Qt::QueuedConnection);
-        });
-        job->start();
-    }
-};
 
 bool sessionBusAdvertised()
 {
@@ -68,11 +20,30 @@ bool sessionBusAdvertised()
 
 } // namespace
 
-std::unique_ptr<Keyring> SessionKeyring()
+QStringList keyringModulePaths(const QStringList& folders)
+{
+    QStringList paths;
+    const QDir beside(executableFolder());
+    for (const QString& folder : folders.isEmpty() ? QStringList{beside.path(), beside.filePath(QStringLiteral("../lib/postiq"))}
+                                                   : folders)
+        paths << QDir::cleanPath(QDir(folder).filePath(QString::fromLatin1(kKeyringModuleFile)));
+    return paths;
+}
+
+std::unique_ptr<Keyring> SessionKeyring(const QStringList& moduleFolders)
 {
     if (!sessionBusAdvertised())
         return nullptr;
-    return std::make_unique<SecretServiceKeyring>();
+    for (const QString& path : keyringModulePaths(moduleFolders)) {
+        if (!QFileInfo::exists(path))
+            continue;
+        // Never unloaded: the keyring's jobs may still be running when its object goes.
+        QLibrary module(path);
+        using Factory = Keyring* (*)();
+        if (const auto factory = reinterpret_cast<Factory>(module.resolve("postiq_make_keyring")))
+            return std::unique_ptr<Keyring>(factory());
+    }
+    return nullptr; // no module: the password file serves
 }
 
 } // namespace postiq

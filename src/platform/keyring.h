@@ -3,6 +3,7 @@
 #include <QByteArray>
 #include <QObject>
 #include <QString>
+#include <QStringList>
 #include <functional>
 #include <memory>
 
@@ -31,9 +32,13 @@ public:
     virtual void write(const QString& key, const QByteArray& secret, QObject* context, Answer answer) = 0;
 };
 
+// The module that reaches the Secret Service; it is looked for beside the program and in
+// ../lib/postiq, or in `moduleFolders` when given.
+inline constexpr char kKeyringModuleFile[] = "libpostiq_keyring.so";
+
 // The Secret Service of the desktop session (GNOME Keyring, KWallet, KeePassXC...), reached on
 // the session's message bus. None where the session has no bus to look on (a server, a service
-// started by systemd): nothing is tried, nothing is loaded.
-std::unique_ptr<Keyring> SessionKeyring();
+// started by systemd): nothing is tried, nothing is loaded. None either without its module.
+std::unique_ptr<Keyring> SessionKeyring(const QStringList& moduleFolders = {});
 
 } // namespace postiq

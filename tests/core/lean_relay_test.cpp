@@ -18,6 +18,14 @@ namespace {
 const char* const kDesktopLibraries[] = {"libQt6Widgets", "libQt6Gui", "libGL", "libEGL", "libpostiq_ui"};
 // Loaded on the first DNS question or TLS session, never by a relay that has not sent anything yet.
 const char* const kOnDemandLibraries[] = {"libldns", "libssl", "libcrypto"};
+// Loaded only where a session bus is advertised, to reach the desktop keyring.
+const char* const kKeyringLibraries[] = {"libpostiq_keyring", "libqt6keychain", "libQt6DBus", "libdbus-1"};
+
+bool sessionBusAdvertised()
+{
+    return !qEnvironmentVariableIsEmpty("DBUS_SESSION_BUS_ADDRESS")
+        || QFileInfo::exists(qEnvironmentVariable("XDG_RUNTIME_DIR") + QStringLiteral("/bus"));
+}
 
 QByteArray mapsOf(qint64 pid) { return readFile(QStringLiteral("/proc/%1/maps").arg(pid)); }
 
@@ -70,6 +78,8 @@ TEST_F(LeanRelay, HeadlessMapsNoWidgetGuiOrGlLibrary)
         EXPECT_FALSE(maps.contains(library)) << library;
     for (const char* library : kOnDemandLibraries)
         EXPECT_FALSE(maps.contains(library)) << library;
+    for (const char* library : kKeyringLibraries)
+        EXPECT_TRUE(sessionBusAdvertised() || !maps.contains(library)) << library;
 }
 
 // On a desktop the plugin beside the program brings the windows (a build without it skips this).

@@ -94,8 +94,8 @@ TEST(Keyring, ThePasswordRoundTripsThroughARealSecretService)
         GTEST_SKIP() << "dbus-daemon or gnome-keyring-daemon is not installed";
     PrivateKeyringSession session;
     ASSERT_TRUE(session.start());
-    std::unique_ptr<Keyring> keyring = SessionKeyring();
-    ASSERT_NE(keyring, nullptr) << "the session has a bus";
+    std::unique_ptr<Keyring> keyring = SessionKeyring({QStringLiteral(POSTIQ_MODULE_DIR)});
+    ASSERT_NE(keyring, nullptr) << "the session has a bus, and the module is built";
 
     // The daemon takes a moment to come up on the bus.
     const QByteArray secret = "pä55 word, with spaces";
@@ -142,7 +142,10 @@ TEST(Keyring, NoSessionBusNoKeyring)
     QTemporaryDir emptyRuntime;
     qunsetenv("DBUS_SESSION_BUS_ADDRESS");
     qputenv("XDG_RUNTIME_DIR", QFile::encodeName(emptyRuntime.path()));
-    EXPECT_EQ(SessionKeyring(), nullptr);
+    EXPECT_EQ(SessionKeyring({QStringLiteral(POSTIQ_MODULE_DIR)}), nullptr);
+    // With a bus but without the module (a package installed without it), the file serves.
+    qputenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent");
+    EXPECT_EQ(SessionKeyring({emptyRuntime.path()}), nullptr);
     qputenv("DBUS_SESSION_BUS_ADDRESS", address);
     qputenv("XDG_RUNTIME_DIR", runtime);
 }
