@@ -12,6 +12,7 @@
 #include "fuzz_bench.h"
 #include "smtp_in/connexion.h"
 #include "smtp_in/smtp_service.h"
+#include "store/queue.h"
 
 using namespace postiq;
 using namespace postiq::fuzz;
@@ -26,14 +27,15 @@ struct Relay {
     Settings settings;
     DnsCache cache;
     ConnectionTables tables{bench.logs, settings, cache};
-    SmtpService service{settings, bench.logs, cache, tables};
+    Queue queue{bench.dir.path()};
+    SmtpService service{settings, bench.logs, cache, tables, queue};
     quint16 port = 0;
     int runs = 0;
 
     Relay()
     {
         settings.ConfigLoaded = true;
-        QDir(bench.dir.path()).mkdir(QStringLiteral("OutBox"));
+        queue.createMissingFolders();
         QTcpServer probe;
         probe.listen(QHostAddress::LocalHost);
         port = probe.serverPort();
@@ -54,7 +56,7 @@ struct Relay {
     {
         if (++runs % 1000 != 0)
             return;
-        QDir outBox(bench.path(QStringLiteral("OutBox")));
+        QDir outBox(queue.folderPath(QueueFolder::OutBox));
         for (const QString& name : outBox.entryList(QDir::Files | QDir::Hidden))
             outBox.remove(name);
     }
