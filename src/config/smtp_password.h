@@ -15,4 +15,16 @@ inline QString SmtpPasswordKey(const QString& programFolder)
     return QString::fromLatin1(kSmtpPasswordFile) + u' ' + programFolder;
 }
 
+// A route of Routes.ini has its own password: the file "smtp-password-NAME" beside the other,
+// and its own keyring entry.
+inline QString RoutePasswordFile(const QString& route)
+{
+    return QString::fromLatin1(kSmtpPasswordFile) + u'-' + route;
+}
+
+inline QString RoutePasswordKey(const QString& programFolder, const QString& route)
+{
+    return RoutePasswordFile(route) + u' ' + programFolder;
+}
+
 } // namespace postiq

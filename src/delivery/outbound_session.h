@@ -64,6 +64,7 @@ struct SessionTarget {
     bool exchanger = true;   // an MX host: STARTTLS when offered, certificates not checked
     bool clearOnly = false;  // TLS already failed with this host in this dispatch: no STARTTLS
     QByteArray knownAddresses; // the host's addresses as the MX answer brought them, if it did
+    QString routeName;       // the route of Routes.ini this connection serves; empty: none (its password)
 };
 
 // One connection to one mail host, from the address lookup to QUIT: owns its reply reader, its
@@ -154,7 +155,6 @@ private:
 
     // The provider route's opening (submission.cpp).
     void lookUpPassword();
-    bool readPassword();
     void authenticate(const ServerReply& reply);
     void sendSecret(const QByteArray& command, const QByteArray& shown);
 

@@ -1,5 +1,7 @@
 #include "delivery/route_table.h"
 
+#include <QDir>
+#include <QFile>
 #include <QHash>
 #include <QSet>
 
@@ -172,6 +174,42 @@ const SenderRoute* RouteTable::match(const QByteArray& sender) const
             if (SenderPatternMatches(pattern, address))
                 return &route;
     return nullptr;
+}
+
+const SenderRoute* RouteTable::forMessage(const QByteArray& sender, const QByteArray& firstRecipient) const
+{
+    if (bareAddress(sender).isEmpty())
+        return match(firstRecipient);
+    return match(sender);
+}
+
+RouteTable RouteTable::load(const QString& programFolder)
+{
+    const QString path = QDir(programFolder).filePath(QString::fromLatin1(kRoutesFile));
+    QFile file(path);
+    if (!file.exists())
+        return {};
+    if (!file.open(QIODevice::ReadOnly)) {
+        RouteTable table;
+        table.errors_.append(QStringLiteral("%1: %2").arg(path, file.errorString()));
+        return table;
+    }
+    return parse(file.readAll(), path);
+}
+
+QByteArray RouteTable::format(const QList<SenderRoute>& routes)
+{
+    QByteArray text;
+    for (const SenderRoute& route : routes) {
+        if (!text.isEmpty())
+            text += '\n';
+        text += '[' + route.name.toUtf8() + "]\n";
+        text += "Senders = " + route.senders.join(", ") + '\n';
+        text += "Server = " + route.server + '\n';
+        if (!route.fallback.isEmpty())
+            text += "Fallback = " + route.fallback.toUtf8() + '\n';
+    }
+    return text;
 }
 
 QList<const SenderRoute*> RouteTable::chain(const SenderRoute& first) const

@@ -10,6 +10,9 @@
 
 namespace postiq {
 
+// The routes live in their own file of the program folder, so that Postiq.ini keeps its format.
+inline constexpr char kRoutesFile[] = "Routes.ini";
+
 // One outgoing server chosen by the envelope sender: a section of Routes.ini.
 struct SenderRoute {
     QString name;
@@ -27,6 +30,11 @@ public:
     RouteTable() = default;
     // `text` is the file's contents; `file` names it in the error lines.
     static RouteTable parse(const QByteArray& text, const QString& file = QStringLiteral("Routes.ini"));
+    // Reads Routes.ini of the program folder: no file is no route and no error; a file that
+    // cannot be read is no route, with one error line.
+    static RouteTable load(const QString& programFolder);
+    // The text of a Routes.ini holding these routes, in their order, that parse() reads back.
+    static QByteArray format(const QList<SenderRoute>& routes);
 
     const QList<SenderRoute>& routes() const { return routes_; }
     const QStringList& errors() const { return errors_; }
@@ -36,6 +44,9 @@ public:
     // The first route, in the file's order, with a pattern that matches the sender ("<a@b>" or
     // "a@b"); none for the null sender.
     const SenderRoute* match(const QByteArray& sender) const;
+    // The route a message takes: its envelope sender's; for the null sender (a bounce, a delay
+    // notice), the route of the address it goes to, if any. None: SmtpServer, else by MX.
+    const SenderRoute* forMessage(const QByteArray& sender, const QByteArray& firstRecipient) const;
     // The route and then its fallbacks, each once.
     QList<const SenderRoute*> chain(const SenderRoute& first) const;
 

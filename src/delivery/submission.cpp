@@ -1,83 +1,39 @@
 // The login of a provider route (smtp:// with STARTTLS required, smtps:// with TLS from the first
 // byte), once its certificate has been checked and the secure EHLO answered. Every failure here
 // fails the connection: there is no falling back to plain text or to no login.
-#include <QDir>
 #include <QSslSocket>
 
 #include "config/settings.h"
-#include "config/smtp_password.h"
 #include "delivery/error_trap.h"
 #include "delivery/outbound_session.h"
+#include "delivery/route_password.h"
 #include "delivery/socket_errors.h"
 #include "log/dates.h"
 #include "log/logs.h"
-#include "platform/keyring.h"
-#include "platform/owner_only_file.h"
 #include "store/message.h"
 
 namespace postiq {
 
 namespace {
 QByteArray number(int n) { return QByteArray::number(n); }
-
-QByteArray passwordFileProblem(const QString& path, const OwnerOnlyFile& file)
-{
-    const QByteArray name = "The password file " + path.toUtf8();
-    const QByteArray mode = QByteArray::number(file.mode, 8).rightJustified(4, '0');
-    switch (file.problem) {
-    case OwnerOnlyFile::Missing:
-        return name + " is missing: create it with mode 0600 (readable by its owner only)";
-    case OwnerOnlyFile::TooOpen:
-        return name + " has mode " + mode + ": it must have mode 0600 (readable by its owner only)";
-    case OwnerOnlyFile::OtherOwner:
-        return name + " belongs to another user: it must belong to the user running Postiq, with mode 0600";
-    case OwnerOnlyFile::NotAFile:
-        return name + " is not a plain file: it must be one, with mode 0600";
-    default:
-        return name + " cannot be read: it must be readable by its owner, with mode 0600";
-    }
-}
 } // namespace
 
-// The password is looked up for each connection, so that a corrected one serves at the next try:
-// in the keyring first; where none answers, or it holds none, in the file.
+// The password is looked up for each connection, so that a corrected one serves at the next try.
 void OutboundSession::lookUpPassword()
 {
-    if (!settings_.keyring) {
-        if (readPassword())
-            resolveHost();
-        return;
-    }
-    settings_.keyring->read(SmtpPasswordKey(logs_.folder()), this, [this](const KeyringAnswer& answer) {
+    LookUpPassword(logs_, settings_, target_.routeName, this, [this](const PasswordLookup& lookup) {
         Trapped(logs_, "M:MAIN[SmtpDistant_Connect]", [&] {
             if (finished_)
                 return; // the watchdog was quicker
-            if (answer.status == KeyringAnswer::Done) {
-                password_ = answer.secret;
-                resolveHost();
-            } else if (readPassword()) {
-                resolveHost();
+            if (!lookup.found) {
+                logs_.ErrorLog(GMTDate(logs_.clock()) + " " + lookup.problem);
+                fail(ErrAuthFailed, lookup.problem);
+                return;
             }
+            password_ = lookup.password;
+            resolveHost();
         });
     });
-}
-
-bool OutboundSession::readPassword()
-{
-    const QString path = QDir(logs_.folder()).filePath(QString::fromLatin1(kSmtpPasswordFile));
-    const OwnerOnlyFile file = ReadOwnerOnlyFile(path);
-    if (file.problem == OwnerOnlyFile::None) {
-        const qsizetype end = file.content.indexOf('\n');
-        QByteArray password = end < 0 ? file.content : file.content.left(end);
-        if (password.endsWith('\r'))
-            password.chop(1);
-        password_ = password;
-        return true;
-    }
-    const QByteArray problem = passwordFileProblem(path, file);
-    logs_.ErrorLog(GMTDate(logs_.clock()) + " " + problem);
-    fail(ErrAuthFailed, problem);
-    return false;
 }
 
 // Nothing of the login goes out before TLS is up.

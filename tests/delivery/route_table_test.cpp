@@ -91,3 +91,21 @@ TEST(RouteTable, AHostileFileCostsOnlyItsFaultyRoutes)
 }
 
 } // namespace
+
+TEST(RouteTable, NullSenderTakesTheRouteOfItsRecipientAndFormatReadsBack)
+{
+    const RouteTable table = RouteTable::parse("[work]\nSenders = *@work.example\nServer = smtps://me@work.example@smtp.work.example\n"
+                                               "Fallback = home\n[home]\nSenders = b@home.example\nServer = smtp.home.example:2525\n");
+    ASSERT_EQ(table.errors(), QStringList());
+    EXPECT_EQ(table.forMessage("<a@work.example>", "<x@else.example>")->name, "work");
+    EXPECT_EQ(table.forMessage("<>", "<B@Home.example>")->name, "home");
+    EXPECT_EQ(table.forMessage("", "<x@else.example>"), nullptr);
+    EXPECT_EQ(table.forMessage("<x@else.example>", "<b@home.example>"), nullptr);
+
+    const RouteTable again = RouteTable::parse(RouteTable::format(table.routes()));
+    ASSERT_EQ(again.errors(), QStringList());
+    ASSERT_EQ(again.routes().size(), 2);
+    EXPECT_EQ(again.routes()[0].server, table.routes()[0].server);
+    EXPECT_EQ(again.routes()[0].fallback, "home");
+    EXPECT_EQ(again.routes()[1].senders, table.routes()[1].senders);
+}
