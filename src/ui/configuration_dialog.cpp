@@ -20,8 +20,8 @@
 #include "config/settings.h"
 #include "config/smtp_password.h"
 #include "log/logs.h"
-#include "platform/keyring.h"
-#include "platform/owner_only_file.h"
+#include "ui/password_store.h"
+#include "ui/routes_page.h"
 #include "platform/program_folder.h"
 
 namespace postiq {
@@ -109,7 +109,7 @@ ConfigurationDialog::ConfigurationDialog(Settings& settings, Logs& logs, std::fu
     auto* layout = new QHBoxLayout(this);
     layout->addWidget(categories_);
     layout->addLayout(right, 1);
-    resize(660, 360);
+    resize(720, 460);
 
     // Labels first, then the values: the shared words come with the language.
     texts_.relabel(*this);
@@ -162,6 +162,11 @@ void ConfigurationDialog::buildPages()
     addServerUser(page);
     addPassword(page);
 
+    page = addPage(QStringLiteral("frmRoutes"), QStringLiteral("cat_routes_8"), QStringLiteral("Routes"),
+                   QStringLiteral("network16"));
+    routes_ = new RoutesPage(settings_, logs_, texts_.text, page);
+    static_cast<QVBoxLayout*>(page->layout())->addWidget(routes_, 1);
+
     page = addPage(QStringLiteral("frmRelay"), QStringLiteral("cat_relay_6"), QStringLiteral("Relai"), QString());
     addBoolean(page, QStringLiteral("Relay"), QStringLiteral("Etre serveur de relai pour le réseau 192.168.x.x:"),
                &CConfiguration::Relay, &CConfiguration::RelayDefined);
@@ -175,8 +180,10 @@ void ConfigurationDialog::buildPages()
                    QStringLiteral("language16"));
     addLanguage(page);
 
+    // Every page but the routes' (whose list takes the height) keeps its settings at the top.
     for (int i = 0; i < pages_->count(); ++i)
-        static_cast<QVBoxLayout*>(pages_->widget(i)->layout())->addStretch(1);
+        if (pages_->widget(i) != routes_->parentWidget())
+            static_cast<QVBoxLayout*>(pages_->widget(i)->layout())->addStretch(1);
 }
 
 QWidget* ConfigurationDialog::addPage(const QString& frameName, const QString& nodeKey, const QString& caption,
@@ -361,6 +368,7 @@ void ConfigurationDialog::btnWrite_Click()
         WriteConf(edit, logs_);
     });
     storePassword();
+    routes_->write();
     if (applyWritten_)
         applyWritten_();
 }
@@ -425,26 +433,8 @@ void ConfigurationDialog::storePassword()
     password_->clear();
     if (password.isEmpty())
         return;
-    if (!settings_.keyring) {
-        logs_.guarded("FRM:CONFIGURATION[btnWrite_Click]", [&] { writePasswordFile(password); });
-        showPasswordPlace(false);
-        return;
-    }
-    settings_.keyring->write(SmtpPasswordKey(logs_.folder()), password, this,
-                             [this, password](const KeyringAnswer& answer) {
-                                 const bool stored = answer.status == KeyringAnswer::Done;
-                                 if (!stored)
-                                     logs_.guarded("FRM:CONFIGURATION[btnWrite_Click]",
-                                                   [&] { writePasswordFile(password); });
-                                 showPasswordPlace(stored);
-                             });
-}
-
-void ConfigurationDialog::writePasswordFile(const QByteArray& password)
-{
-    const QString path = logs_.folder() + u'/' + QString::fromLatin1(kSmtpPasswordFile);
-    if (!WriteOwnerOnlyFile(path, password + '\n'))
-        throw Fault(ErrAccessDenied, QStringLiteral("Cannot write '%1'").arg(path));
+    StorePassword(settings_, logs_, SmtpPasswordKey(logs_.folder()), QString::fromLatin1(kSmtpPasswordFile), password,
+                  this, [this](bool inKeyring) { showPasswordPlace(inKeyring); });
 }
 
 void ConfigurationDialog::selectCategory(const QString& nodeKey)

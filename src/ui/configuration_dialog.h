@@ -21,6 +21,7 @@ class QTreeWidgetItem;
 namespace postiq {
 
 class Logs;
+class RoutesPage;
 class Settings;
 
 // The configuration dialog: a tree of categories, one page per category, each setting with its
@@ -34,6 +35,9 @@ public:
     struct Texts {
         std::function<void(QWidget& form)> relabel;
         std::function<QString(int number)> sharedWord;
+        // The texts the dialog composes (the routes page's list and messages): the language's
+        // TXT_name, else the built-in French.
+        std::function<QString(const char* name, const QString& french)> text;
     };
 
     // Builds the dialog, relabels it and fills each control from UserSettings when its flag is
@@ -44,7 +48,8 @@ public:
     ~ConfigurationDialog() override;
 
     // Copies every control and check box into EditSettings, writes Postiq.ini from it, stores a
-    // password that was typed, then puts the file into force as Recharger does.
+    // password that was typed, writes Routes.ini when its page changed it, then puts the files
+    // into force as Recharger does.
     void btnWrite_Click();
     // Acts as a click on the node with that key (e.g. "cat_network_5").
     void selectCategory(const QString& nodeKey);
@@ -82,7 +87,6 @@ private:
     void addPassword(QWidget* page);
     // The typed password goes into the keyring, or into its file where no keyring answers.
     void storePassword();
-    void writePasswordFile(const QByteArray& password);
     // Says where the password is kept: the keyring, or the file.
     void showPasswordPlace(bool inKeyring);
     void applySharedWords();
@@ -104,6 +108,7 @@ private:
     QLineEdit* password_ = nullptr;
     QLabel* passwordInKeyring_ = nullptr;
     QLabel* passwordInFile_ = nullptr;
+    RoutesPage* routes_ = nullptr;
     std::vector<Binding> bindings_;
     QList<QPair<QRadioButton*, QRadioButton*>> booleans_;
 };

@@ -247,7 +247,10 @@ void DesktopShell::openConfiguration()
             {.relabel = [&logs, &language](QWidget& form) {
                  LOADValues(logs, language, form, QString::fromLatin1(kConfigurationSection));
              },
-             .sharedWord = [&language](int number) { return language.sharedWord(number); }});
+             .sharedWord = [&language](int number) { return language.sharedWord(number); },
+             .text = [&language](const char* name, const QString& french) {
+                 return language.text(QLatin1String(name), french);
+             }});
         dialog_->setAttribute(Qt::WA_DeleteOnClose);
     }
     dialog_->show();

@@ -53,14 +53,14 @@ TEST_F(DialogFixture, TreeHasItsCategoriesAndANodeClickShowsItsPage)
     auto& tree = control<QTreeWidget>(*dialog, "Categories");
     auto& pages = control<QStackedWidget>(*dialog, "SSTabCat");
     const QStringList keys{"cat_onstart_0", "cat_computer_1", "cat_parameters_2", "cat_network_5",
-                           "cat_server_7", "cat_relay_6", "cat_debug_3", "cat_language_4"};
+                           "cat_server_7", "cat_routes_8", "cat_relay_6", "cat_debug_3", "cat_language_4"};
     const QStringList captions{"Démarrage Postiq", "Démarrage ordinateur", "Paramètres", "Réseau",
-                               "Serveur sortant", "Relai", "Débuggage", "Langue"};
+                               "Serveur sortant", "Routes", "Relai", "Débuggage", "Langue"};
     const QStringList frames{"frmOnStart", "frmComputer", "frmParametres", "frmNetwork", "frmServer",
-                             "frmRelay", "frmDebug", "frmLanguage"};
-    ASSERT_EQ(tree.topLevelItemCount(), 8);
-    ASSERT_EQ(pages.count(), 8);
-    for (int i = 0; i < 8; ++i) {
+                             "frmRoutes", "frmRelay", "frmDebug", "frmLanguage"};
+    ASSERT_EQ(tree.topLevelItemCount(), 9);
+    ASSERT_EQ(pages.count(), 9);
+    for (int i = 0; i < 9; ++i) {
         QTreeWidgetItem* node = tree.topLevelItem(i);
         EXPECT_EQ(node->data(0, Qt::UserRole).toString(), keys[i]);
         EXPECT_EQ(node->text(0), captions[i]);
@@ -72,7 +72,7 @@ TEST_F(DialogFixture, TreeHasItsCategoriesAndANodeClickShowsItsPage)
     EXPECT_EQ(pages.currentWidget()->objectName(), QString("frmNetwork"));
     EXPECT_EQ(control<QLabel>(*dialog, "strCategorie").text(), QString("Réseau"));
     EXPECT_FALSE(control<QLabel>(*dialog, "imgCat").pixmap().isNull());
-    for (int i = 0; i < 8; ++i)
+    for (int i = 0; i < 9; ++i)
         EXPECT_EQ(tree.topLevelItem(i)->font(0).bold(), i == 3) << i;
     // The network page holds the two network settings with their check boxes; the outgoing
     // server has a page of its own, with its login and password.

@@ -6,6 +6,7 @@
 #include <QGroupBox>
 #include <QHeaderView>
 #include <QLabel>
+#include <QLineEdit>
 #include <QLibraryInfo>
 #include <QMenu>
 #include <QPushButton>
@@ -89,13 +90,32 @@ TEST_P(EnglishDesktop, NoFrenchWordIsLeftAnywhere)
     texts << textsOf(*shell.menu().menu);
     texts << shell.trayIcon().toolTip() << shell.eventIcon().toolTip();
 
+    // A Routes.ini with a fault, so that the routes page shows its errors' heading.
+    writeFile(bench.path("Routes.ini"), "[work]\nServer = smtp://smtp.work.example\n[broken]\nSenders = *@x\n");
     shell.openConfiguration();
     ConfigurationDialog& dialog = *shell.configurationDialog();
     for (const char* node : {"cat_onstart_0", "cat_computer_1", "cat_parameters_2", "cat_network_5", "cat_server_7",
-                             "cat_relay_6", "cat_debug_3", "cat_language_4"}) {
+                             "cat_routes_8", "cat_relay_6", "cat_debug_3", "cat_language_4"}) {
         dialog.selectCategory(node); // the title over the page follows the node
         texts << textsOf(dialog);
     }
+    // The routes page's form, a refusal, a route kept and one removed: each says something.
+    const auto click = [&dialog](const char* name) {
+        dialog.findChild<QPushButton*>(QLatin1String(name))->click();
+    };
+    const auto field = [&dialog](const char* name) { return dialog.findChild<QLineEdit*>(QLatin1String(name)); };
+    click("btnRouteAdd");
+    field("txtRouteName")->setText(QStringLiteral("bad name"));
+    click("btnRouteOk");
+    texts << textsOf(dialog);
+    field("txtRouteName")->setText(QStringLiteral("home"));
+    field("txtRouteServer")->setText(QStringLiteral("smtps://smtp.home.example"));
+    dialog.findChild<QComboBox*>(QStringLiteral("cboRouteFallback"))->setCurrentIndex(1);
+    click("btnRouteOk");
+    texts << textsOf(dialog);
+    click("btnRouteRemove");
+    texts << textsOf(dialog);
+    ASSERT_TRUE(dialog.findChild<QLabel*>(QStringLiteral("lblRouteStatus"))->text().startsWith("Route home removed"));
 
     shell.announceNewVersion(QStringLiteral("9.9"));
     texts << textsOf(*shell.announcement());
@@ -118,6 +138,7 @@ TEST_P(EnglishDesktop, NoFrenchWordIsLeftAnywhere)
     EXPECT_EQ(frenchIn(texts), QStringList());
     EXPECT_TRUE(texts.contains(QStringLiteral("Quit")));
     EXPECT_TRUE(texts.contains(QStringLiteral("Outgoing server")));
+    EXPECT_TRUE(texts.contains(QStringLiteral("Fallback route:")));
 }
 
 INSTANTIATE_TEST_SUITE_P(WithAndWithoutTray, EnglishDesktop, ::testing::Bool());

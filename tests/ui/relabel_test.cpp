@@ -1,6 +1,7 @@
 #include <QAbstractButton>
 #include <QAction>
 #include <QFile>
+#include <QGroupBox>
 #include <QLabel>
 #include <QPushButton>
 #include <QTreeWidget>
@@ -22,6 +23,8 @@ QString captionOf(QObject* control)
         return button->text();
     if (auto* label = qobject_cast<QLabel*>(control))
         return label->text();
+    if (auto* box = qobject_cast<QGroupBox*>(control))
+        return box->title();
     return qobject_cast<QWidget*>(control)->windowTitle();
 }
 
@@ -115,4 +118,28 @@ TEST(Relabel, EnglishFileRelabelsEveryControlItNames)
     EXPECT_EQ(dialog.findChild<QAbstractButton*>("ListenPortDefault")->text(), QString("Override the default value"));
     EXPECT_EQ(dialog.findChild<QAbstractButton*>("optRelayNo")->text(), QString("No"));
     EXPECT_EQ(dialog.findChild<QLabel*>("lblSmtpServerDefaultValue")->text(), QString("Default: smtp.fai.com"));
+}
+
+// fr.ini is the model of a new language: it must say what the windows say without it.
+TEST(Relabel, TheFrenchFileHoldsTheBuiltInCaptions)
+{
+    DesktopBench bench; // with no language file: the built-in French
+    bench.start();
+    bench.shell->openConfiguration();
+    ConfigurationDialog& dialog = *bench.shell->configurationDialog();
+    bench.writeLanguage("model", readFile(QStringLiteral(POSTIQ_SOURCE_DIR "/language/fr.ini")));
+    LanguageTable french;
+    french.LOADFile(bench.application->logs(), QStringLiteral("model"));
+    int checked = 0;
+    for (const LanguageTable::Row& row : french.rows()) {
+        if (!row.key.startsWith("CPT_") || (row.section != "MAIN" && row.section != "CONFIGURATION"))
+            continue;
+        QWidget& form = row.section == "MAIN" ? static_cast<QWidget&>(bench.shell->mainWindow())
+                                              : static_cast<QWidget&>(dialog);
+        QObject* control = named(form, row.key.mid(4));
+        ASSERT_NE(control, nullptr) << row.key.toStdString();
+        EXPECT_EQ(captionOf(control), row.value) << row.key.toStdString();
+        ++checked;
+    }
+    EXPECT_GT(checked, 40);
 }

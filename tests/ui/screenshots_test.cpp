@@ -49,7 +49,7 @@ TEST(Screenshots, UnderXvfbWithATrayHost)
 
     for (const char* name : {"main_window.png", "tray_menu.png", "screen.png", "queue_window.png", "config_frmOnStart.png",
                              "config_frmComputer.png", "config_frmParametres.png", "config_frmNetwork.png",
-                             "config_frmServer.png", "config_frmRelay.png", "config_frmDebug.png",
+                             "config_frmServer.png", "config_frmRoutes.png", "config_frmRelay.png", "config_frmDebug.png",
                              "config_frmLanguage.png", "en_tray_menu.png", "en_main_window.png",
                              "en_config_frmServer.png"})
         EXPECT_TRUE(QFileInfo(folder + '/' + QLatin1String(name)).size() > 0) << name;
