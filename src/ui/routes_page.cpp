@@ -85,7 +85,13 @@ void RoutesPage::buildList()
     table_->setSelectionMode(QAbstractItemView::SingleSelection);
     table_->setEditTriggers(QAbstractItemView::NoEditTriggers);
     table_->verticalHeader()->hide();
-    table_->horizontalHeader()->setStretchLastSection(true);
+    table_->setWordWrap(false);
+    // Long addresses are cut short in the list rather than pushing the fallback out of sight.
+    QHeaderView* header = table_->horizontalHeader();
+    header->setSectionResizeMode(NameColumn, QHeaderView::ResizeToContents);
+    header->setSectionResizeMode(SendersColumn, QHeaderView::Stretch);
+    header->setSectionResizeMode(ServerColumn, QHeaderView::Stretch);
+    header->setSectionResizeMode(FallbackColumn, QHeaderView::ResizeToContents);
     table_->setMinimumHeight(110);
     column->addWidget(table_, 1);
 
@@ -132,12 +138,17 @@ void RoutesPage::buildForm()
     fallback_->setObjectName(QStringLiteral("cboRouteFallback"));
     password_ = field(QStringLiteral("txtRoutePassword"), form_);
     password_->setEchoMode(QLineEdit::Password);
+    senders_->setToolTip(QStringLiteral("Adresses ou motifs avec * (n'importe quels caractères), séparés par des virgules"));
+    server_->setToolTip(QStringLiteral("smtp://identifiant@hôte[:port] (STARTTLS), smtps://identifiant@hôte[:port] "
+                                       "(TLS) ou hôte[:port]"));
     const auto row = [&](const char* label, const QString& caption, QWidget* control) {
-        rows->addRow(wrappedLabel(QLatin1String(label), caption, form_), control);
+        auto* shown = new QLabel(caption, form_);
+        shown->setObjectName(QLatin1String(label));
+        rows->addRow(shown, control);
     };
     row("lblRouteName", QStringLiteral("Nom:"), name_);
-    row("lblRouteSenders", QStringLiteral("Expéditeurs (adresses ou motifs avec *):"), senders_);
-    row("lblRouteServer", QStringLiteral("Serveur (smtp://, smtps:// ou hôte[:port]):"), server_);
+    row("lblRouteSenders", QStringLiteral("Expéditeurs:"), senders_);
+    row("lblRouteServer", QStringLiteral("Serveur:"), server_);
     row("lblRouteFallback", QStringLiteral("Route de secours:"), fallback_);
     row("lblRoutePassword", QStringLiteral("Mot de passe:"), password_);
 
@@ -185,7 +196,6 @@ void RoutesPage::showRoutes()
         for (int column = 0; column < ColumnCount; ++column)
             table_->setItem(row, column, new QTableWidgetItem(cells[column]));
     }
-    table_->resizeColumnsToContents();
     if (selected >= 0 && selected < table_->rowCount())
         table_->selectRow(selected);
     updateButtons();
@@ -315,6 +325,14 @@ void RoutesPage::checkSelected()
 
 bool RoutesPage::write()
 {
+    // A form left open is taken as it stands; one that is refused keeps the file as it was.
+    if (!form_->isHidden()) {
+        acceptForm();
+        if (!form_->isHidden()) {
+            say(formProblem_->text(), true);
+            return false;
+        }
+    }
     if (!list_.modified())
         return true;
     QString error;

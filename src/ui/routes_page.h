@@ -31,8 +31,9 @@ public:
     RoutesPage(Settings& settings, Logs& logs, Text text, QWidget* parent = nullptr);
     ~RoutesPage() override;
 
-    // Writes Routes.ini and the passwords when the list was changed. False, with the reason on
-    // the page, when the file could not be written.
+    // Writes Routes.ini and the passwords when the list was changed, with an open form's route.
+    // False, with the reason on the page, when the form's route is refused or the file could not
+    // be written.
     bool write();
 
     const RouteList& list() const { return list_; }

@@ -248,8 +248,18 @@ TEST(RoutesPage, BadNamesDuplicatesServersAndLoopsAreRefusedWithAMessage)
     EXPECT_EQ(d.names(), (QStringList{"a", "b", "c"}));
     EXPECT_EQ(d.rows()[0][3], QString());
 
-    // Nothing refused reached the file.
+    // "Ecrire" with the form open takes its route, or writes no route when it is refused.
+    d.click("btnRouteAdd");
+    d.fill("d", "*@d.example", "ftp://d.example");
     d.write();
+    EXPECT_FALSE(QFile::exists(d.bench.path("Routes.ini")));
+    EXPECT_TRUE(d.status().contains("Serveur invalide")) << d.status().toStdString();
+    d.fill("d", "*@d.example", "smtp://d.example", "c");
+    d.write();
+    EXPECT_FALSE(d.formOpen());
+    EXPECT_EQ(d.names(), (QStringList{"a", "b", "c", "d"}));
+
+    // Nothing refused reached the file.
     EXPECT_EQ(rowsOf(d.written()), d.rows());
     EXPECT_EQ(d.written().errors(), QStringList());
 }

@@ -3,7 +3,9 @@
 #include <QProcess>
 #include <QScreen>
 #include <QStackedWidget>
+#include <QPushButton>
 #include <QTableView>
+#include <QTableWidget>
 #include <QStandardPaths>
 #include <QTreeWidget>
 #include <gtest/gtest.h>
@@ -14,6 +16,14 @@
 
 using namespace postiq;
 using namespace postiq::test;
+
+namespace {
+// Two accounts and a club, one falling back to another, for the routes page's picture.
+const QByteArray kPictureRoutes = "[work]\nSenders = *@work.example\nServer = smtp://me@work.example@smtp.work.example\n"
+                                  "Fallback = home\n\n[home]\nSenders = me@home.example\n"
+                                  "Server = smtps://me@home.example@mail.home.example\n\n[club]\n"
+                                  "Senders = *@club.example\nServer = mail.club.example:2525\n";
+} // namespace
 
 // Pictures of the windows for a person to look at, taken on a virtual X server with a tray host:
 // the outer test starts Xvfb and a tray host and runs the inner one there. Without them it is skipped.
@@ -49,9 +59,9 @@ TEST(Screenshots, UnderXvfbWithATrayHost)
 
     for (const char* name : {"main_window.png", "tray_menu.png", "screen.png", "queue_window.png", "config_frmOnStart.png",
                              "config_frmComputer.png", "config_frmParametres.png", "config_frmNetwork.png",
-                             "config_frmServer.png", "config_frmRoutes.png", "config_frmRelay.png", "config_frmDebug.png",
-                             "config_frmLanguage.png", "en_tray_menu.png", "en_main_window.png",
-                             "en_config_frmServer.png"})
+                             "config_frmServer.png", "config_frmRoutes.png", "config_frmRelay.png",
+                             "config_frmDebug.png", "config_frmLanguage.png", "en_tray_menu.png", "en_main_window.png",
+                             "en_config_frmServer.png", "en_config_frmRoutes.png"})
         EXPECT_TRUE(QFileInfo(folder + '/' + QLatin1String(name)).size() > 0) << name;
 }
 
@@ -94,6 +104,7 @@ TEST(Screenshots, Inside)
     EXPECT_TRUE(queueWindow.grab().save(folder + QStringLiteral("/queue_window.png")));
     queueWindow.close();
 
+    writeFile(bench.path(QStringLiteral("Routes.ini")), kPictureRoutes);
     bench.shell->openConfiguration();
     ConfigurationDialog& dialog = *bench.shell->configurationDialog();
     auto& tree = *dialog.findChild<QTreeWidget*>(QStringLiteral("Categories"));
@@ -106,7 +117,8 @@ TEST(Screenshots, Inside)
     }
 }
 
-// The same windows with Language en: the menu, the main window and the outgoing server's page.
+// The same windows with Language en: the menu, the main window, the outgoing server's page and
+// the routes page.
 TEST(Screenshots, InsideInEnglish)
 {
     if (qEnvironmentVariableIsEmpty("POSTIQ_TAKE_SCREENSHOTS"))
@@ -127,9 +139,16 @@ TEST(Screenshots, InsideInEnglish)
     EXPECT_TRUE(menu.grab().save(folder + QStringLiteral("/en_tray_menu.png")));
     menu.hide();
 
+    writeFile(bench.path(QStringLiteral("Routes.ini")), kPictureRoutes);
     bench.shell->openConfiguration();
     ConfigurationDialog& dialog = *bench.shell->configurationDialog();
     dialog.selectCategory(QStringLiteral("cat_server_7"));
     spinUntil([] { return false; }, 100);
     EXPECT_TRUE(dialog.grab().save(folder + QStringLiteral("/en_config_frmServer.png")));
+    // The routes page with its form open on the first route.
+    dialog.selectCategory(QStringLiteral("cat_routes_8"));
+    dialog.findChild<QTableWidget*>(QStringLiteral("lstRoutes"))->selectRow(0);
+    dialog.findChild<QPushButton*>(QStringLiteral("btnRouteEdit"))->click();
+    spinUntil([] { return false; }, 100);
+    EXPECT_TRUE(dialog.grab().save(folder + QStringLiteral("/en_config_frmRoutes.png")));
 }
