@@ -1,4 +1,5 @@
 #include <QComboBox>
+#include <QDir>
 #include <QFile>
 #include <QLabel>
 #include <QLineEdit>
@@ -258,6 +259,13 @@ TEST(RoutesPage, BadNamesDuplicatesServersAndLoopsAreRefusedWithAMessage)
     d.write();
     EXPECT_FALSE(d.formOpen());
     EXPECT_EQ(d.names(), (QStringList{"a", "b", "c", "d"}));
+    EXPECT_EQ(d.written().routes().size(), 4);
+
+    // A removed route's dependents lose their fallback, and the page names them.
+    d.select("a");
+    d.click("btnRouteRemove");
+    EXPECT_TRUE(d.status().endsWith("Sans route de secours désormais: b.")) << d.status().toStdString();
+    d.write();
 
     // Nothing refused reached the file.
     EXPECT_EQ(rowsOf(d.written()), d.rows());
@@ -294,6 +302,28 @@ TEST(RoutesPage, AHostileFileShowsItsErrorsAndItsGoodRoutes)
     EXPECT_EQ(d.written().errors(), QStringList());
     EXPECT_EQ(d.names(), (QStringList{"good", "x", "y"}));
     EXPECT_TRUE(errors.isHidden());
+}
+
+// A Routes.ini that cannot be read or written (here a folder of that name) is said on the page;
+// the rest of the configuration is written all the same.
+TEST(RoutesPage, AFileThatCannotBeWrittenIsSaidOnThePage)
+{
+    RoutesDialog d;
+    d.dialog->close();
+    ASSERT_TRUE(spinUntil([&] { return d.bench.shell->configurationDialog() == nullptr; }, 2000));
+    ASSERT_TRUE(QDir().mkpath(d.bench.path("Routes.ini")));
+    d.bench.shell->openConfiguration();
+    d.dialog = d.bench.shell->configurationDialog();
+    EXPECT_FALSE(d.control<QLabel>("lblRouteErrors").isHidden());
+    EXPECT_EQ(d.table().rowCount(), 0);
+
+    d.add("work", "*@work.example", "smtp://smtp.work.example", {}, "pw");
+    QFile::remove(d.bench.path("Postiq.ini"));
+    d.write();
+    EXPECT_TRUE(d.status().startsWith("Routes.ini n'a pas pu être écrit")) << d.status().toStdString();
+    EXPECT_TRUE(QFile::exists(d.bench.path("Postiq.ini")));
+    EXPECT_FALSE(QFile::exists(d.passwordFile("work"))) << "no password for a route that was not written";
+    EXPECT_EQ(d.names(), QStringList{"work"});
 }
 
 // Check runs the route's check without stopping the dialog: the button waits for the answer,
