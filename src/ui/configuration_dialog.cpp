@@ -20,9 +20,9 @@
 #include "config/settings.h"
 #include "config/smtp_password.h"
 #include "log/logs.h"
+#include "platform/program_folder.h"
 #include "ui/password_store.h"
 #include "ui/routes_page.h"
-#include "platform/program_folder.h"
 
 namespace postiq {
 

@@ -54,7 +54,7 @@ private:
 
     void say(const QString& line, bool fault = false);
     QString problemText(DraftProblem problem, const RouteDraft& draft) const;
-    QString text(const char* name, const QString& french) const { return text_(name, french); }
+    QString text(const char* name, const QString& french) const { return text_ ? text_(name, french) : french; }
 
     Settings& settings_;
     Logs& logs_;
