@@ -35,8 +35,7 @@ void carryKeyringEntry(Keyring& keyring, const QString& folder, const QString& f
 
 } // namespace
 
-bool WriteRoutes(Settings& settings, Logs& logs, RouteList& list, QObject* context, QString* error,
-                 std::function<void(bool inKeyring)> passwordStored)
+bool WriteRoutes(Settings& settings, Logs& logs, RouteList& list, QObject* context, QString* error)
 {
     const QString folder = logs.folder();
     const QString path = QDir(folder).filePath(QString::fromLatin1(kRoutesFile));
@@ -67,7 +66,7 @@ bool WriteRoutes(Settings& settings, Logs& logs, RouteList& list, QObject* conte
     for (const RouteList::Entry& entry : list.entries())
         if (!entry.password.isEmpty())
             StorePassword(settings, logs, RoutePasswordKey(folder, entry.route.name), RoutePasswordFile(entry.route.name),
-                          entry.password, context, passwordStored);
+                          entry.password, context, [](bool) {});
     list.markWritten();
     return true;
 }

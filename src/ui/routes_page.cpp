@@ -336,7 +336,7 @@ bool RoutesPage::write()
     if (!list_.modified())
         return true;
     QString error;
-    if (!WriteRoutes(settings_, logs_, list_, this, &error, [](bool) {})) {
+    if (!WriteRoutes(settings_, logs_, list_, this, &error)) {
         say(text("routesWriteFailed", QStringLiteral("Routes.ini n'a pas pu être écrit: %1")).arg(error), true);
         return false;
     }

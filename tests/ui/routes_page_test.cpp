@@ -183,6 +183,23 @@ TEST(RoutesPage, AddEditRemoveAndTheFileHoldsWhatThePageShows)
     EXPECT_EQ(d.names(), QStringList{"job"});
 }
 
+// Two stored routes that swap their names (through a third) swap their password files too.
+TEST(RoutesPage, RoutesThatSwapNamesKeepTheirPasswords)
+{
+    RoutesDialog d;
+    d.add("a", "*@a.example", "smtp://a.example", {}, "pass-a");
+    d.add("b", "*@b.example", "smtp://b.example", {}, "pass-b");
+    d.write();
+    d.edit("a", "c", "*@a.example", "smtp://a.example");
+    d.edit("b", "a", "*@b.example", "smtp://b.example");
+    d.edit("c", "b", "*@a.example", "smtp://a.example");
+    d.write();
+    EXPECT_EQ(d.written().find("b")->server, QByteArray("smtp://a.example"));
+    EXPECT_EQ(readFile(d.passwordFile("b")), "pass-a\n");
+    EXPECT_EQ(readFile(d.passwordFile("a")), "pass-b\n");
+    EXPECT_FALSE(QFile::exists(d.passwordFile("c")));
+}
+
 // With a keyring the route's password goes there, under its own key, and into no file.
 TEST(RoutesPage, ThePasswordGoesIntoTheKeyringUnderTheRoutesKey)
 {
