@@ -253,7 +253,12 @@ void RoutesPage::openForm(int editing)
     for (int i = 0; i < list_.entries().size(); ++i)
         if (i != editing)
             fallback_->addItem(list_.entries()[i].route.name, list_.entries()[i].route.name);
-    fallback_->setCurrentIndex(std::max(0, fallback_->findData(draft.fallback)));
+    // Routes.ini may name the fallback in other letter case than its section.
+    int current = 0;
+    for (int i = 1; i < fallback_->count(); ++i)
+        if (fallback_->itemData(i).toString().compare(draft.fallback, Qt::CaseInsensitive) == 0)
+            current = i;
+    fallback_->setCurrentIndex(current);
     formProblem_->clear();
     form_->show();
     name_->setFocus();

@@ -298,7 +298,7 @@ TEST(RoutesPage, AHostileFileShowsItsErrorsAndItsGoodRoutes)
                                "[stars]\nSenders = "
                                + QByteArray(10000, '*') + "\nServer = stars.example\n\n"
                                "[x]\nServer = x.example\nFallback = y\n"
-                               "[y]\nServer = y.example\nFallback = x\n"
+                               "[y]\nServer = y.example\nFallback = X\n"
                                "[bad name]\nServer = z.example\n"
                                "garbage line\n\x01\xff\xfe\n";
     RoutesDialog d(hostile);
@@ -312,6 +312,13 @@ TEST(RoutesPage, AHostileFileShowsItsErrorsAndItsGoodRoutes)
 
     d.click("btnWrite"); // nothing changed on the page: the file stays as the user wrote it
     EXPECT_EQ(readFile(d.bench.path("Routes.ini")), hostile);
+
+    // y falls back to "X": the form finds the route whatever the letter case, and keeps it.
+    d.select("y");
+    d.click("btnRouteEdit");
+    EXPECT_EQ(d.control<QComboBox>("cboRouteFallback").currentText(), QString("x"));
+    d.click("btnRouteOk");
+    EXPECT_EQ(d.rows()[3][3], QString("x"));
 
     d.select("stars");
     d.click("btnRouteRemove");
