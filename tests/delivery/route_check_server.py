@@ -3,14 +3,20 @@
 and a login, or a bare server that misbehaves. Prints "ready" once listening, and stops when the
 test closes its standard input.
 
-  route_check_server.py HOST PORT CERT KEY USER PASSWORD [--implicit | --no-starttls | --silent | --garbage]
+  route_check_server.py HOST PORT CERT KEY USER PASSWORD [--implicit | --no-starttls | --silent | --garbage | --vanish]
 
 By default STARTTLS is offered and required before AUTH PLAIN or LOGIN; --implicit speaks TLS from
 the first byte (its TLS is all the login needs); --no-starttls offers neither TLS nor a login; --silent accepts and never says a
-word; --garbage greets with bytes that are no SMTP."""
+word; --garbage greets with bytes that are no SMTP; --vanish closes each connection at once."""
 import asyncio
+import logging
 import ssl
 import sys
+import warnings
+
+# A client that gives up halfway (as the checks of bad certificates do) is no news here.
+logging.getLogger("mail.log").disabled = True
+warnings.filterwarnings("ignore", category=DeprecationWarning)
 
 host, port, cert, key, user, password = sys.argv[1:7]
 port = int(port)
@@ -32,16 +38,13 @@ def run_aiosmtpd():
 
     context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
     context.load_cert_chain(cert, key)
-    options = dict(hostname=host, port=port, server_hostname="provider.aiosmtpd.test", authenticator=authenticator,
+    options = dict(ready_timeout=10.0, hostname=host, port=port, server_hostname="provider.aiosmtpd.test", authenticator=authenticator,
                    auth_require_tls=mode == "")
     if mode == "--implicit":
         options.update(ssl_context=context)
     elif mode != "--no-starttls":
         options.update(tls_context=context, require_starttls=True)
     controller = Controller(Handler(), **options)
-    if mode == "--implicit":
-        # The controller's own readiness probe would speak plain text to a TLS port.
-        controller._trigger_server = lambda: None
     controller.start()
     print("ready", flush=True)
     try:
@@ -51,6 +54,9 @@ def run_aiosmtpd():
 
 
 async def misbehave(reader, writer):
+    if mode == "--vanish":
+        writer.close()
+        return
     if mode == "--garbage":
         writer.write(b"\x00\xff\xfeHELLO? this is no mail server\r\n")
         await writer.drain()
@@ -65,7 +71,7 @@ async def run_bare():
     server.close()
 
 
-if mode in ("--silent", "--garbage"):
+if mode in ("--silent", "--garbage", "--vanish"):
     asyncio.run(run_bare())
 else:
     run_aiosmtpd()
