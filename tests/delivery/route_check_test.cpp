@@ -285,7 +285,7 @@ TEST_F(RouteCheckTest, CommandLine)
               "[work]\nSenders = *@work.example\nServer = " + server + "\n\n[typo]\nServer = " + server
                   + "\n\n[broken]\nSenders = *@broken.example\n");
 
-    const auto run = [&](const QString& name, QByteArray* out, QByteArray* err) {
+    const auto run = [&](const QStringList& arguments, QByteArray* out, QByteArray* err) {
         QProcess postiq;
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
         environment.insert(QString::fromLatin1(kTestCaFileVariable), certificates().trusted.caFile());
@@ -293,7 +293,7 @@ TEST_F(RouteCheckTest, CommandLine)
         for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY", "DBUS_SESSION_BUS_ADDRESS"})
             environment.remove(QString::fromLatin1(name));
         postiq.setProcessEnvironment(environment);
-        postiq.start(QStringLiteral(POSTIQ_BINARY), {"--folder", bench.dir.path(), "--check-route", name});
+        postiq.start(QStringLiteral(POSTIQ_BINARY), QStringList{"--folder", bench.dir.path()} + arguments);
         const bool ended = spinUntil([&] { return postiq.state() == QProcess::NotRunning; }, 30000);
         if (!ended) {
             postiq.kill();
@@ -306,20 +306,26 @@ TEST_F(RouteCheckTest, CommandLine)
     };
 
     QByteArray out, err;
-    EXPECT_EQ(run(QStringLiteral("work"), &out, &err), 0) << out.constData() << err.constData();
+    EXPECT_EQ(run({"--check-route", "work"}, &out, &err), 0) << out.constData() << err.constData();
     EXPECT_TRUE(out.endsWith("logged in as me@isp.test (AUTH PLAIN); everything works\n")) << out.constData();
     // The faulty section is named whichever route is checked.
     EXPECT_TRUE(err.contains("route 'broken' has no Server; it is left out")) << err.constData();
 
-    EXPECT_EQ(run(QStringLiteral("typo"), &out, &err), 1) << out.constData() << err.constData();
+    EXPECT_EQ(run({"--check-route=typo"}, &out, &err), 1) << out.constData() << err.constData();
     EXPECT_TRUE(out.contains("failed: login as me@isp.test refused: 535 5.7.8 Authentication credentials invalid"))
         << out.constData();
 
-    EXPECT_EQ(run(QStringLiteral("nope"), &out, &err), 2) << out.constData() << err.constData();
+    EXPECT_EQ(run({"--check-route", "nope"}, &out, &err), 2) << out.constData() << err.constData();
     EXPECT_TRUE(out.isEmpty());
     EXPECT_TRUE(err.contains("postiq: no route 'nope' in " + bench.path(QStringLiteral("Routes.ini")).toUtf8()
                              + " (its routes: work, typo)"))
         << err.constData();
+
+    // No name, or another command beside it: bad options, nothing tried.
+    EXPECT_EQ(run({"--check-route"}, &out, &err), 2);
+    EXPECT_TRUE(err.contains("--check-route needs a route name")) << err.constData();
+    EXPECT_EQ(run({"--check-route", "work", "--queue"}, &out, &err), 2);
+    EXPECT_TRUE(err.contains("cannot be used with another command")) << err.constData();
 }
 
 } // namespace
