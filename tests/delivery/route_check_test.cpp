@@ -43,29 +43,14 @@ public:
     explicit Provider(const QString& mode = {}, const TestAuthority::Identity& identity = certificates().server)
         : port_(freeListenPort())
     {
-        process_.setProcessChannelMode(QProcess::ForwardedErrorChannel);
         QStringList arguments{QStringLiteral(POSTIQ_DELIVERY_TESTS "/route_check_server.py"),
                               QStringLiteral("127.0.0.1"), QString::number(port_), identity.certificate,
                               identity.key, QString::fromUtf8(kUser), QString::fromUtf8(kPassword)};
         if (!mode.isEmpty())
             arguments << mode;
-        process_.start(RealExchanger::python(), arguments);
-        QByteArray said;
-        ready_ = spinUntil(
-                     [&] {
-                         said += process_.readAllStandardOutput();
-                         return said.contains("ready") || process_.state() == QProcess::NotRunning;
-                     },
-                     10000)
-            && said.contains("ready");
+        ready_ = RealExchanger::startScript(process_, arguments);
     }
-    ~Provider()
-    {
-        process_.closeWriteChannel();
-        if (!process_.waitForFinished(3000))
-            process_.kill();
-        process_.waitForFinished(1000);
-    }
+    ~Provider() { RealExchanger::stopScript(process_); }
     bool ready() const { return ready_; }
     quint16 port() const { return port_; }
 
