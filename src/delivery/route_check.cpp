@@ -68,7 +68,7 @@ const char* commandOf(int state)
     }
 }
 
-enum ReplyClass : int { Nonsense = 0, Positive = 2, Intermediate = 3, AnyClass = -1 };
+enum ReplyClass : int { Nonsense = 0, Positive = 2, Intermediate = 3, Transient = 4, Permanent = 5, AnyClass = -1 };
 constexpr int kAnyState = -1;
 
 // A person waits for the answer: a server silent for a minute is reported as not answering.
@@ -154,24 +154,24 @@ struct RouteCheck::Row {
 // The server's replies, tried in order: the first row whose state and reply class match is
 // applied. The check goes one way only: any reply no row expects ends it.
 const RouteCheck::Row RouteCheck::kRows[] = {
-    // State         Reply          Action
-    {kAnyState,      Nonsense,      &RouteCheck::unexpected},
-    {Step::QuitSent,       AnyClass,      &RouteCheck::quitAnswered},
-    {Step::Greeting,       Positive,      &RouteCheck::greeted},
-    {Step::EhloSent,       Positive,      &RouteCheck::afterEhlo},
-    {Step::EhloSent,       5,             &RouteCheck::sendHelo},
-    {Step::HeloSent,       Positive,      &RouteCheck::loggedIn},
-    {Step::StartTlsSent,   Positive,      &RouteCheck::startTls},
-    {Step::SecureEhloSent, Positive,      &RouteCheck::afterSecureEhlo},
-    {Step::AuthLoginSent,  Intermediate,  &RouteCheck::sendLoginUser},
-    {Step::AuthUserSent,   Intermediate,  &RouteCheck::sendLoginPassword},
-    {Step::AuthSent,       Positive,      &RouteCheck::loggedIn},
-    {Step::AuthLoginSent,  AnyClass,      &RouteCheck::loginRefused},
-    {Step::AuthUserSent,   AnyClass,      &RouteCheck::loginRefused},
-    {Step::AuthSent,       AnyClass,      &RouteCheck::loginRefused},
-    {kAnyState,      4,             &RouteCheck::refused},
-    {kAnyState,      5,             &RouteCheck::refused},
-    {kAnyState,      AnyClass,      &RouteCheck::unexpected},
+    // State              Reply         Action
+    {kAnyState,            Nonsense,     &RouteCheck::unexpected},
+    {Step::QuitSent,       AnyClass,     &RouteCheck::quitAnswered},
+    {Step::Greeting,       Positive,     &RouteCheck::greeted},
+    {Step::EhloSent,       Positive,     &RouteCheck::afterEhlo},
+    {Step::EhloSent,       Permanent,    &RouteCheck::sendHelo},
+    {Step::HeloSent,       Positive,     &RouteCheck::loggedIn},
+    {Step::StartTlsSent,   Positive,     &RouteCheck::startTls},
+    {Step::SecureEhloSent, Positive,     &RouteCheck::afterSecureEhlo},
+    {Step::AuthLoginSent,  Intermediate, &RouteCheck::sendLoginUser},
+    {Step::AuthUserSent,   Intermediate, &RouteCheck::sendLoginPassword},
+    {Step::AuthSent,       Positive,     &RouteCheck::loggedIn},
+    {Step::AuthLoginSent,  AnyClass,     &RouteCheck::loginRefused},
+    {Step::AuthUserSent,   AnyClass,     &RouteCheck::loginRefused},
+    {Step::AuthSent,       AnyClass,     &RouteCheck::loginRefused},
+    {kAnyState,            Transient,    &RouteCheck::refused},
+    {kAnyState,            Permanent,    &RouteCheck::refused},
+    {kAnyState,            AnyClass,     &RouteCheck::unexpected},
 };
 
 struct RouteCheck::Private {
@@ -190,8 +190,6 @@ struct RouteCheck::Private {
     QList<QSslError> sslErrors;  // what the certificate check found
     QByteArray password;         // held from its lookup to the AUTH command only
     QByteArray mechanism;        // "PLAIN" or "LOGIN"
-
-    QString host() const { return route.route.host; }
 };
 
 RouteCheck::RouteCheck(Logs& logs, const Settings& settings, SenderRoute route, QObject* parent)

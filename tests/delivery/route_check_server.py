@@ -3,11 +3,12 @@
 and a login, or a bare server that misbehaves. Prints "ready" once listening, and stops when the
 test closes its standard input.
 
-  route_check_server.py HOST PORT CERT KEY USER PASSWORD [--implicit | --no-starttls | --silent | --garbage | --vanish]
+  route_check_server.py HOST PORT CERT KEY USER PASSWORD [--implicit | --no-starttls | --silent | --garbage | --vanish | --busy]
 
 By default STARTTLS is offered and required before AUTH PLAIN or LOGIN; --implicit speaks TLS from
 the first byte (its TLS is all the login needs); --no-starttls offers neither TLS nor a login; --silent accepts and never says a
-word; --garbage greets with bytes that are no SMTP; --vanish closes each connection at once."""
+word; --garbage greets with bytes that are no SMTP; --vanish closes each connection at once;
+--busy greets with 421."""
 import asyncio
 import logging
 import ssl
@@ -60,6 +61,9 @@ async def misbehave(reader, writer):
     if mode == "--garbage":
         writer.write(b"\x00\xff\xfeHELLO? this is no mail server\r\n")
         await writer.drain()
+    if mode == "--busy":
+        writer.write(b"421 4.3.2 Too busy, come back later\r\n")
+        await writer.drain()
     await reader.read()  # until the client goes
     writer.close()
 
@@ -71,7 +75,7 @@ async def run_bare():
     server.close()
 
 
-if mode in ("--silent", "--garbage", "--vanish"):
+if mode in ("--silent", "--garbage", "--vanish", "--busy"):
     asyncio.run(run_bare())
 else:
     run_aiosmtpd()

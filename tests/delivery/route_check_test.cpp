@@ -187,6 +187,29 @@ TEST_F(RouteCheckTest, CertificateAndStartTlsProblems)
     EXPECT_TRUE(notTls.report.contains(QStringLiteral("failed: TLS handshake failed"))) << qPrintable(notTls.report);
 }
 
+// A route to a plain server (host:port) has nothing to secure or log in to: its server answering
+// is all there is. A server that greets with 421 refuses, with its words.
+TEST_F(RouteCheckTest, PlainRouteAndBusyServer)
+{
+    Provider clear(QStringLiteral("--no-starttls"));
+    Provider busy(QStringLiteral("--busy"));
+    ASSERT_TRUE(clear.ready() && busy.ready());
+
+    SenderRoute plain = routeTo("", clear.port());
+    plain.server = "127.0.0.1:" + QByteArray::number(clear.port());
+    plain.route = ParseServerRoute(plain.server);
+    const Result answered = check(plain);
+    EXPECT_TRUE(answered.ok) << qPrintable(answered.report);
+    EXPECT_TRUE(answered.report.endsWith(QStringLiteral("open, EHLO answered (plain SMTP, no TLS, no login); everything works")))
+        << qPrintable(answered.report);
+
+    const Result refused = check(routeTo("smtp://", busy.port()));
+    EXPECT_FALSE(refused.ok);
+    EXPECT_TRUE(refused.report.endsWith(
+        QStringLiteral("failed: the server refused the connection: 421 4.3.2 Too busy, come back later")))
+        << qPrintable(refused.report);
+}
+
 // Nothing listens, a server that never speaks, one that hangs up, one that speaks garbage: each
 // named, and every wait bounded by the limits.
 TEST_F(RouteCheckTest, UnreachableSilentAndBrokenServers)
