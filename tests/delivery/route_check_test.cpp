@@ -29,6 +29,7 @@ struct Certificates {
     TestAuthority::Identity server = trusted.issue(QStringLiteral("IP:127.0.0.1"));
     TestAuthority::Identity otherName = trusted.issue(QStringLiteral("DNS:other.test"));
     TestAuthority::Identity untrusted = rogue.issue(QStringLiteral("IP:127.0.0.1"));
+    TestAuthority::Identity expired = trusted.issue(QStringLiteral("IP:127.0.0.1"), -1);
 };
 const Certificates& certificates()
 {
@@ -157,14 +158,15 @@ TEST_F(RouteCheckTest, LoginFailuresNameTheReplyOrThePasswordFile)
         << qPrintable(missing.report);
 }
 
-// Untrusted, for another name, and no encryption offered at all: the connection stops there,
+// Untrusted, for another name, expired, and no encryption offered at all: the connection stops there,
 // before anything of the login.
 TEST_F(RouteCheckTest, CertificateAndStartTlsProblems)
 {
     Provider untrusted({}, certificates().untrusted);
     Provider otherName({}, certificates().otherName);
+    Provider expired({}, certificates().expired);
     Provider clear(QStringLiteral("--no-starttls"));
-    ASSERT_TRUE(untrusted.ready() && otherName.ready() && clear.ready());
+    ASSERT_TRUE(untrusted.ready() && otherName.ready() && expired.ready() && clear.ready());
 
     const Result rogue = check(routeTo("smtp://", untrusted.port()));
     EXPECT_FALSE(rogue.ok);
@@ -175,6 +177,10 @@ TEST_F(RouteCheckTest, CertificateAndStartTlsProblems)
     EXPECT_FALSE(wrongName.ok);
     EXPECT_TRUE(wrongName.report.contains(QStringLiteral("failed: certificate is for other.test, not 127.0.0.1")))
         << qPrintable(wrongName.report);
+
+    const Result old = check(routeTo("smtp://", expired.port()));
+    EXPECT_FALSE(old.ok);
+    EXPECT_TRUE(old.report.contains(QStringLiteral("failed: certificate expired on "))) << qPrintable(old.report);
 
     const Result plain = check(routeTo("smtp://", clear.port()));
     EXPECT_FALSE(plain.ok);
