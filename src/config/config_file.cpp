@@ -66,6 +66,26 @@ const KeyRow kKeyRows[] = {
     {"Relay", &CConfiguration::RelayDefined, storeOnOff<&CConfiguration::Relay>},
 };
 
+void readItem(const QString& rawItem, CConfiguration& into)
+{
+    const QString item = TrimSpaces(QString(rawItem).replace(u'\t', u' '));
+    if (item.isEmpty() || item.startsWith(u'#'))
+        return;
+
+    const QString key = item.section(u' ', 0, 0);
+    // Every occurrence of the key goes, not only the leading one: "SmtpServer mail.SmtpServer.net"
+    // reads as "mail..net". Files in the wild rely on this reading, so it stays.
+    const QString value = TrimSpaces(QString(item).remove(key));
+
+    for (const KeyRow& row : kKeyRows) {
+        if (key == QLatin1String(row.key)) {
+            row.store(into, value, key);
+            into.*row.defined = true;
+            return;
+        }
+    }
+}
+
 } // namespace
 
 ConfigLoader::ConfigLoader(Settings& settings, Logs& logs, NetworkDiscovery& discovery,
@@ -94,9 +114,11 @@ void ConfigLoader::ChargerConfig(bool applyUser)
     });
 }
 
-void ConfigLoader::readFile()
+void ConfigLoader::readFile() { ReadConfigFile(configPath(logs_), settings_.UserSettings); }
+
+void ReadConfigFile(const QString& path, CConfiguration& into)
 {
-    QFile file(configPath(logs_));
+    QFile file(path);
     if (!file.exists())
         throw Fault(ErrFileNotFound, QStringLiteral("File not found: %1").arg(file.fileName()));
     if (!file.open(QIODevice::ReadOnly))
@@ -107,27 +129,7 @@ void ConfigLoader::readFile()
 
     FieldReader reader(bytes);
     while (!reader.atEnd())
-        handleItem(reader.next());
-}
-
-void ConfigLoader::handleItem(const QString& rawItem)
-{
-    const QString item = TrimSpaces(QString(rawItem).replace(u'\t', u' '));
-    if (item.isEmpty() || item.startsWith(u'#'))
-        return;
-
-    const QString key = item.section(u' ', 0, 0);
-    // Every occurrence of the key goes, not only the leading one: "SmtpServer mail.SmtpServer.net"
-    // reads as "mail..net". Files in the wild rely on this reading, so it stays.
-    const QString value = TrimSpaces(QString(item).remove(key));
-
-    for (const KeyRow& row : kKeyRows) {
-        if (key == QLatin1String(row.key)) {
-            row.store(settings_.UserSettings, value, key);
-            settings_.UserSettings.*row.defined = true;
-            return;
-        }
-    }
+        readItem(reader.next(), into);
 }
 
 void WriteConf(const CConfiguration& c, Logs& logs)

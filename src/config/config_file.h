@@ -27,7 +27,6 @@ public:
 
 private:
     void readFile();
-    void handleItem(const QString& rawItem);
 
     Settings& settings_;
     Logs& logs_;
@@ -35,6 +34,10 @@ private:
     Registry& registry_;
     std::function<void(const QString&)> loadLanguage_;
 };
+
+// Reads the configuration file at `path` into `into`: each key found sets its value and its flag,
+// the others are left as they are. Throws Fault when the file is missing or cannot be read.
+void ReadConfigFile(const QString& path, CConfiguration& into);
 
 // Replaces Postiq.ini in the program folder with the values of `config` whose flags are set, then
 // writes a mail-log line. Throws Fault(ErrAccessDenied) when the file cannot be written; the

@@ -63,8 +63,20 @@ CommandLine parseCommandLine(const QStringList& arguments, bool displayAvailable
             line.showQueue = true;
         } else if (argument == QLatin1String("--json")) {
             line.json = true;
+        } else if (argument == QLatin1String("--check-route") || argument.startsWith(QLatin1String("--check-route="))) {
+            if (!line.queueCommand.isEmpty() || !line.control.isEmpty() || !line.checkRoute.isEmpty()) {
+                line.error = QStringLiteral("--check-route cannot be used with another command");
+                return line;
+            }
+            const qsizetype equals = argument.indexOf('=');
+            line.checkRoute = equals >= 0 ? argument.mid(equals + 1) : arguments.value(++i);
+            if (line.checkRoute.isEmpty()) {
+                line.error = QStringLiteral("--check-route needs a route name");
+                return line;
+            }
+            line.headless = true;
         } else if (const QByteArray verb = queueOption(argument); !verb.isEmpty()) {
-            if (!line.queueCommand.isEmpty() || !line.control.isEmpty()) {
+            if (!line.queueCommand.isEmpty() || !line.control.isEmpty() || !line.checkRoute.isEmpty()) {
                 line.error = QStringLiteral("%1 cannot be used with another command").arg(argument);
                 return line;
             }
@@ -79,7 +91,7 @@ CommandLine parseCommandLine(const QStringList& arguments, bool displayAvailable
                 }
             }
         } else if (isControlOption(argument)) {
-            if (!line.queueCommand.isEmpty()) {
+            if (!line.queueCommand.isEmpty() || !line.checkRoute.isEmpty()) {
                 line.error = QStringLiteral("%1 cannot be used with another command").arg(argument);
                 return line;
             }
@@ -95,7 +107,7 @@ CommandLine parseCommandLine(const QStringList& arguments, bool displayAvailable
             return line;
         }
     }
-    if (line.showQueue && (!line.control.isEmpty() || !line.queueCommand.isEmpty() || line.sendmail))
+    if (line.showQueue && (!line.control.isEmpty() || !line.queueCommand.isEmpty() || !line.checkRoute.isEmpty() || line.sendmail))
         line.error = QStringLiteral("--show-queue cannot be used with another command");
     return line;
 }
@@ -107,6 +119,7 @@ QString usageText()
         "       postiq [--folder DIR] --start | --stop | --reload | --flush | --quit\n"
         "       postiq [--folder DIR] --queue [--json] | --show ID | --retry ID|all | --delete ID\n"
         "       postiq [--folder DIR] --sendmail [sendmail options] [recipient...]\n"
+        "       postiq [--folder DIR] --check-route NAME\n"
         "A mail relay for this computer: mail programs send to it over SMTP, it queues and delivers.\n"
         "\n"
         "  --folder DIR  program folder holding Postiq.ini, the logs, OutBox, Deferred, Error,\n"
@@ -141,6 +154,12 @@ QString usageText()
         "  --retry ID    send a deferred (or failed) message again; --retry all: every deferred one\n"
         "  --delete ID   remove a message (refused while it is being delivered)\n"
         "Exit status 0 when done or nothing was to do, 1 when refused, 2 for bad options.\n"
+        "\n"
+        "  --check-route NAME  try the route NAME of Routes.ini in the same folder: connect,\n"
+        "                STARTTLS or TLS, certificate, login, QUIT; no message is sent and no\n"
+        "                running Postiq is needed. One line says what worked and what did not;\n"
+        "                exit status 0 when everything worked, 1 when something failed, 2 for\n"
+        "                an unknown route or bad options.\n"
         "\n"
         "  --sendmail    queue the message on standard input, as sendmail does (also when this\n"
         "                program is called as 'sendmail'; as 'mailq' it is --queue). Options:\n"

@@ -22,6 +22,8 @@ struct CommandLine {
     QByteArray queueCommand;
     QByteArray queueArgument;
     bool json = false;
+    // --check-route NAME: the route of Routes.ini to try (connect, TLS, login, quit), here and now.
+    QString checkRoute;
     // --sendmail: the sendmail interface, with the arguments that follow it.
     bool sendmail = false;
     QStringList sendmailArguments;

@@ -1,15 +1,20 @@
 #include "core/queue_commands.h"
 
 #include <QCoreApplication>
+#include <QDir>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <algorithm>
 #include <cstdio>
 
+#include "config/config_file.h"
+#include "config/configuration.h"
 #include "core/mail_folder.h"
 #include "core/relay_request.h"
 #include "core/quiet_logs.h"
+#include "delivery/route_table.h"
+#include "delivery/server_route.h"
 #include "store/message.h"
 #include "store/queue.h"
 
@@ -28,9 +33,59 @@ struct Listed {
     QByteArray sender;
     QByteArrayList recipients;
     QByteArray lastError;
+    // The way it will leave: "route" (with the route's name), "SmtpServer" or "MX", and the
+    // server as host:port (never the login).
+    QByteArray via;
+    QString route;
+    QByteArray server;
 };
 
-QList<Listed> listQueue(const Queue& queue, Logs& logs)
+// Where the relay would send mail now: the routes of Routes.ini, else SmtpServer when Postiq.ini
+// sets it, else the recipients' mail exchangers.
+struct Ways {
+    RouteTable routes;
+    std::optional<QByteArray> smtpServer;
+
+    static Ways of(const QString& folder)
+    {
+        Ways ways{RouteTable::load(folder), std::nullopt};
+        CConfiguration user;
+        try {
+            ReadConfigFile(QDir(folder).filePath(QString::fromLatin1(kConfigFileName)), user);
+        } catch (const Fault&) {
+            // No file, or one the relay itself refuses: the built-in default, no fixed server.
+        }
+        if (user.SmtpServerDefined)
+            ways.smtpServer = user.SmtpServer.toUtf8();
+        return ways;
+    }
+
+    void choose(Listed& one) const
+    {
+        if (const SenderRoute* route = routes.forMessage(one.sender, one.recipients.value(0))) {
+            one.via = "route";
+            one.route = route->name;
+            one.server = route->route.hostAndPort();
+        } else if (smtpServer) {
+            one.via = "SmtpServer";
+            one.server = ParseServerRoute(*smtpServer).hostAndPort();
+        } else {
+            one.via = "MX";
+        }
+    }
+};
+
+// "via route work (smtp.work.example:587)", "via SmtpServer smtp.isp.example:587", "via MX".
+QByteArray viaText(const Listed& one)
+{
+    if (one.via == "route")
+        return "via route " + one.route.toUtf8() + " (" + one.server + ')';
+    if (one.via == "SmtpServer")
+        return "via SmtpServer " + one.server;
+    return "via " + one.via;
+}
+
+QList<Listed> listQueue(const Queue& queue, Logs& logs, const Ways& ways)
 {
     QList<Listed> listed;
     for (const QueueEntry& entry : queue.listAll()) {
@@ -45,6 +100,7 @@ QList<Listed> listQueue(const Queue& queue, Logs& logs)
             for (int i = 1; i <= message.MRcptToCount(); ++i)
                 one.recipients.append(message.RcptTo(i));
             one.lastError = message.LastError;
+            ways.choose(one);
         } catch (const Fault& fault) {
             one.problem = fault.description();
         }
@@ -79,6 +135,11 @@ int printJson(const QList<Listed>& listed)
             object.insert("sender", QString::fromUtf8(one.sender));
             object.insert("recipients", recipients);
             object.insert("lastError", QString::fromUtf8(one.lastError));
+            object.insert("via", QString::fromLatin1(one.via));
+            if (!one.route.isEmpty())
+                object.insert("route", one.route);
+            if (!one.server.isEmpty())
+                object.insert("server", QString::fromUtf8(one.server));
         } else {
             object.insert("unreadable", one.problem);
         }
@@ -88,7 +149,7 @@ int printJson(const QList<Listed>& listed)
     return 0;
 }
 
-// A table like mailq's: one block per message, its recipients under it.
+// A table like mailq's: one block per message, its recipients under it, then the way it leaves.
 int printTable(const QList<Listed>& listed)
 {
     if (listed.isEmpty()) {
@@ -108,6 +169,8 @@ int printTable(const QList<Listed>& listed)
             std::printf("%60s(%s)\n", "", one.lastError.constData());
         for (const QByteArray& recipient : one.recipients)
             std::printf("%60s%s\n", "", recipient.constData());
+        if (one.readable)
+            std::printf("%60s%s\n", "", viaText(one).constData());
     }
     std::printf("-- %lld message(s): %d in OutBox, %d in Deferred, %d in Error\n",
                 static_cast<long long>(listed.size()), counts[0], counts[1], counts[2]);
@@ -188,7 +251,10 @@ int RunQueueCommand(int argc, char** argv, const QueueCommand& command)
     Logs& logs = quiet.logs;
 
     if (command.verb == "queue") {
-        const QList<Listed> listed = listQueue(queue, logs);
+        const Ways ways = Ways::of(folder);
+        for (const QString& error : ways.routes.errors())
+            std::fprintf(stderr, "postiq: %s\n", qPrintable(error));
+        const QList<Listed> listed = listQueue(queue, logs, ways);
         return command.json ? printJson(listed) : printTable(listed);
     }
     if (command.verb == "show")

@@ -14,6 +14,7 @@
 #include "core/queue_commands.h"
 #include "core/relay_request.h"
 #include "core/relay_commands.h"
+#include "core/route_check_command.h"
 #include "core/sendmail.h"
 #include "core/terminal_report.h"
 #include "log/version.h"
@@ -152,6 +153,8 @@ int runPostiq(int argc, char** argv)
         return sendControlCommand(argc, argv, line);
     if (!line.queueCommand.isEmpty())
         return RunQueueCommand(argc, argv, {line.queueCommand, line.queueArgument, line.json, line.folder});
+    if (!line.checkRoute.isEmpty())
+        return RunRouteCheckCommand(argc, argv, line.checkRoute, line.folder);
     if (line.showQueue) {
         if (const std::optional<int> status = showRunningQueue(argc, argv, line))
             return *status;

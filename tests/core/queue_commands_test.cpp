@@ -1,4 +1,5 @@
 #include <QDir>
+#include <QHash>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -46,10 +47,10 @@ struct QueueCommands : ::testing::Test {
         m.LastError = "550 no such user";
         queue.moveToError(QueueFolder::OutBox, failed, &m);
     }
-    QByteArray enqueue(const QByteArray& to, const QByteArray& data)
+    QByteArray enqueue(const QByteArray& to, const QByteArray& data, const QByteArray& from = "<s@example.org>")
     {
         CMessage m(bench.logs);
-        m.From = "<s@example.org>";
+        m.From = from;
         m.AddRcptTo(to);
         m.Data = data;
         return queue.enqueue(m).first();
@@ -104,6 +105,48 @@ TEST_F(QueueCommands, ListShowRetryAndDeleteWithNoRelayRunning)
     EXPECT_TRUE(QFile::exists(folder + "/Postiq.ini"));
     EXPECT_EQ(command({"--delete"}).first, 2); // no ID
     EXPECT_EQ(command({"--queue", "--start"}).first, 2);
+}
+
+// Each message shows the way it will leave: its sender's route, the route of the address a
+// bounce goes to, SmtpServer when Postiq.ini sets it, else MX; a faulty section is named.
+TEST_F(QueueCommands, TheListingShowsTheWayEachMessageLeaves)
+{
+    writeFile(folder + QStringLiteral("/Routes.ini"),
+              "[work]\nSenders = *@work.example\nServer = smtp://me@work.example@smtp.work.example\n\n"
+              "[home]\nSenders = b@home.example\nServer = smtps://b%40home.example@mail.home.example:4650\n\n"
+              "[broken]\nSenders = *@broken.example\n");
+    const QByteArray fromWork = enqueue("<x@dst.example>", "Subject: w\r\n\r\nx\r\n", "<A@Work.Example>");
+    const QByteArray bounce = enqueue("<b@home.example>", "Subject: b\r\n\r\nx\r\n", "<>");
+
+    auto [status, text] = command({"--queue"});
+    EXPECT_EQ(status, 0);
+    const QByteArray pad(60, ' ');
+    EXPECT_TRUE(text.contains(pad + "<x@dst.example>\n" + pad + "via route work (smtp.work.example:587)\n"))
+        << text.constData();
+    EXPECT_TRUE(text.contains(pad + "<b@home.example>\n" + pad + "via route home (mail.home.example:4650)\n"))
+        << text.constData();
+    EXPECT_TRUE(text.contains(pad + "<w@example.org>\n" + pad + "via MX\n")) << text.constData();
+    EXPECT_TRUE(text.contains("postiq: " + folder.toUtf8() + "/Routes.ini line 9: route 'broken' has no Server"))
+        << text.constData();
+    EXPECT_FALSE(text.contains("me@work.example")) << "the login is never shown";
+
+    writeFile(folder + QStringLiteral("/Postiq.ini"),
+              "ListenPort\t" + QByteArray::number(freeListenPort())
+                  + "\r\nKeepLocal\tOn\r\nSmtpServer\tsmtp://me@isp.example@smtp.isp.example\r\n");
+    QByteArray json;
+    EXPECT_EQ(runToEnd(folder, configHome, {"--queue", "--json"}, nullptr, &json), 0);
+    const QJsonArray listed = QJsonDocument::fromJson(json).array();
+    ASSERT_EQ(listed.size(), 5) << json.constData();
+    QHash<QString, QJsonObject> byId;
+    for (const QJsonValue& one : listed)
+        byId.insert(one["id"].toString(), one.toObject());
+    EXPECT_EQ(byId[QString::fromLatin1(fromWork)]["via"].toString(), "route");
+    EXPECT_EQ(byId[QString::fromLatin1(fromWork)]["route"].toString(), "work");
+    EXPECT_EQ(byId[QString::fromLatin1(fromWork)]["server"].toString(), "smtp.work.example:587");
+    EXPECT_EQ(byId[QString::fromLatin1(bounce)]["route"].toString(), "home");
+    EXPECT_EQ(byId[QString::fromLatin1(waiting)]["via"].toString(), "SmtpServer");
+    EXPECT_EQ(byId[QString::fromLatin1(waiting)]["server"].toString(), "smtp.isp.example:587");
+    EXPECT_FALSE(byId[QString::fromLatin1(waiting)].contains("route"));
 }
 
 TEST_F(QueueCommands, TheRunningRelayMovesAndDeletesItself)

@@ -30,28 +30,37 @@ public:
             && QProcess::execute(python(), {QStringLiteral("-c"), QStringLiteral("import aiosmtpd")}) == 0;
     }
 
-    RealExchanger(const QString& host, quint16 port, const QStringList& options = {})
+    // Starts one of the test scripts (their path, then their arguments) and waits for its
+    // "ready"; false when it said nothing of the kind in time.
+    static bool startScript(QProcess& process, const QStringList& arguments)
     {
-        process_.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        process_.start(python(), QStringList{QStringLiteral(POSTIQ_DELIVERY_TESTS "/exchanger.py"), host,
-                                             QString::number(port), dir_.path()}
-                                     + options);
+        process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        process.start(python(), arguments);
         QByteArray said;
-        ready_ = spinUntil(
-            [&] {
-                said += process_.readAllStandardOutput();
-                return said.contains("ready") || process_.state() == QProcess::NotRunning;
-            },
-            10000)
+        return spinUntil(
+                   [&] {
+                       said += process.readAllStandardOutput();
+                       return said.contains("ready") || process.state() == QProcess::NotRunning;
+                   },
+                   10000)
             && said.contains("ready");
     }
-    ~RealExchanger()
+    // Closing its input tells a script to stop.
+    static void stopScript(QProcess& process)
     {
-        process_.closeWriteChannel();
-        if (!process_.waitForFinished(3000))
-            process_.kill();
-        process_.waitForFinished(1000);
+        process.closeWriteChannel();
+        if (!process.waitForFinished(3000))
+            process.kill();
+        process.waitForFinished(1000);
     }
+
+    RealExchanger(const QString& host, quint16 port, const QStringList& options = {})
+    {
+        ready_ = startScript(process_, QStringList{QStringLiteral(POSTIQ_DELIVERY_TESTS "/exchanger.py"), host,
+                                                   QString::number(port), dir_.path()}
+                                           + options);
+    }
+    ~RealExchanger() { stopScript(process_); }
     bool ready() const { return ready_; }
 
     QList<SavedMessage> messages() const

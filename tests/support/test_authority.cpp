@@ -22,7 +22,7 @@ TestAuthority::TestAuthority(const QString& name)
                                  "keyUsage=critical,keyCertSign,cRLSign"});
 }
 
-TestAuthority::Identity TestAuthority::issue(const QString& altNames)
+TestAuthority::Identity TestAuthority::issue(const QString& altNames, int days)
 {
     const QString base = dir_.filePath(QStringLiteral("server%1").arg(++issued_));
     Identity identity{base + ".pem", base + ".key"};
@@ -32,7 +32,7 @@ TestAuthority::Identity TestAuthority::issue(const QString& altNames)
         && openssl(QStringList{"req"} + kNewEcKey
                    + QStringList{"-keyout", identity.key, "-out", base + ".csr", "-subj", "/CN=test server"})
         && openssl({"x509", "-req", "-in", base + ".csr", "-CA", caFile_, "-CAkey", caKey_, "-CAcreateserial",
-                    "-out", identity.certificate, "-days", "2", "-extfile", base + ".ext"});
+                    "-out", identity.certificate, "-days", QString::number(days), "-extfile", base + ".ext"});
     if (!made)
         identity = {};
     return identity;

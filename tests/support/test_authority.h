@@ -19,8 +19,9 @@ public:
     bool ok() const { return ok_; }
     // The authority's own certificate: what a client trusts.
     QString caFile() const { return caFile_; }
-    // A server certificate for `altNames` ("IP:127.0.0.1,DNS:submission.test").
-    Identity issue(const QString& altNames);
+    // A server certificate for `altNames` ("IP:127.0.0.1,DNS:submission.test"), valid from now for
+    // `days`; a negative number makes one that has already expired.
+    Identity issue(const QString& altNames, int days = 2);
 
 private:
     bool openssl(const QStringList& arguments);
