@@ -39,10 +39,13 @@ using O = DeliveryOutcome;
 using Self = Disposition;
 
 // What becomes of a message, first matching row wins. "NoNotice" is a notice or a message with
-// the null sender: neither ever causes a notice, so that no failure can breed mail.
+// the null sender: neither ever causes a notice, so that no failure can breed mail. "Fallback":
+// the route's server was not reached and the route has a fallback, tried within the same attempt;
+// a server that answered with a refusal (5xx, a refused login) is never passed over.
 const Disposition::Row Disposition::kRows[] = {
     // Outcome          Hosts               Kind              Attempts          Action
     {O::HostTemporary,  Hosts::TlsRetryLeft, Kinds::Any,      Attempts::Any,    &Self::retryInClear},
+    {O::HostTemporary,  Hosts::Fallback,    Kinds::Any,       Attempts::Any,    &Self::tryFallbackRoute},
     {O::HostTemporary,  Hosts::More,        Kinds::Any,       Attempts::Any,    &Self::tryNextHost},
     {O::HostTemporary,  Hosts::Last,        Kinds::Ordinary,  Attempts::Left,   &Self::deferWithNotice},
     {O::HostTemporary,  Hosts::Last,        Kinds::NoNotice,  Attempts::Left,   &Self::deferSilently},
@@ -81,6 +84,10 @@ bool Disposition::matches(const Row& row, const Facts& facts)
         if (!(in.outcome.tlsFailed && in.clearRetryLeft))
             return false;
         break;
+    case Hosts::Fallback:
+        if (in.fallbackRoute.isEmpty() || in.outcome.errorNumber == ErrAuthFailed)
+            return false;
+        break;
     case Hosts::More:
         if (!in.moreHosts)
             return false;
@@ -109,6 +116,8 @@ NextStep Disposition::decide(const DispositionInput& input)
     const DeliveryOutcome& outcome = input.outcome;
     Facts facts{input, message, KindOf(message), message.Essai <= settings_.ActiveSettings.MaxNbrAttempt, {}, {}, {}};
     facts.head = " Postiq/smtpdistant[" + number(input.slot) + "]: " + message.ID;
+    if (!input.route.isEmpty())
+        facts.head += " route=" + input.route.toUtf8();
     if (outcome.errorNumber != 0) {
         facts.reason = ReasonText(outcome.errorNumber);
         facts.failure = number(outcome.errorNumber) + ": " + outcome.description;
@@ -139,6 +148,14 @@ NextStep Disposition::retryInClear(Facts& facts)
 NextStep Disposition::tryNextHost(Facts& facts)
 {
     mailLog(failureLine(facts, "trying other MX server, attempt=" + number(facts.message.Essai), false));
+    return NextStep::NextHost;
+}
+
+NextStep Disposition::tryFallbackRoute(Facts& facts)
+{
+    mailLog(failureLine(facts, "route " + facts.in.route.toUtf8() + " could not be reached, trying route "
+                                   + facts.in.fallbackRoute.toUtf8() + ", attempt=" + number(facts.message.Essai),
+                        false));
     return NextStep::NextHost;
 }
 

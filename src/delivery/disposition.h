@@ -28,6 +28,8 @@ struct DispositionInput {
     DeliveryOutcome outcome;
     bool moreHosts = false;     // the MX list has a host after this one
     bool clearRetryLeft = false; // TLS failed with this exchanger and it was not yet tried in clear
+    QString route;          // the route of Routes.ini whose server this was; empty: none
+    QString fallbackRoute;  // the next route of its chain, if any
 };
 
 // What the dispatcher does with the slot afterwards.
@@ -48,7 +50,7 @@ public:
 private:
     struct Facts;
     using Action = NextStep (Disposition::*)(Facts&);
-    enum class Hosts { Any, TlsRetryLeft, More, Last };
+    enum class Hosts { Any, TlsRetryLeft, Fallback, More, Last };
     enum class Kinds { Any, Ordinary, NoNotice };
     enum class Attempts { Any, Left, Spent };
     struct Row {
@@ -64,6 +66,7 @@ private:
     // The actions of the table.
     NextStep retryInClear(Facts& facts);
     NextStep tryNextHost(Facts& facts);
+    NextStep tryFallbackRoute(Facts& facts);
     NextStep deferWithNotice(Facts& facts);
     NextStep deferSilently(Facts& facts);
     NextStep giveUp(Facts& facts);

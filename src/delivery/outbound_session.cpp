@@ -135,7 +135,8 @@ const CMessage& OutboundSession::message() const { return cnx_.Message; }
 
 QByteArray OutboundSession::head() const
 {
-    return " Postiq/smtpdistant[" + number(slot_) + "]: " + message().ID;
+    const QByteArray head = " Postiq/smtpdistant[" + number(slot_) + "]: " + message().ID;
+    return target_.routeName.isEmpty() ? head : head + " route=" + target_.routeName.toUtf8();
 }
 
 void OutboundSession::setState(int32_t state) { cnx_.setStatus(state); }
@@ -372,7 +373,9 @@ void OutboundSession::afterSecureEhlo(const ServerReply& reply)
 
 void OutboundSession::authenticationFailed(const ServerReply& reply)
 {
-    fail(ErrAuthFailed, reply.lines.value(0));
+    // The server answered: its reply goes with the failure, so that the route is not taken for one
+    // out of reach (no fallback, no connection of its own for every waiting message).
+    fail(ErrAuthFailed, reply.lines.value(0), reply);
 }
 
 // With PIPELINING, MAIL, every RCPT and DATA go in one write; their replies come back in the same
@@ -619,7 +622,7 @@ void OutboundSession::sendCommands(const QList<QByteArray>& commands)
     socket_.write(lines);
 }
 
-void OutboundSession::fail(int errorNumber, const QByteArray& description)
+void OutboundSession::fail(int errorNumber, const QByteArray& description, const ServerReply& reply)
 {
     logs_.DbgAdd("<FONT COLOR='#0000FF'>Error for SMTPDISTANT[" + number(slot_) + "]: " + message().ID + " "
                  + number(errorNumber) + ": " + description + "</FONT><BR>");
@@ -628,6 +631,7 @@ void OutboundSession::fail(int errorNumber, const QByteArray& description)
     outcome.kind = cnx_.Status() == ResetSent ? DeliveryOutcome::NotAttempted : DeliveryOutcome::HostTemporary;
     outcome.errorNumber = errorNumber;
     outcome.description = description;
+    outcome.reply = reply;
     outcome.tlsFailed = errorNumber == ErrTlsFailed && target_.exchanger;
     finish(outcome, false);
 }
