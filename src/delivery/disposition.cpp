@@ -371,7 +371,8 @@ void Disposition::noticeThen(Facts& facts, NoticeKind kind, const QList<Recipien
 RecipientFate Disposition::fate(const Facts& facts, const QByteArray& address, const ServerReply& reply,
                                 bool failed) const
 {
-    const bool answered = reply.wellFormed();
+    // A refused login carries its reply, yet the notice names the failure as it always has.
+    const bool answered = reply.wellFormed() && facts.in.outcome.errorNumber == 0;
     FailureCause cause = answered ? FailureCause::Reply : FailureCause::NoAnswer;
     if (facts.in.outcome.kind == DeliveryOutcome::NoRoute)
         cause = FailureCause::NoExchanger;

@@ -9,6 +9,7 @@
 #include "platform/owner_only_file.h"
 #include "platform/test_trust.h"
 #include "real_exchanger.h"
+#include "support/fake_exchanger.h"
 #include "support/test_authority.h"
 
 using namespace postiq;
@@ -166,6 +167,36 @@ TEST(Routes, FallbackTakesOverAtOnceAndBothDownDefer)
     EXPECT_EQ(b.mailLog(" F2 route=work connection failed (").size(), 1);
     EXPECT_EQ(b.mailLog(" F2 route=home connection failed (").size(), 1);
     EXPECT_TRUE(b.mailLog(" F2 route=home connection failed (")[0].endsWith("status=deferred, attempt=1"));
+}
+
+// A 4xx greeting is a server out of reach for now: the fallback takes the message. A 5xx
+// greeting is an answer: the message is refused there and then, never sent elsewhere.
+TEST(Routes, TheGreetingDecidesWhetherTheFallbackIsTried)
+{
+    RouteBench b;
+    ExchangerScript busy;
+    busy.greeting = replyAndClose("421 4.3.2 Too busy");
+    FakeExchanger first(busy);
+    FakeExchanger second;
+    ASSERT_TRUE(first.listen(QHostAddress(QStringLiteral("127.0.0.5"))));
+    ASSERT_TRUE(second.listen(QHostAddress(QStringLiteral("127.0.0.6"))));
+    b.routes("[first]\nSenders = *@work.example\nServer = 127.0.0.5:" + number(first.port()) + "\nFallback = second\n\n"
+             "[second]\nSenders = nobody@else.example\nServer = 127.0.0.6:" + number(second.port()) + "\n");
+    b.send("G1", "<a@work.example>", true);
+    ASSERT_TRUE(b.drain()) << b.log().constData();
+    ASSERT_EQ(second.sessionCount(), 1) << b.log().constData();
+    EXPECT_TRUE(second.session(0).dataEnded);
+    EXPECT_EQ(b.mailLog("status=route first could not be reached, trying route second, attempt=1").size(), 1);
+
+    ExchangerScript refusing;
+    refusing.greeting = replyAndClose("554 5.7.1 Go away");
+    first.setScript(refusing);
+    b.send("G2", "<a@work.example>", true);
+    ASSERT_TRUE(b.drain()) << b.log().constData();
+    EXPECT_EQ(second.sessionCount(), 1) << "a refusal is never sent elsewhere";
+    EXPECT_EQ(b.files("Error"), QStringList{"G2"});
+    EXPECT_EQ(b.mailLog(" G2 route=first Error 554 (554 5.7.1 Go away), error for=<x@dst.test>").size(), 1)
+        << b.log().constData();
 }
 
 // A refused login is the server's answer: the message waits in Deferred with the 535, as on the
