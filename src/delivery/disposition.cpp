@@ -41,7 +41,7 @@ using Self = Disposition;
 // What becomes of a message, first matching row wins. "NoNotice" is a notice or a message with
 // the null sender: neither ever causes a notice, so that no failure can breed mail. "Fallback":
 // the route's server was not reached and the route has a fallback, tried within the same attempt;
-// a server that answered with a refusal (5xx, a refused login) is never passed over.
+// a server that answered with a refusal (a 5xx, a login refused or impossible) is never passed over.
 const Disposition::Row Disposition::kRows[] = {
     // Outcome          Hosts               Kind              Attempts          Action
     {O::HostTemporary,  Hosts::TlsRetryLeft, Kinds::Any,      Attempts::Any,    &Self::retryInClear},

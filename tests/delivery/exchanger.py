@@ -17,6 +17,10 @@ import os
 import ssl
 import sys
 import time
+import warnings
+
+# aiosmtpd sets its deprecated login_data itself after every login: not the test's concern.
+warnings.filterwarnings("ignore", message="Session.login_data")
 
 args = sys.argv[1:]
 host, port, folder = args[0], int(args[1]), args[2]

@@ -81,7 +81,7 @@ TEST(RoutesEndToEnd, HostileRoutesFileLeavesTheSoundRouteWorking)
     ASSERT_TRUE(work.ready());
 
     Relay relay(authority.caFile());
-    const QByteArray sound = "[work]\nSenders = *@work.example\nServer = smtp://a@work.example@127.0.0.3:"
+    QByteArray sound = "[work]\nSenders = *@work.example\nServer = smtp://a@work.example@127.0.0.3:"
         + QByteArray::number(providerPort) + "\n";
     const QByteArray hostile = "[broken]\nSenders = *@broken.example\n\n"
                                "[stars]\nSenders = " + QByteArray(10000, '*') + "\nServer = 127.0.0.66:2525\n\n"
@@ -111,12 +111,14 @@ TEST(RoutesEndToEnd, HostileRoutesFileLeavesTheSoundRouteWorking)
         << relay.file("maillog.txt").constData();
     EXPECT_TRUE(relay.file("maillog.txt").contains("route=loop1 connection failed"));
 
-    // Read again on --reload: the same faults, the same sound route.
+    // Read again on --reload: the same faults, and the sound route now takes another sender too.
     const qsizetype lines = relay.file("error.txt").count("\r\n");
+    writeFile(relay.folder + QStringLiteral("/Routes.ini"), hostile + sound.replace("*@work.example", "*@work.example, z@other.example"));
     EXPECT_EQ(relay.reload(), 0);
     ASSERT_TRUE(spinUntil([&] { return relay.file("error.txt").count("\r\n") >= 2 * lines; }, 10000));
-    relay.send("a@work.example", "second");
+    relay.send("z@other.example", "second");
     ASSERT_TRUE(spinUntil([&] { return work.messages().size() == 2; }, 25000)) << relay.file("maillog.txt").constData();
+    EXPECT_EQ(work.messages()[1].from, "z@other.example");
     EXPECT_EQ(relay.process.state(), QProcess::Running);
 }
 
