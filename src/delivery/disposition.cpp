@@ -42,6 +42,8 @@ using Self = Disposition;
 // the null sender: neither ever causes a notice, so that no failure can breed mail. "Fallback":
 // the route's server was not reached and the route has a fallback, tried within the same attempt;
 // a server that answered with a refusal (a 5xx, a login refused or impossible) is never passed over.
+// A login refused with a 5xx ends in Error at once: waiting does not mend a wrong password, and
+// from Error the message can be sent again once the password is right.
 const Disposition::Row Disposition::kRows[] = {
     // Outcome          Hosts               Kind              Attempts          Action
     {O::HostTemporary,  Hosts::TlsRetryLeft, Kinds::Any,      Attempts::Any,    &Self::retryInClear},
@@ -53,6 +55,8 @@ const Disposition::Row Disposition::kRows[] = {
     {O::HostTemporary,  Hosts::Last,        Kinds::NoNotice,  Attempts::Spent,  &Self::giveUpToError},
     {O::HostPermanent,  Hosts::Any,         Kinds::Ordinary,  Attempts::Any,    &Self::bounceAll},
     {O::HostPermanent,  Hosts::Any,         Kinds::NoNotice,  Attempts::Any,    &Self::refusedToError},
+    {O::LoginRefused,   Hosts::Any,         Kinds::Ordinary,  Attempts::Any,    &Self::loginRefusedWithNotice},
+    {O::LoginRefused,   Hosts::Any,         Kinds::NoNotice,  Attempts::Any,    &Self::loginRefusedToError},
     {O::NoRoute,        Hosts::Any,         Kinds::Any,       Attempts::Left,   &Self::deferNoRoute},
     {O::NoRoute,        Hosts::Any,         Kinds::Ordinary,  Attempts::Spent,  &Self::bounceNoRoute},
     {O::NoRoute,        Hosts::Any,         Kinds::NoNotice,  Attempts::Spent,  &Self::noRouteToError},
@@ -219,6 +223,27 @@ NextStep Disposition::refusedToError(Facts& facts)
     for (int i = 1; i <= message.MRcptToCount(); ++i)
         mailLog(refusalLine(facts, message.RcptTo(i), reply) + denyTail(facts));
     toError(facts, message, true);
+    return NextStep::Release;
+}
+
+// The message is kept in Error rather than removed, so that it can be sent again from there.
+NextStep Disposition::loginRefusedWithNotice(Facts& facts)
+{
+    CMessage& message = facts.message;
+    mailLog(failureLine(facts, "error, return error to=" + message.From, false));
+    message.LastError = facts.failure;
+    QList<RecipientFate> fates;
+    for (int i = 1; i <= message.MRcptToCount(); ++i)
+        fates << fate(facts, message.RcptTo(i), facts.in.outcome.reply, true);
+    noticeThen(facts, NoticeKind::Bounce, fates, [&] { toError(facts, message, true); });
+    return NextStep::Release;
+}
+
+NextStep Disposition::loginRefusedToError(Facts& facts)
+{
+    mailLog(failureLine(facts, "error, " + denyTail(facts), false));
+    facts.message.LastError = facts.failure;
+    toError(facts, facts.message, true);
     return NextStep::Release;
 }
 

@@ -73,6 +73,8 @@ private:
     NextStep giveUpToError(Facts& facts);
     NextStep bounceAll(Facts& facts);
     NextStep refusedToError(Facts& facts);
+    NextStep loginRefusedWithNotice(Facts& facts);
+    NextStep loginRefusedToError(Facts& facts);
     NextStep deferNoRoute(Facts& facts);
     NextStep bounceNoRoute(Facts& facts);
     NextStep noRouteToError(Facts& facts);

@@ -199,9 +199,10 @@ TEST(Routes, TheGreetingDecidesWhetherTheFallbackIsTried)
         << b.log().constData();
 }
 
-// A refused login is the server's answer: the message waits in Deferred with the 535, as on the
-// SmtpServer route, its fallback is not tried, and the provider saw one login per message.
-TEST(Routes, RefusedLoginDefersWithoutFallbackOrStorm)
+// A wrong password is the server's answer: each message goes to Error with the 535 at its first
+// attempt, as on the SmtpServer route; its fallback is not tried, the provider saw one login per
+// message, and nothing is tried again afterwards.
+TEST(Routes, RefusedLoginGoesToErrorWithoutFallbackOrStorm)
 {
     SKIP_WITHOUT_AIOSMTPD();
     RouteBench b;
@@ -211,18 +212,28 @@ TEST(Routes, RefusedLoginDefersWithoutFallbackOrStorm)
     b.password("work", "not the secret");
     b.routes("[work]\nSenders = *@work.example\nServer = " + b.workServer() + "\nFallback = home\n\n[home]\n"
              "Senders = b@home.example\nServer = " + b.homeServer() + "\n");
-    // Notices themselves, so that no delay notice joins in.
+    // Notices themselves, so that no bounce joins in.
     for (const char* id : {"L1", "L2", "L3", "L4"})
         b.send(id, "<a@work.example>", true);
     ASSERT_TRUE(b.drain()) << b.log().constData();
-    spinUntil([] { return false; }, 1500); // time for a storm, if there were one
+    b.dispatcher.VerifOutBox(); // a further scan, and time for a storm, if there were one
+    spinUntil([] { return false; }, 1500);
+    ASSERT_TRUE(b.settle()) << b.log().constData();
 
-    EXPECT_EQ(b.files("Deferred"), (QStringList{"L1", "L2", "L3", "L4"}));
-    EXPECT_EQ(b.read(QStringLiteral("Deferred/L1")).LastError, "30003: 535 5.7.8 Authentication credentials invalid");
+    EXPECT_EQ(b.files("Error"), (QStringList{"L1", "L2", "L3", "L4"}));
+    EXPECT_TRUE(b.files("Deferred").isEmpty() && b.files("OutBox").isEmpty());
+    for (const char* id : {"L1", "L2", "L3", "L4"}) {
+        EXPECT_EQ(b.read(QStringLiteral("Error/") + QLatin1String(id)).LastError,
+                  "30003: 535 5.7.8 Authentication credentials invalid") << id;
+        EXPECT_EQ(b.mailLog(" " + QByteArray(id) + " route=work connection failed (authentication failed)").size(), 1)
+            << id;
+    }
     EXPECT_EQ(work->logins(), QList<QByteArray>(4, "bad a@work.example")) << "one login per message";
+    EXPECT_TRUE(work->messages().isEmpty());
     EXPECT_TRUE(home->logins().isEmpty() && home->messages().isEmpty());
     EXPECT_FALSE(b.log().contains("trying route")) << b.log().constData();
-    EXPECT_EQ(b.mailLog(" L1 route=work connection failed (authentication failed)").size(), 1);
+    EXPECT_TRUE(b.mailLog(" L1 route=work connection failed (authentication failed)")[0].endsWith(
+        "status=error, not return error because it's already a return-error-mail: deny loop"));
 }
 
 // A provider that hangs up in the middle of a session costs that message one attempt and nothing
