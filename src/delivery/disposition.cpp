@@ -195,9 +195,7 @@ NextStep Disposition::giveUp(Facts& facts)
 
 NextStep Disposition::giveUpToError(Facts& facts)
 {
-    mailLog(failureLine(facts, "error, " + denyTail(facts), true));
-    facts.message.LastError = facts.failure;
-    toError(facts, facts.message, false);
+    connectionFailureToError(facts, true);
     return NextStep::Release;
 }
 
@@ -241,9 +239,7 @@ NextStep Disposition::loginRefusedWithNotice(Facts& facts)
 
 NextStep Disposition::loginRefusedToError(Facts& facts)
 {
-    mailLog(failureLine(facts, "error, " + denyTail(facts), false));
-    facts.message.LastError = facts.failure;
-    toError(facts, facts.message, true);
+    connectionFailureToError(facts, false);
     return NextStep::Release;
 }
 
@@ -368,6 +364,15 @@ void Disposition::defer(Facts& facts, bool notify)
     for (int i = 1; i <= message.MRcptToCount(); ++i)
         fates << fate(facts, message.RcptTo(i), facts.in.outcome.reply, false);
     noticeThen(facts, NoticeKind::Delay, fates, move);
+}
+
+// A message that may cause no notice, to Error after a failed connection. One that ran out of
+// attempts keeps the lines it has always had: the ordinal in the mail log, no blank in error.txt.
+void Disposition::connectionFailureToError(Facts& facts, bool attemptsSpent)
+{
+    mailLog(failureLine(facts, "error, " + denyTail(facts), attemptsSpent));
+    facts.message.LastError = facts.failure;
+    toError(facts, facts.message, !attemptsSpent);
 }
 
 void Disposition::toError(Facts& facts, const CMessage& record, bool blankInErrorLine)

@@ -82,6 +82,7 @@ private:
 
     // Shared steps.
     void defer(Facts& facts, bool notify);
+    void connectionFailureToError(Facts& facts, bool attemptsSpent);
     void toError(Facts& facts, const CMessage& record, bool blankInErrorLine);
     void noticeThen(Facts& facts, NoticeKind kind, const QList<RecipientFate>& fates, const std::function<void()>& move);
     RecipientFate fate(const Facts& facts, const QByteArray& address, const ServerReply& reply, bool failed) const;
