@@ -1,6 +1,7 @@
 #include "core/application.h"
 
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 #include <QHostInfo>
 #include <QMap>
@@ -81,6 +82,8 @@ void Application::start()
         tables_ = std::make_unique<ConnectionTables>(logs_, settings_, dnsCache_, this);
         service_ = std::make_unique<SmtpService>(settings_, logs_, dnsCache_, *tables_, queue_, this);
         dispatcher_ = std::make_unique<Dispatcher>(logs_, settings_, *tables_, queue_);
+        dispatcher_->setRoutes(&routes_);
+        loadRoutes();
         tables_->enableOutboxTimer = [this] { dispatcher_->enableOutboxTimer(); };
         if (networkState_) {
             connect(networkState_.get(), &NetworkState::onlineChanged, dispatcher_.get(), &Dispatcher::setOnline);
@@ -231,6 +234,19 @@ void Application::reloadConfiguration()
 {
     logs_.reopenFiles(); // a log moved away by hand starts afresh at once
     configLoader_.ChargerConfig(true);
+    loadRoutes();
+}
+
+// The dispatcher reads the table at each new dispatch; a delivery under way keeps its own copy of
+// its routes, so a reload drops nothing.
+void Application::loadRoutes()
+{
+    routes_ = RouteTable::load(folder_);
+    for (const QString& error : routes_.errors())
+        logs_.ErrorLog(GMTDate(logs_.clock()) + " Postiq: " + error.toUtf8());
+    if (QFile::exists(QDir(folder_).filePath(QString::fromLatin1(kRoutesFile))))
+        logs_.DbgAdd("<FONT face='Verdana' size='2'>" + GMTDate(logs_.clock()) + ": Routes.ini: "
+                     + QByteArray::number(routes_.routes().size()) + " route(s)</FONT><BR>");
 }
 
 void Application::flushDeferred()

@@ -8,6 +8,7 @@
 #include "config/config_file.h"
 #include "config/settings.h"
 #include "delivery/dispatcher.h"
+#include "delivery/route_table.h"
 #include "dns/dns_cache.h"
 #include "language/language.h"
 #include "log/logs.h"
@@ -81,6 +82,8 @@ public:
     Dispatcher& dispatcher() { return *dispatcher_; }
     Queue& queue() { return queue_; }
     ConfigLoader& configLoader() { return configLoader_; }
+    // The routes by sender of Routes.ini, as last loaded (at start and at each reload).
+    const RouteTable& routes() const { return routes_; }
 
     // What the main window and the tray show.
     const QString& windowCaption() const { return windowCaption_; }
@@ -111,6 +114,8 @@ private:
     void clearQueueLeftovers();
     void checkLogFilesWritable();
     void prepareConfigurationFile();
+    // Reads Routes.ini again; each fault of the file is a line of the error log.
+    void loadRoutes();
     // Before the fatal report's box: nothing of the relay may run while it waits for the user.
     void silenceEverything();
 
@@ -121,6 +126,7 @@ private:
     LanguageTable language_;
     DnsCache dnsCache_;
     ConfigLoader configLoader_;
+    RouteTable routes_;
     Queue queue_;
     std::unique_ptr<InstanceLock> instanceLock_;
     std::unique_ptr<ConnectionTables> tables_;

@@ -22,6 +22,7 @@ struct DeliveryOutcome {
         Transaction,   // the dialogue reached its end: one result per recipient
         HostTemporary, // this host failed for now (no connection, 4xx, nonsense, time-out)
         HostPermanent, // this host refused the message for every recipient (5xx)
+        LoginRefused,  // this host refused the login with a 5xx: an answer that waiting does not change
         NoRoute,       // the domain has no mail host
         NotAttempted,  // a reused connection ended before this message's transaction began
         Unreadable,    // the queue file could not be read whole: nothing of it was accepted

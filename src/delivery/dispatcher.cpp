@@ -199,7 +199,7 @@ void Dispatcher::SendOutSmtp(const QString& file)
             return;
         }
         const QByteArray name = QFile::encodeName(file);
-        const QByteArray exchanger = exchangerFor(*found);
+        const QByteArray exchanger = exchangerFor(head, *found);
         if (busyExchangers().contains(exchanger)) {
             backlog_.wait(name, exchanger);
             return;
@@ -222,11 +222,21 @@ void Dispatcher::SendOutSmtp(const QString& file)
         slot.generation += 1;
         slot.triedInClear = false;
         slot.exchanger = exchanger;
+        slot.routes.clear();
+        if (const SenderRoute* route = routeFor(head)) {
+            for (const SenderRoute* link : routes_->chain(*route))
+                slot.routes.append(*link); // a copy: a reload does not change a delivery under way
+        }
         slot.session.clear();
         slot.arrival = QFileInfo(queue_.filePath(QueueFolder::OutBox, name)).lastModified();
         ReleasingOnFault(tables_, i, [&] {
             cnx.Message.Essai = uint8_t(cnx.Message.Essai + 1);
             const QByteArray domain = *found;
+            if (!slots_[i].routes.isEmpty()) {
+                useRoutes(i);
+                routeResolved(i, file, domain);
+                return;
+            }
             cnx.DNS.ResolveMx(domain, [this, i, file, domain] {
                 Trapped(logs_, "D:MODULE[SendOutSmtp]",
                         [&] { ReleasingOnFault(tables_, i, [&] { routeResolved(i, file, domain); }); });
@@ -287,6 +297,31 @@ void Dispatcher::routeResolved(uint8_t i, const QString& file, const QByteArray&
     startSession(i, false);
 }
 
+const SenderRoute* Dispatcher::routeFor(const CMessage& head) const
+{
+    return routes_ ? routes_->forMessage(head.From, head.RcptTo(1)) : nullptr;
+}
+
+// A route's servers take the place of the mail exchangers: no DNS, no cache, one host per route.
+void Dispatcher::useRoutes(uint8_t i)
+{
+    CConnexion& cnx = tables_.CnxOut(i);
+    const QList<SenderRoute>& routes = slots_[i].routes;
+    QByteArray chain;
+    for (const SenderRoute& route : routes) {
+        cnx.DNS.MX.Add(0, route.server, QByteArray(), 0);
+        chain += (chain.isEmpty() ? "" : ", then ") + route.name.toUtf8() + " (" + route.route.hostAndPort() + ')';
+    }
+    logs_.DbgAdd("<FONT COLOR='#FF8000'>" + cnx.Message.ID + ": send using route " + chain + "</FONT><BR>");
+}
+
+const SenderRoute* Dispatcher::currentRoute(uint8_t i) const
+{
+    const QList<SenderRoute>& routes = slots_[i].routes;
+    const int at = tables_.CnxOut(i).DNS.CurrentMX - 1;
+    return at >= 0 && at < routes.size() ? &routes[at] : nullptr;
+}
+
 void Dispatcher::noRoute(uint8_t i, const QString&, const QByteArray& domain)
 {
     DeliveryOutcome outcome;
@@ -308,7 +343,10 @@ void Dispatcher::startSession(uint8_t i, bool clearOnly)
     target.route = ParseServerRoute(configured);
     // A submission server is named by host and port: the login stays out of the logs.
     target.shownHost = target.route.submission() ? target.route.hostAndPort() : configured;
-    target.exchanger = !settings_.UserSettings.SmtpServerDefined;
+    // A route's server is a fixed server with its own login, as SmtpServer is.
+    const SenderRoute* route = currentRoute(i);
+    target.exchanger = !route && !settings_.UserSettings.SmtpServerDefined;
+    target.routeName = route ? route->name : QString();
     target.clearOnly = clearOnly;
     target.knownAddresses = cnx.DNS.MX.record(cnx.DNS.CurrentMX).Addresses;
     const quint64 generation = slots_[i].generation;
@@ -350,7 +388,11 @@ void Dispatcher::dispose(uint8_t i, const DeliveryOutcome& outcome)
     input.message = &cnx.Message;
     input.arrival = slot.arrival;
     input.outcome = outcome;
-    input.moreHosts = outcome.kind != DeliveryOutcome::NoRoute && cnx.DNS.CurrentMX < cnx.DNS.MX.Count();
+    // A route has one server; the hosts after it are its fallbacks, which the table tries apart.
+    const SenderRoute* route = currentRoute(i);
+    input.route = route ? route->name : QString();
+    input.fallbackRoute = route ? slot.routes.value(cnx.DNS.CurrentMX).name : QString();
+    input.moreHosts = !route && outcome.kind != DeliveryOutcome::NoRoute && cnx.DNS.CurrentMX < cnx.DNS.MX.Count();
     input.clearRetryLeft = !slot.triedInClear;
     const NextStep next = disposition_.decide(input);
     if (next != NextStep::Release)
@@ -382,8 +424,10 @@ void Dispatcher::dispose(uint8_t i, const DeliveryOutcome& outcome)
 
 // ---- one connection, several messages ----
 
-QByteArray Dispatcher::exchangerFor(const QByteArray& domain) const
+QByteArray Dispatcher::exchangerFor(const CMessage& head, const QByteArray& domain) const
 {
+    if (const SenderRoute* route = routeFor(head))
+        return "route " + route->name.toLower().toUtf8();
     if (settings_.UserSettings.SmtpServerDefined)
         return "server " + settings_.ActiveSettings.SmtpServer.toUtf8();
     return domain.toLower();
@@ -445,7 +489,7 @@ std::optional<QByteArray> Dispatcher::nextForConnection(uint8_t i)
         QByteArray its;
         try {
             queue_.readHead(QueueFolder::OutBox, candidate, head);
-            its = exchangerFor(DomainOf(head.RcptTo(1)));
+            its = exchangerFor(head, DomainOf(head.RcptTo(1)));
         } catch (const Fault&) {
             return true; // the dispatcher sets it aside when it comes to it
         }

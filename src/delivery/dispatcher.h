@@ -14,6 +14,7 @@
 #include "delivery/disposition.h"
 #include "delivery/exchanger_backlog.h"
 #include "delivery/outbound_session.h"
+#include "delivery/route_table.h"
 #include "dns/address_resolver.h"
 #include "smtp_in/connexion.h"
 #include "store/queue.h"
@@ -79,6 +80,9 @@ public:
     // Connections open at once to one exchanger (MX domain, or the fixed server); the messages
     // beyond wait for one of them, which takes them one after another.
     int connectionsPerExchanger = 1;
+    // The routes by sender that new dispatches read; the owner keeps the table and may replace its
+    // contents at a reload: a delivery under way keeps the routes it was given.
+    void setRoutes(const RouteTable* routes) { routes_ = routes; }
     // Finds the addresses of every session's host, through the configured DNS server.
     AddressResolver& addressResolver() { return addresses_; }
 
@@ -97,12 +101,19 @@ private:
     // Steps that follow the route lookup of a dispatch on slot i.
     void routeResolved(uint8_t i, const QString& file, const QByteArray& domain);
     void noRoute(uint8_t i, const QString& file, const QByteArray& domain);
+    // The route of Routes.ini a message takes, from the table in force; none: SmtpServer or MX.
+    const SenderRoute* routeFor(const CMessage& head) const;
+    // Puts the servers of slot i's routes (the route, then its fallbacks) in its host list.
+    void useRoutes(uint8_t i);
+    // The route whose server slot i's current host is; none outside a route.
+    const SenderRoute* currentRoute(uint8_t i) const;
     // Starts a session with the slot's current host.
     void startSession(uint8_t i, bool clearOnly);
 
     // ---- one connection, several messages ----
-    // The key of the exchanger a domain's mail goes to: the domain, or the fixed server for all.
-    QByteArray exchangerFor(const QByteArray& domain) const;
+    // The key of the exchanger a message goes to: its route, else the domain, or the fixed server
+    // for all. Messages of different routes never share a connection.
+    QByteArray exchangerFor(const CMessage& head, const QByteArray& domain) const;
     // The exchangers whose connections are all taken.
     QSet<QByteArray> busyExchangers() const;
     // Remembers whether the exchanger answered the session that just ended.
@@ -141,6 +152,7 @@ private:
         quint64 generation = 0;  // tells a late outcome from the slot's current one
         bool triedInClear = false;
         QByteArray exchanger;            // whom the slot's connection serves
+        QList<SenderRoute> routes;       // the message's route and its fallbacks, as chosen; or none
         QPointer<OutboundSession> session;
     };
 
@@ -161,6 +173,7 @@ private:
     bool online_ = true;
     // Exchangers whose hosts all failed to answer last time: not shared, see noteReachability.
     QSet<QByteArray> unreachable_;
+    const RouteTable* routes_ = nullptr;
 };
 
 } // namespace postiq

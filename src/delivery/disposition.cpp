@@ -39,10 +39,15 @@ using O = DeliveryOutcome;
 using Self = Disposition;
 
 // What becomes of a message, first matching row wins. "NoNotice" is a notice or a message with
-// the null sender: neither ever causes a notice, so that no failure can breed mail.
+// the null sender: neither ever causes a notice, so that no failure can breed mail. "Fallback":
+// the route's server was not reached and the route has a fallback, tried within the same attempt;
+// a server that answered with a refusal (a 5xx, a login refused or impossible) is never passed over.
+// A login refused with a 5xx ends in Error at once: waiting does not mend a wrong password, and
+// from Error the message can be sent again once the password is right.
 const Disposition::Row Disposition::kRows[] = {
     // Outcome          Hosts               Kind              Attempts          Action
     {O::HostTemporary,  Hosts::TlsRetryLeft, Kinds::Any,      Attempts::Any,    &Self::retryInClear},
+    {O::HostTemporary,  Hosts::Fallback,    Kinds::Any,       Attempts::Any,    &Self::tryFallbackRoute},
     {O::HostTemporary,  Hosts::More,        Kinds::Any,       Attempts::Any,    &Self::tryNextHost},
     {O::HostTemporary,  Hosts::Last,        Kinds::Ordinary,  Attempts::Left,   &Self::deferWithNotice},
     {O::HostTemporary,  Hosts::Last,        Kinds::NoNotice,  Attempts::Left,   &Self::deferSilently},
@@ -50,6 +55,8 @@ const Disposition::Row Disposition::kRows[] = {
     {O::HostTemporary,  Hosts::Last,        Kinds::NoNotice,  Attempts::Spent,  &Self::giveUpToError},
     {O::HostPermanent,  Hosts::Any,         Kinds::Ordinary,  Attempts::Any,    &Self::bounceAll},
     {O::HostPermanent,  Hosts::Any,         Kinds::NoNotice,  Attempts::Any,    &Self::refusedToError},
+    {O::LoginRefused,   Hosts::Any,         Kinds::Ordinary,  Attempts::Any,    &Self::loginRefusedWithNotice},
+    {O::LoginRefused,   Hosts::Any,         Kinds::NoNotice,  Attempts::Any,    &Self::loginRefusedToError},
     {O::NoRoute,        Hosts::Any,         Kinds::Any,       Attempts::Left,   &Self::deferNoRoute},
     {O::NoRoute,        Hosts::Any,         Kinds::Ordinary,  Attempts::Spent,  &Self::bounceNoRoute},
     {O::NoRoute,        Hosts::Any,         Kinds::NoNotice,  Attempts::Spent,  &Self::noRouteToError},
@@ -81,6 +88,10 @@ bool Disposition::matches(const Row& row, const Facts& facts)
         if (!(in.outcome.tlsFailed && in.clearRetryLeft))
             return false;
         break;
+    case Hosts::Fallback:
+        if (in.fallbackRoute.isEmpty() || in.outcome.errorNumber == ErrAuthFailed)
+            return false;
+        break;
     case Hosts::More:
         if (!in.moreHosts)
             return false;
@@ -109,6 +120,8 @@ NextStep Disposition::decide(const DispositionInput& input)
     const DeliveryOutcome& outcome = input.outcome;
     Facts facts{input, message, KindOf(message), message.Essai <= settings_.ActiveSettings.MaxNbrAttempt, {}, {}, {}};
     facts.head = " Postiq/smtpdistant[" + number(input.slot) + "]: " + message.ID;
+    if (!input.route.isEmpty())
+        facts.head += " route=" + input.route.toUtf8();
     if (outcome.errorNumber != 0) {
         facts.reason = ReasonText(outcome.errorNumber);
         facts.failure = number(outcome.errorNumber) + ": " + outcome.description;
@@ -139,6 +152,14 @@ NextStep Disposition::retryInClear(Facts& facts)
 NextStep Disposition::tryNextHost(Facts& facts)
 {
     mailLog(failureLine(facts, "trying other MX server, attempt=" + number(facts.message.Essai), false));
+    return NextStep::NextHost;
+}
+
+NextStep Disposition::tryFallbackRoute(Facts& facts)
+{
+    mailLog(failureLine(facts, "route " + facts.in.route.toUtf8() + " could not be reached, trying route "
+                                   + facts.in.fallbackRoute.toUtf8() + ", attempt=" + number(facts.message.Essai),
+                        false));
     return NextStep::NextHost;
 }
 
@@ -174,9 +195,7 @@ NextStep Disposition::giveUp(Facts& facts)
 
 NextStep Disposition::giveUpToError(Facts& facts)
 {
-    mailLog(failureLine(facts, "error, " + denyTail(facts), true));
-    facts.message.LastError = facts.failure;
-    toError(facts, facts.message, false);
+    connectionFailureToError(facts, true);
     return NextStep::Release;
 }
 
@@ -202,6 +221,25 @@ NextStep Disposition::refusedToError(Facts& facts)
     for (int i = 1; i <= message.MRcptToCount(); ++i)
         mailLog(refusalLine(facts, message.RcptTo(i), reply) + denyTail(facts));
     toError(facts, message, true);
+    return NextStep::Release;
+}
+
+// The message is kept in Error rather than removed, so that it can be sent again from there.
+NextStep Disposition::loginRefusedWithNotice(Facts& facts)
+{
+    CMessage& message = facts.message;
+    mailLog(failureLine(facts, "error, return error to=" + message.From, false));
+    message.LastError = facts.failure;
+    QList<RecipientFate> fates;
+    for (int i = 1; i <= message.MRcptToCount(); ++i)
+        fates << fate(facts, message.RcptTo(i), facts.in.outcome.reply, true);
+    noticeThen(facts, NoticeKind::Bounce, fates, [&] { toError(facts, message, true); });
+    return NextStep::Release;
+}
+
+NextStep Disposition::loginRefusedToError(Facts& facts)
+{
+    connectionFailureToError(facts, false);
     return NextStep::Release;
 }
 
@@ -328,6 +366,15 @@ void Disposition::defer(Facts& facts, bool notify)
     noticeThen(facts, NoticeKind::Delay, fates, move);
 }
 
+// A message that may cause no notice, to Error after a failed connection. One that ran out of
+// attempts keeps the lines it has always had: the ordinal in the mail log, no blank in error.txt.
+void Disposition::connectionFailureToError(Facts& facts, bool attemptsSpent)
+{
+    mailLog(failureLine(facts, "error, " + denyTail(facts), attemptsSpent));
+    facts.message.LastError = facts.failure;
+    toError(facts, facts.message, !attemptsSpent);
+}
+
 void Disposition::toError(Facts& facts, const CMessage& record, bool blankInErrorLine)
 {
     queue_.moveToError(QueueFolder::OutBox, nameOf(facts.in), &record);
@@ -354,7 +401,8 @@ void Disposition::noticeThen(Facts& facts, NoticeKind kind, const QList<Recipien
 RecipientFate Disposition::fate(const Facts& facts, const QByteArray& address, const ServerReply& reply,
                                 bool failed) const
 {
-    const bool answered = reply.wellFormed();
+    // A refused login carries its reply, yet the notice names the failure as it always has.
+    const bool answered = reply.wellFormed() && facts.in.outcome.errorNumber == 0;
     FailureCause cause = answered ? FailureCause::Reply : FailureCause::NoAnswer;
     if (facts.in.outcome.kind == DeliveryOutcome::NoRoute)
         cause = FailureCause::NoExchanger;

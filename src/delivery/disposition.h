@@ -28,6 +28,8 @@ struct DispositionInput {
     DeliveryOutcome outcome;
     bool moreHosts = false;     // the MX list has a host after this one
     bool clearRetryLeft = false; // TLS failed with this exchanger and it was not yet tried in clear
+    QString route;          // the route of Routes.ini whose server this was; empty: none
+    QString fallbackRoute;  // the next route of its chain, if any
 };
 
 // What the dispatcher does with the slot afterwards.
@@ -48,7 +50,7 @@ public:
 private:
     struct Facts;
     using Action = NextStep (Disposition::*)(Facts&);
-    enum class Hosts { Any, TlsRetryLeft, More, Last };
+    enum class Hosts { Any, TlsRetryLeft, Fallback, More, Last };
     enum class Kinds { Any, Ordinary, NoNotice };
     enum class Attempts { Any, Left, Spent };
     struct Row {
@@ -64,12 +66,15 @@ private:
     // The actions of the table.
     NextStep retryInClear(Facts& facts);
     NextStep tryNextHost(Facts& facts);
+    NextStep tryFallbackRoute(Facts& facts);
     NextStep deferWithNotice(Facts& facts);
     NextStep deferSilently(Facts& facts);
     NextStep giveUp(Facts& facts);
     NextStep giveUpToError(Facts& facts);
     NextStep bounceAll(Facts& facts);
     NextStep refusedToError(Facts& facts);
+    NextStep loginRefusedWithNotice(Facts& facts);
+    NextStep loginRefusedToError(Facts& facts);
     NextStep deferNoRoute(Facts& facts);
     NextStep bounceNoRoute(Facts& facts);
     NextStep noRouteToError(Facts& facts);
@@ -77,6 +82,7 @@ private:
 
     // Shared steps.
     void defer(Facts& facts, bool notify);
+    void connectionFailureToError(Facts& facts, bool attemptsSpent);
     void toError(Facts& facts, const CMessage& record, bool blankInErrorLine);
     void noticeThen(Facts& facts, NoticeKind kind, const QList<RecipientFate>& fates, const std::function<void()>& move);
     RecipientFate fate(const Facts& facts, const QByteArray& address, const ServerReply& reply, bool failed) const;

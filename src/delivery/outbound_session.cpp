@@ -60,11 +60,11 @@ const OutboundSession::Row OutboundSession::kRows[] = {
     {AuthUserSent,    Intermediate,  &OutboundSession::sendLoginPassword},
     {AuthSent,        Positive,      &OutboundSession::sendMailFrom},
     {AuthLoginSent,   Transient,     &OutboundSession::authenticationFailed},
-    {AuthLoginSent,   Permanent,     &OutboundSession::authenticationFailed},
+    {AuthLoginSent,   Permanent,     &OutboundSession::loginRefused},
     {AuthUserSent,    Transient,     &OutboundSession::authenticationFailed},
-    {AuthUserSent,    Permanent,     &OutboundSession::authenticationFailed},
+    {AuthUserSent,    Permanent,     &OutboundSession::loginRefused},
     {AuthSent,        Transient,     &OutboundSession::authenticationFailed},
-    {AuthSent,        Permanent,     &OutboundSession::authenticationFailed},
+    {AuthSent,        Permanent,     &OutboundSession::loginRefused},
     {ResetSent,       Positive,      &OutboundSession::afterReset},
     {ResetSent,       kAnyClass,     &OutboundSession::resetRefused},
     {MailSent,        Positive,      &OutboundSession::sendRecipients},
@@ -135,7 +135,8 @@ const CMessage& OutboundSession::message() const { return cnx_.Message; }
 
 QByteArray OutboundSession::head() const
 {
-    return " Postiq/smtpdistant[" + number(slot_) + "]: " + message().ID;
+    const QByteArray head = " Postiq/smtpdistant[" + number(slot_) + "]: " + message().ID;
+    return target_.routeName.isEmpty() ? head : head + " route=" + target_.routeName.toUtf8();
 }
 
 void OutboundSession::setState(int32_t state) { cnx_.setStatus(state); }
@@ -370,9 +371,18 @@ void OutboundSession::afterSecureEhlo(const ServerReply& reply)
     sendMailFrom(reply);
 }
 
+// A login refused for now (4xx). The server answered: its reply goes with the failure, so that
+// the route is not taken for one out of reach (no fallback, no connection of its own for every
+// waiting message).
 void OutboundSession::authenticationFailed(const ServerReply& reply)
 {
-    fail(ErrAuthFailed, reply.lines.value(0));
+    fail(ErrAuthFailed, reply.lines.value(0), reply);
+}
+
+// A login refused for good (5xx): a wrong password stays wrong however long the message waits.
+void OutboundSession::loginRefused(const ServerReply& reply)
+{
+    fail(ErrAuthFailed, reply.lines.value(0), reply, DeliveryOutcome::LoginRefused);
 }
 
 // With PIPELINING, MAIL, every RCPT and DATA go in one write; their replies come back in the same
@@ -619,15 +629,17 @@ void OutboundSession::sendCommands(const QList<QByteArray>& commands)
     socket_.write(lines);
 }
 
-void OutboundSession::fail(int errorNumber, const QByteArray& description)
+void OutboundSession::fail(int errorNumber, const QByteArray& description, const ServerReply& reply,
+                           DeliveryOutcome::Kind kind)
 {
     logs_.DbgAdd("<FONT COLOR='#0000FF'>Error for SMTPDISTANT[" + number(slot_) + "]: " + message().ID + " "
                  + number(errorNumber) + ": " + description + "</FONT><BR>");
     DeliveryOutcome outcome;
     // Between two messages a failure is the reused connection's, not the message's.
-    outcome.kind = cnx_.Status() == ResetSent ? DeliveryOutcome::NotAttempted : DeliveryOutcome::HostTemporary;
+    outcome.kind = cnx_.Status() == ResetSent ? DeliveryOutcome::NotAttempted : kind;
     outcome.errorNumber = errorNumber;
     outcome.description = description;
+    outcome.reply = reply;
     outcome.tlsFailed = errorNumber == ErrTlsFailed && target_.exchanger;
     finish(outcome, false);
 }

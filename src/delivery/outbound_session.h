@@ -136,6 +136,7 @@ private:
     void sendLoginUser(const ServerReply& reply);
     void sendLoginPassword(const ServerReply& reply);
     void authenticationFailed(const ServerReply& reply);
+    void loginRefused(const ServerReply& reply);
     void sendMailFrom(const ServerReply& reply);
     void afterReset(const ServerReply& reply);
     void resetRefused(const ServerReply& reply);
@@ -174,8 +175,9 @@ private:
     void setState(int32_t state);
     void armWatchdog(std::chrono::milliseconds limit);
     void recordRecipient(RecipientResult::Verdict verdict, const ServerReply& reply);
-    // A failure of this host without a reply (socket, time-out, TLS, login).
-    void fail(int errorNumber, const QByteArray& description);
+    // A failure of this host (socket, time-out, TLS, login), with the reply that caused it if any.
+    void fail(int errorNumber, const QByteArray& description, const ServerReply& reply = {},
+              DeliveryOutcome::Kind kind = DeliveryOutcome::HostTemporary);
     // The text could not be read: the server must not take what it got of it.
     void unreadable(int errorNumber, const QString& description);
     // How a connection ends with its outcome: QUIT, cut at once, or held for another message.

@@ -4,15 +4,23 @@ message it accepts as N.eml (the content as received) and N.env (sender, recipie
 the session was encrypted, the MAIL parameters, the client's port, one per line). Prints "ready" once listening.
 
   exchanger.py HOST PORT DIR [--tls CERT KEY] [--unknown a@b,c@d] [--greylist] [--trickle]
+               [--auth USER PASSWORD] [--hangup N] [--slow SECONDS]
 
 --tls offers STARTTLS; --unknown refuses those recipients with 550 5.1.1; --greylist answers
 every RCPT with 450 and keeps the connection open; --trickle is no aiosmtpd at all but a bare
-server that writes its replies one byte at a time, multi-line EHLO reply included."""
+server that writes its replies one byte at a time, multi-line EHLO reply included.
+--auth makes it a provider's submission server: STARTTLS and that login required before MAIL
+(each login tried is a line of DIR/logins: "ok USER" or "bad USER"); --hangup cuts the first N
+connections at their MAIL command; --slow waits that long before it answers the end of the data."""
 import asyncio
 import os
 import ssl
 import sys
 import time
+import warnings
+
+# aiosmtpd sets its deprecated login_data itself after every login: not the test's concern.
+warnings.filterwarnings("ignore", message="Session.login_data")
 
 args = sys.argv[1:]
 host, port, folder = args[0], int(args[1]), args[2]
@@ -26,7 +34,7 @@ def option(name, count=1):
     return options[at + 1:at + 1 + count] if count else True
 
 
-def save(mail_from, rcpt_tos, content, encrypted, mail_options, peer_port=0):
+def save(mail_from, rcpt_tos, content, encrypted, mail_options, peer_port=0, login=""):
     count = len([f for f in os.listdir(folder) if f.endswith(".eml")])
     base = os.path.join(folder, str(count))
     with open(base + ".env.tmp", "wb") as env:
@@ -36,6 +44,7 @@ def save(mail_from, rcpt_tos, content, encrypted, mail_options, peer_port=0):
         env.write(b"tls=" + (b"yes" if encrypted else b"no") + b"\n")
         env.write(b"options=" + " ".join(mail_options).encode() + b"\n")
         env.write(b"peer=" + str(peer_port).encode() + b"\n")
+        env.write(b"login=" + login.encode() + b"\n")
     with open(base + ".eml", "wb") as eml:
         eml.write(content)
     os.rename(base + ".env.tmp", base + ".env")
@@ -46,8 +55,30 @@ def run_aiosmtpd():
 
     unknown = set((option("--unknown") or [""])[0].split(",")) - {""}
     greylist = option("--greylist", 0)
+    auth = option("--auth", 2)
+    hangups = [int((option("--hangup") or ["0"])[0])]
+    slow = float((option("--slow") or ["0"])[0])
+
+    def authenticator(server, session, envelope, mechanism, auth_data):
+        from aiosmtpd.smtp import AuthResult, LoginPassword
+        if not isinstance(auth_data, LoginPassword):
+            return AuthResult(success=False, handled=False)
+        login = auth_data.login.decode(errors="replace")
+        success = [auth_data.login, auth_data.password] == [auth[0].encode(), auth[1].encode()]
+        with open(os.path.join(folder, "logins"), "a") as logins:
+            logins.write(("ok " if success else "bad ") + login + "\n")
+        return AuthResult(success=success, handled=False, auth_data=login if success else None)
 
     class Handler:
+        async def handle_MAIL(self, server, session, envelope, address, mail_options):
+            if hangups[0] > 0:
+                hangups[0] -= 1
+                server.transport.abort()
+                return "421 4.3.0 gone"
+            envelope.mail_from = address
+            envelope.mail_options.extend(mail_options)
+            return "250 OK"
+
         async def handle_RCPT(self, server, session, envelope, address, rcpt_options):
             if greylist:
                 return "450 4.2.0 Greylisted, try again later"
@@ -57,8 +88,10 @@ def run_aiosmtpd():
             return "250 OK"
 
         async def handle_DATA(self, server, session, envelope):
+            if slow:
+                await asyncio.sleep(slow)
             save(envelope.mail_from, envelope.rcpt_tos, envelope.original_content, session.ssl is not None,
-                 envelope.mail_options, session.peer[1])
+                 envelope.mail_options, session.peer[1], session.auth_data or "")
             return "250 2.0.0 Saved"
 
     context = None
@@ -66,8 +99,13 @@ def run_aiosmtpd():
     if tls:
         context = ssl.create_default_context(ssl.Purpose.CLIENT_AUTH)
         context.load_cert_chain(tls[0], tls[1])
-    controller = Controller(Handler(), hostname=host, port=port, tls_context=context, require_starttls=False,
-                            decode_data=False, server_hostname="mx.aiosmtpd.test")
+    extra = {}
+    if auth:
+        extra = dict(authenticator=authenticator, auth_required=True, auth_require_tls=True, require_starttls=True)
+    else:
+        extra = dict(require_starttls=False)
+    controller = Controller(Handler(), hostname=host, port=port, tls_context=context, decode_data=False,
+                            server_hostname="mx.aiosmtpd.test", **extra)
     controller.start()
     print("ready", flush=True)
     try:

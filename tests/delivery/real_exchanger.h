@@ -17,6 +17,7 @@ struct SavedMessage {
     QByteArray options; // the MAIL FROM parameters
     QByteArray content; // the text as the server read it, unstuffed
     QByteArray peer;    // the client's port: one per connection
+    QByteArray login;   // the user the client logged in as (--auth), else empty
 };
 
 // aiosmtpd (or the byte-by-byte server of the same script) on a loop-back address, for as long
@@ -83,10 +84,23 @@ public:
                     message.options = line.mid(8);
                 else if (line.startsWith("peer="))
                     message.peer = line.mid(5);
+                else if (line.startsWith("login="))
+                    message.login = line.mid(6);
             }
             message.content = eml.readAll();
             saved << message;
         }
+    }
+
+    // The logins tried with --auth, one "ok USER" or "bad USER" each.
+    QList<QByteArray> logins() const
+    {
+        QFile file(dir_.filePath(QStringLiteral("logins")));
+        if (!file.open(QIODevice::ReadOnly))
+            return {};
+        QList<QByteArray> lines = file.readAll().split('\n');
+        lines.removeAll(QByteArray());
+        return lines;
     }
 
 private:

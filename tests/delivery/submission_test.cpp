@@ -193,9 +193,11 @@ TEST(Submission, OneLoginForSeveralMessages)
     EXPECT_EQ(b.mailLog(" reusing connection to " + b.hostPort() + " [127.0.0.1]").size(), 1);
 }
 
-// A refused login, and a STARTTLS that is missing or refused, each fail the connection: the
-// message waits in Deferred with its reason, and the mail is never sent in clear.
-TEST(Submission, RefusedLoginAndMissingStartTlsDefer)
+// A login refused with a 5xx is an answer: the message goes to Error with the server's reply at
+// the first attempt and is not tried again. A login refused for now (454), and a STARTTLS that is
+// missing or refused, fail the connection: the message waits in Deferred with its reason, and the
+// mail is never sent in clear.
+TEST(Submission, RefusedLoginToErrorOtherFailuresDefer)
 {
     SubmissionBench b;
     b.route("smtp://");
@@ -203,6 +205,10 @@ TEST(Submission, RefusedLoginAndMissingStartTlsDefer)
     wrong.password = "another one";
     b.server.setScript(wrong);
     b.deliver("WRONG", "<>");
+    SubmissionScript busy = wrong;
+    busy.loginRefusal = "454 4.7.0 Temporary authentication failure";
+    b.server.setScript(busy);
+    b.deliver("BUSY", "<>");
     SubmissionScript noStartTls;
     noStartTls.offerStartTls = false;
     b.server.setScript(noStartTls);
@@ -212,23 +218,59 @@ TEST(Submission, RefusedLoginAndMissingStartTlsDefer)
     b.server.setScript(refused);
     b.deliver("REFUSED", "<>");
 
-    ASSERT_EQ(b.server.sessionCount(), 3) << readFile(b.path("maillog.txt")).constData();
+    ASSERT_EQ(b.server.sessionCount(), 4) << readFile(b.path("maillog.txt")).constData();
     EXPECT_EQ(b.server.session(0).commands.size(), 4) << "no MAIL after the 535";
-    EXPECT_EQ(b.server.session(1).commands, QList<QByteArray>{"EHLO relay.test"});
-    EXPECT_EQ(b.server.session(2).commands, (QList<QByteArray>{"EHLO relay.test", "STARTTLS"}));
-    EXPECT_EQ(b.files("Deferred"), (QStringList{"NOTLS", "REFUSED", "WRONG"}));
+    EXPECT_EQ(b.server.session(2).commands, QList<QByteArray>{"EHLO relay.test"});
+    EXPECT_EQ(b.server.session(3).commands, (QList<QByteArray>{"EHLO relay.test", "STARTTLS"}));
+    EXPECT_EQ(b.files("Error"), QStringList{"WRONG"});
+    EXPECT_EQ(b.files("Deferred"), (QStringList{"BUSY", "NOTLS", "REFUSED"}));
     EXPECT_TRUE(b.files("OutBox").isEmpty()) << "no notice for the null sender";
-    EXPECT_TRUE(b.files("Error").isEmpty());
-    EXPECT_EQ(b.read("Deferred/WRONG").LastError, "30003: 535 5.7.8 Authentication credentials invalid");
+    EXPECT_EQ(b.read("Error/WRONG").LastError, "30003: 535 5.7.8 Authentication credentials invalid");
+    EXPECT_EQ(b.read("Deferred/BUSY").LastError, "30003: 454 4.7.0 Temporary authentication failure");
     EXPECT_TRUE(b.read("Deferred/NOTLS").LastError.startsWith("30002: STARTTLS not offered"));
     EXPECT_EQ(b.read("Deferred/REFUSED").LastError, "30002: 454 4.7.0 TLS not available");
-    for (const QByteArray id : {"WRONG", "NOTLS", "REFUSED"}) {
+    const QList<QByteArray> wrongLines = b.mailLog(" WRONG connection failed");
+    ASSERT_EQ(wrongLines.size(), 1);
+    EXPECT_TRUE(wrongLines[0].endsWith("connection failed (authentication failed) for " + b.hostPort()
+                                       + " [127.0.0.1], status=error, not return error because its sender is <>: "
+                                         "deny loop")) << wrongLines[0].constData();
+    for (const QByteArray id : {"BUSY", "NOTLS", "REFUSED"}) {
         const QList<QByteArray> lines = b.mailLog(" " + id + " connection failed");
         ASSERT_EQ(lines.size(), 1) << id.constData();
         EXPECT_TRUE(lines[0].endsWith(
-            b.failureLine(id == "WRONG" ? "authentication failed" : "no STARTTLS"))) << lines[0].constData();
+            b.failureLine(id == "BUSY" ? "authentication failed" : "no STARTTLS"))) << lines[0].constData();
     }
     EXPECT_FALSE(b.allLogsAndQueues().contains(kPassword));
+
+    // Another scan finds nothing to try again for the refused login.
+    b.dispatcher.VerifOutBox();
+    spinUntil([] { return false; }, 300);
+    EXPECT_EQ(b.server.sessionCount(), 4);
+}
+
+// An ordinary sender is told, as of any refusal, and the message itself is kept in Error. The
+// notice goes the same way, fails the same login and ends in Error too, without breeding another.
+TEST(Submission, RefusedLoginTellsTheSenderOnce)
+{
+    SubmissionScript wrong;
+    wrong.password = "another one";
+    SubmissionBench b(wrong);
+    b.route("smtp://");
+    b.deliver("ORD", "<s@src.test>");
+    ASSERT_TRUE(spinUntil([&] { return b.idle() && b.files("OutBox").isEmpty() && b.server.openSessions() == 0; },
+                          10000));
+
+    EXPECT_EQ(b.server.sessionCount(), 2) << "the message's login, then its notice's";
+    const QStringList error = b.files("Error");
+    ASSERT_EQ(error.size(), 2) << readFile(b.path("maillog.txt")).constData();
+    EXPECT_TRUE(error.contains(QStringLiteral("ORD")));
+    EXPECT_TRUE(b.files("Deferred").isEmpty());
+    EXPECT_EQ(b.read("Error/ORD").LastError, "30003: 535 5.7.8 Authentication credentials invalid");
+    EXPECT_EQ(b.mailLog(" ORD connection failed (authentication failed) for " + b.hostPort()
+                        + " [127.0.0.1], status=error, return error to=<s@src.test>").size(), 1);
+    const CMessage notice = b.read("Error/" + error[error.indexOf(QStringLiteral("ORD")) == 0 ? 1 : 0]);
+    EXPECT_EQ(notice.RcptTo(1), "<s@src.test>");
+    EXPECT_TRUE(notice.Data.contains("535 5.7.8 Authentication credentials invalid")) << notice.Data.constData();
 }
 
 // A certificate from an authority nobody trusts, or for another host, ends the connection before

@@ -165,8 +165,8 @@ void FakeSubmissionServer::sendEhloReply(Connection& connection)
 void FakeSubmissionServer::checkLogin(Connection& connection, const QByteArray& user, const QByteArray& password)
 {
     connection.record.loggedIn = user == connection.script.user && password == connection.script.password;
-    connection.socket->write(connection.record.loggedIn ? "235 2.7.0 Authentication successful\r\n"
-                                                        : "535 5.7.8 Authentication credentials invalid\r\n");
+    connection.socket->write(connection.record.loggedIn ? QByteArray("235 2.7.0 Authentication successful\r\n")
+                                                        : connection.script.loginRefusal + "\r\n");
 }
 
 } // namespace postiq::test

@@ -25,6 +25,7 @@ struct SubmissionScript {
     QByteArray mechanisms = "PLAIN LOGIN";    // the AUTH extension's words
     QByteArray user = "me@isp.test";          // the one login it accepts
     QByteArray password = "open sesame";
+    QByteArray loginRefusal = "535 5.7.8 Authentication credentials invalid"; // the reply to a wrong login
 };
 
 // What one session brought.
