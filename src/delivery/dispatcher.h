@@ -13,6 +13,7 @@
 
 #include "delivery/disposition.h"
 #include "delivery/exchanger_backlog.h"
+#include "delivery/exchanger_concurrency.h"
 #include "delivery/outbound_session.h"
 #include "dns/address_resolver.h"
 #include "smtp_in/connexion.h"
@@ -76,9 +77,10 @@ public:
 
     // How long each connection may wait (tests shorten them).
     OutboundTimeouts timeouts;
-    // Connections open at once to one exchanger (MX domain, or the fixed server); the messages
-    // beyond wait for one of them, which takes them one after another.
-    int connectionsPerExchanger = 1;
+    // Connections open at once to one exchanger (MX domain, or the fixed server): a window that
+    // grows while the exchanger answers (see ExchangerConcurrency); the messages beyond wait for
+    // one of them, which takes them one after another.
+    ExchangerConcurrency concurrency;
     // Finds the addresses of every session's host, through the configured DNS server.
     AddressResolver& addressResolver() { return addresses_; }
 
@@ -93,6 +95,8 @@ private:
     void dispatchSoon(bool rescan);
     // The files that busy OUT slots are delivering.
     QSet<QByteArray> claimedFiles() const;
+    std::optional<QByteArray> backlogNext(const QSet<QByteArray>& busy);
+    void rewindIfReleased(const QSet<QByteArray>& claimed);
     std::optional<uint8_t> freeCnxOut() const;
     // Steps that follow the route lookup of a dispatch on slot i.
     void routeResolved(uint8_t i, const QString& file, const QByteArray& domain);
@@ -105,8 +109,10 @@ private:
     QByteArray exchangerFor(const QByteArray& domain) const;
     // The exchangers whose connections are all taken.
     QSet<QByteArray> busyExchangers() const;
-    // Remembers whether the exchanger answered the session that just ended.
+    // Tells the exchanger's window how the session that just ended went.
     void noteReachability(const QByteArray& exchanger, const DeliveryOutcome& outcome);
+    // Connections open (or being opened) to the exchanger.
+    int connectionsTo(const QByteArray& exchanger) const;
     // Whether the file waits for a connection that is busy.
     bool waitsForConnection(const QByteArray& name, const QSet<QByteArray>& busy) const;
     // The next OutBox message, claimed by no slot, for the exchanger that slot i's connection
@@ -159,8 +165,12 @@ private:
     // that one broken file does not keep the dispatcher busy.
     QSet<QByteArray> unreadable_;
     bool online_ = true;
-    // Exchangers whose hosts all failed to answer last time: not shared, see noteReachability.
-    QSet<QByteArray> unreachable_;
+    // Where the walk through OutBox goes on: every file before it was being delivered, waiting in
+    // the backlog or unreadable when the walk passed it. With thousands of messages waiting for
+    // one busy exchanger, a dispatch would otherwise pass over all of them each time.
+    quint64 walkedTo_ = 0;
+    // The files claimed at the last walk or since: one let go while still in OutBox rewinds it.
+    QSet<QByteArray> claimedBefore_;
 };
 
 } // namespace postiq
