@@ -34,7 +34,11 @@ class Settings;
 // two 10-second timers remain as a backstop. Files are found through the queue's index, never by
 // listing Deferred, so a dispatch costs the same however many files wait; OutBox alone is listed
 // again, for what was written past the queue (at the tick, after a message is stored, and when
-// the index holds nothing left to send).
+// the index holds nothing left to send). Messages for one exchanger share its connections, each
+// carrying one message after another; how many it gets at once is a window that starts at a few,
+// grows by one per message it takes, up to twenty, narrows when it answers and fails, and is
+// lifted while none of its hosts answers (ExchangerConcurrency). The messages beyond the window
+// wait in the backlog, which hands them to the first connection or slot free for them.
 class Dispatcher : public QObject {
     Q_OBJECT
 public:
