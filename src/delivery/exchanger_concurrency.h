@@ -8,8 +8,8 @@ namespace postiq {
 
 // How many connections one exchanger (an MX domain, or the fixed server) gets at once. Each
 // exchanger has a window that starts at `initial`, grows by one with every message it carries,
-// up to `limit`, and shrinks by one whenever it answers and then fails (a 4xx greeting, a
-// hang-up, a reply out of place), never below one: a server that copes gets up to `limit`
+// up to `limit`, and shrinks by one whenever it answers and then fails (a 4xx greeting or reply,
+// a reply out of place), never below one: a server that copes gets up to `limit`
 // connections within a few messages, and one that throttles is met with fewer. An exchanger none
 // of whose hosts answered at all is not shared: each message that waited for it goes over a
 // connection of its own at once, so that a dead exchanger costs one time-out rather than one per
