@@ -65,10 +65,13 @@ accept() { smtp-source -d -s 20 -m "$count" -l 2048 -f bench@sender.example -t s
              -M bench.example "127.0.0.1:$port" >/dev/null; }
 profile accept accept
 deliver() {
+  local t0
   ini Off
   "$postiq" --folder "$work/postiq" --reload >/dev/null
   "$postiq" --folder "$work/postiq" --flush >/dev/null
+  t0=$(date +%s.%N)
   wait_until 600 outbox_empty
+  awk -v n="$count" -v a="$t0" -v b="$(date +%s.%N)" 'BEGIN { printf "delivered %d in %.1f s (%.0f/s, under perf)\n", n, b - a, n / (b - a) }'
 }
 profile delivery deliver
 "$postiq" --folder "$work/postiq" --quit >/dev/null || true

@@ -3,7 +3,9 @@
 # has a ratio, and prints one table: each figure, Postiq's value, Postfix's, the ratio, the target
 # and whether it is met. Writes the table into bench/RESULTS.md (its own section only).
 #
-#   bench/run.sh [--quick]     --quick: small counts, a smoke run of under two minutes
+#   bench/run.sh [--quick] [--only delivery]
+#     --quick: small counts, a smoke run of under two minutes
+#     --only delivery: the delivery figure alone (Postiq's and Postfix's), printed, not recorded
 #
 # Everything runs on loop-back addresses inside a network namespace of its own, is started and
 # stopped by this script, and every wait is bounded. Postfix runs as an instance of its own (its own
@@ -21,8 +23,21 @@ if [ -z "${POSTIQ_BENCH_IN_NAMESPACE:-}" ] && command -v unshare >/dev/null; the
   exec unshare -n env POSTIQ_BENCH_IN_NAMESPACE=1 bash -c 'ip link set lo up && exec "$0" "$@"' "$0" "$@"
 fi
 
-quick=0
-[ "${1:-}" = "--quick" ] && quick=1
+quick=0 only=
+while [ $# -gt 0 ]; do
+  case "$1" in
+    --quick) quick=1 ;;
+    --only) only=${2:-}; shift ;;
+    *) echo "bench/run.sh: unknown option $1" >&2; exit 2 ;;
+  esac
+  shift
+done
+case "$only" in
+  ''|delivery) ;;
+  *) echo "bench/run.sh: --only takes delivery" >&2; exit 2 ;;
+esac
+# Whether a part of the run is wanted: all of them, unless --only names one.
+want() { [ -z "$only" ] || [ "$only" = "$1" ]; }
 if [ "$quick" -eq 1 ]; then
   n_accept=300 n_deliver=300 n_deferred=2000 n_latency=5 big_mb=3 runs=2
 else
@@ -175,11 +190,12 @@ sleep 2
 rss_idle=$(kb "$postiq_pid" VmRSS)
 # Each side in turn, so that both meet the same load of the machine; the best run of each counts.
 p_rates=() f_rates=()
-for _ in $(seq "$runs"); do
+want accept || runs_accept=0
+for _ in $(seq "${runs_accept:-$runs}"); do
   p_rates+=("$(accept 127.0.0.1 "$postiq_port" 20 "$n_accept")")
   f_rates+=("$(accept "$postfix_addr" "$postfix_port" 20 "$n_accept")")
 done
-p_accept=$(max "${p_rates[@]}") f_accept=$(max "${f_rates[@]}")
+p_accept=$(max "${p_rates[@]:-0}") f_accept=$(max "${f_rates[@]:-0}")
 echo "idle $rss_idle kB; accept, 20 sessions: Postiq ${p_rates[*]}/s, Postfix ${f_rates[*]}/s"
 rm -rf "$folder/OutBox"/* # a queue of exactly n_deliver
 smtp-source -d -s 20 -m "$n_deliver" -l "$size" -f "$from" -t "$to" -M bench.example "127.0.0.1:$postiq_port" >/dev/null
@@ -200,6 +216,12 @@ if wait_until 120 pf_some_left; then
   wait_until 600 pf_empty && f_deliver=$(rate $((n_deliver - 1)) "$t0" "$(now)")
 fi
 echo "delivery: Postiq $p_deliver/s, Postfix $f_deliver/s"
+if [ -n "$only" ]; then
+  echo
+  echo "| delivery of $n_deliver queued messages to smtp-sink (msg/s) | $p_deliver | $f_deliver | $(awk -v a="$p_deliver" -v b="$f_deliver" 'BEGIN { if (b > 0) printf "%.2f×", a / b }') | ≥ 2× Postfix |"
+  echo "(load average at the end $(cut -d' ' -f1-3 /proc/loadavg); --only runs are never recorded)"
+  exit 0
+fi
 
 echo "== Postiq, $n_big messages of $big_mb MB at once (load $(load))"
 start_postiq "$work/big" On

@@ -105,6 +105,7 @@ void Dispatcher::postAfterSession()
 void Dispatcher::outboxTick()
 {
     unreadable_.clear();
+    walkedTo_ = 0;
     Trapped(logs_, "D:MODULE[VerifOutBox]", [&] { queue_.rescanOutBox(); });
     if (settings_.ActiveSettings.KeepLocal)
         return;
@@ -124,20 +125,24 @@ void Dispatcher::VerifOutBox()
         }
         // The oldest file that no busy slot delivers: a call costs the files it skips, no more.
         const QSet<QByteArray> claimed = claimedFiles();
+        rewindIfReleased(claimed);
         QSet<QByteArray> busy = busyExchangers();
-        // Passed over: being delivered, unreadable, or waiting for a connection that will take it.
+        // Passed over: being delivered, unreadable, or waiting in the backlog, which hands its
+        // messages out itself (backlogNext).
         const auto skip = [&](const QByteArray& name) {
-            return claimed.contains(name) || unreadable_.contains(name) || waitsForConnection(name, busy);
+            return claimed.contains(name) || unreadable_.contains(name) || backlog_.exchangerOf(name);
         };
         bool rescanned = false;
         for (;;) {
-            std::optional<QByteArray> name = queue_.next(QueueFolder::OutBox, skip);
+            std::optional<QByteArray> name = backlogNext(busy);
+            if (!name)
+                name = queue_.nextInOutBox(walkedTo_, skip);
             if (!name && !rescanned && !queue_.next(QueueFolder::OutBox)) {
                 // Nothing known waits: OutBox is empty then, and a listing of it catches what was
                 // written past the queue (a test's or an older program's own files).
                 queue_.rescanOutBox();
                 rescanned = true;
-                name = queue_.next(QueueFolder::OutBox, skip);
+                name = queue_.nextInOutBox(walkedTo_, skip);
             }
             if (!name) {
                 enableOutboxTimer();
@@ -146,6 +151,7 @@ void Dispatcher::VerifOutBox()
             const QString file = QFile::decodeName(*name);
             logs_.DbgAdd("<FONT face='Verdana' size='2'>" + GMTDate(logs_.clock()) + ": OUT demande d'envoi demandée ("
                          + file.toUtf8() + ")</FONT><BR>");
+            claimedBefore_.insert(*name);
             SendOutSmtp(file);
             busy = busyExchangers();
             if (!waitsForConnection(*name, busy))
@@ -153,6 +159,32 @@ void Dispatcher::VerifOutBox()
             // It joined the others waiting for their exchanger's connection: the next file may go.
         }
     });
+}
+
+// The oldest message waiting in the backlog for an exchanger that has room again.
+std::optional<QByteArray> Dispatcher::backlogNext(const QSet<QByteArray>& busy)
+{
+    for (const QByteArray& exchanger : backlog_.exchangers()) {
+        if (busy.contains(exchanger))
+            continue;
+        if (std::optional<QByteArray> name = backlog_.take(exchanger))
+            return name;
+    }
+    return std::nullopt;
+}
+
+// The walk through OutBox goes on where it stopped, past files that were taken then; a file that
+// a slot let go while it is still in OutBox (a failed move, a fault) sends the walk back to the
+// start, so that it is met again.
+void Dispatcher::rewindIfReleased(const QSet<QByteArray>& claimed)
+{
+    for (const QByteArray& name : std::as_const(claimedBefore_)) {
+        if (!claimed.contains(name) && queue_.inOutBox(name)) {
+            walkedTo_ = 0;
+            break;
+        }
+    }
+    claimedBefore_ = claimed;
 }
 
 // Only a busy slot claims its file: a released slot keeps the name readable, but the file (a
@@ -433,27 +465,50 @@ QByteArray Dispatcher::exchangerFor(const CMessage& head, const QByteArray& doma
     return domain.toLower();
 }
 
-// An exchanger that none of its hosts answered last time is tried by every waiting message at
-// once, as before connections were shared: one after another, a dead exchanger's messages would
-// each wait out their connection time-out in turn. The first answer makes it shared again.
+// The session's ending moves the exchanger's window: a transaction widens it, a server that
+// answered and then failed narrows it, and an exchanger none of whose hosts answered is no longer
+// shared (every waiting message tries it at once, as before connections were shared: one after
+// another, a dead exchanger's messages would each wait out their connection time-out in turn).
 void Dispatcher::noteReachability(const QByteArray& exchanger, const DeliveryOutcome& outcome)
 {
-    if (outcome.kind == DeliveryOutcome::HostTemporary || outcome.kind == DeliveryOutcome::NoRoute) {
-        if (!outcome.answered())
-            unreachable_.insert(exchanger);
-    } else {
-        unreachable_.remove(exchanger);
+    using Ending = ExchangerConcurrency::Ending;
+    switch (outcome.kind) {
+    case DeliveryOutcome::Transaction:
+        concurrency.note(exchanger, Ending::Carried);
+        break;
+    case DeliveryOutcome::HostPermanent:
+    case DeliveryOutcome::LoginRefused:
+        concurrency.note(exchanger, Ending::Answered);
+        break;
+    case DeliveryOutcome::HostTemporary:
+    case DeliveryOutcome::NoRoute:
+        concurrency.note(exchanger, outcome.answered() ? Ending::Faltered : Ending::Silent);
+        break;
+    case DeliveryOutcome::NotAttempted:
+    case DeliveryOutcome::Unreadable:
+        break;
     }
+}
+
+int Dispatcher::connectionsTo(const QByteArray& exchanger) const
+{
+    int open = 0;
+    for (int i = 1; i <= kLastUsableOutSlot; ++i)
+        open += tables_.CnxOut(i).Status() != 0 && slots_[i].exchanger == exchanger;
+    return open;
 }
 
 QSet<QByteArray> Dispatcher::busyExchangers() const
 {
     QHash<QByteArray, int> connections;
-    QSet<QByteArray> busy;
     for (int i = 1; i <= kLastUsableOutSlot; ++i) {
-        if (tables_.CnxOut(i).Status() != 0 && !unreachable_.contains(slots_[i].exchanger)
-            && ++connections[slots_[i].exchanger] >= std::max(1, connectionsPerExchanger))
-            busy.insert(slots_[i].exchanger);
+        if (tables_.CnxOut(i).Status() != 0)
+            ++connections[slots_[i].exchanger];
+    }
+    QSet<QByteArray> busy;
+    for (auto open = connections.cbegin(); open != connections.cend(); ++open) {
+        if (concurrency.full(open.key(), open.value()))
+            busy.insert(open.key());
     }
     return busy;
 }
@@ -471,17 +526,17 @@ std::optional<QByteArray> Dispatcher::nextForConnection(uint8_t i)
 {
     const QByteArray& exchanger = slots_[i].exchanger;
     const QSet<QByteArray> claimed = claimedFiles();
-    const auto free = [&](const QByteArray& name) {
-        return !claimed.contains(name) && QFileInfo(queue_.filePath(QueueFolder::OutBox, name)).isFile();
-    };
+    // A file gone meanwhile is met when its head is read.
     while (const std::optional<QByteArray> name = backlog_.take(exchanger)) {
-        if (free(*name))
+        if (!claimed.contains(*name) && queue_.inOutBox(*name))
             return name;
     }
+    // The look goes on from where the dispatcher's walk stopped, and stops before any file it
+    // leaves unmet, so that the walk never passes one.
     int looked = 0;
     bool found = false;
-    const std::optional<QByteArray> name = queue_.next(QueueFolder::OutBox, [&](const QByteArray& candidate) {
-        if (claimed.contains(candidate) || backlog_.exchangerOf(candidate))
+    const std::optional<QByteArray> name = queue_.nextInOutBox(walkedTo_, [&](const QByteArray& candidate) {
+        if (claimed.contains(candidate) || unreadable_.contains(candidate) || backlog_.exchangerOf(candidate))
             return true;
         if (++looked > kLookAhead)
             return false; // enough: the dispatcher meets the rest
@@ -491,7 +546,7 @@ std::optional<QByteArray> Dispatcher::nextForConnection(uint8_t i)
             queue_.readHead(QueueFolder::OutBox, candidate, head);
             its = exchangerFor(head, DomainOf(head.RcptTo(1)));
         } catch (const Fault&) {
-            return true; // the dispatcher sets it aside when it comes to it
+            return false; // the dispatcher sets it aside when it comes to it
         }
         if (its == exchanger) {
             found = true;
@@ -508,12 +563,15 @@ bool Dispatcher::takeNextOnConnection(uint8_t i)
     SlotDelivery& slot = slots_[i];
     if (!slot.session)
         return false;
-    if (!slot.session->canTakeAnother() || settings_.ActiveSettings.KeepLocal) {
+    // A window that narrowed meanwhile closes the connections beyond it as they finish.
+    if (!slot.session->canTakeAnother() || settings_.ActiveSettings.KeepLocal
+        || (concurrency.shared(slot.exchanger) && connectionsTo(slot.exchanger) > concurrency.window(slot.exchanger))) {
         slot.session->quit();
         return false;
     }
     CConnexion& cnx = tables_.CnxOut(i);
     while (const std::optional<QByteArray> name = nextForConnection(i)) {
+        claimedBefore_.insert(*name);
         const QString file = QFile::decodeName(*name);
         CMessage head(logs_);
         if (!loadHeadOrSetAside(head, file))

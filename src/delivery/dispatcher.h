@@ -13,6 +13,7 @@
 
 #include "delivery/disposition.h"
 #include "delivery/exchanger_backlog.h"
+#include "delivery/exchanger_concurrency.h"
 #include "delivery/outbound_session.h"
 #include "delivery/route_table.h"
 #include "dns/address_resolver.h"
@@ -34,7 +35,11 @@ class Settings;
 // two 10-second timers remain as a backstop. Files are found through the queue's index, never by
 // listing Deferred, so a dispatch costs the same however many files wait; OutBox alone is listed
 // again, for what was written past the queue (at the tick, after a message is stored, and when
-// the index holds nothing left to send).
+// the index holds nothing left to send). Messages for one exchanger share its connections, each
+// carrying one message after another; how many it gets at once is a window that starts at a few,
+// grows by one per message it takes, up to twenty, narrows when it answers and fails, and is
+// lifted while none of its hosts answers (ExchangerConcurrency). The messages beyond the window
+// wait in the backlog, which hands them to the first connection or slot free for them.
 class Dispatcher : public QObject {
     Q_OBJECT
 public:
@@ -77,12 +82,13 @@ public:
 
     // How long each connection may wait (tests shorten them).
     OutboundTimeouts timeouts;
-    // Connections open at once to one exchanger (MX domain, or the fixed server); the messages
-    // beyond wait for one of them, which takes them one after another.
-    int connectionsPerExchanger = 1;
     // The routes by sender that new dispatches read; the owner keeps the table and may replace its
     // contents at a reload: a delivery under way keeps the routes it was given.
     void setRoutes(const RouteTable* routes) { routes_ = routes; }
+    // Connections open at once to one exchanger (MX domain, or the fixed server): a window that
+    // grows while the exchanger answers (see ExchangerConcurrency); the messages beyond wait for
+    // one of them, which takes them one after another.
+    ExchangerConcurrency concurrency;
     // Finds the addresses of every session's host, through the configured DNS server.
     AddressResolver& addressResolver() { return addresses_; }
 
@@ -97,6 +103,8 @@ private:
     void dispatchSoon(bool rescan);
     // The files that busy OUT slots are delivering.
     QSet<QByteArray> claimedFiles() const;
+    std::optional<QByteArray> backlogNext(const QSet<QByteArray>& busy);
+    void rewindIfReleased(const QSet<QByteArray>& claimed);
     std::optional<uint8_t> freeCnxOut() const;
     // Steps that follow the route lookup of a dispatch on slot i.
     void routeResolved(uint8_t i, const QString& file, const QByteArray& domain);
@@ -116,8 +124,10 @@ private:
     QByteArray exchangerFor(const CMessage& head, const QByteArray& domain) const;
     // The exchangers whose connections are all taken.
     QSet<QByteArray> busyExchangers() const;
-    // Remembers whether the exchanger answered the session that just ended.
+    // Tells the exchanger's window how the session that just ended went.
     void noteReachability(const QByteArray& exchanger, const DeliveryOutcome& outcome);
+    // Connections open (or being opened) to the exchanger.
+    int connectionsTo(const QByteArray& exchanger) const;
     // Whether the file waits for a connection that is busy.
     bool waitsForConnection(const QByteArray& name, const QSet<QByteArray>& busy) const;
     // The next OutBox message, claimed by no slot, for the exchanger that slot i's connection
@@ -171,9 +181,13 @@ private:
     // that one broken file does not keep the dispatcher busy.
     QSet<QByteArray> unreadable_;
     bool online_ = true;
-    // Exchangers whose hosts all failed to answer last time: not shared, see noteReachability.
-    QSet<QByteArray> unreachable_;
     const RouteTable* routes_ = nullptr;
+    // Where the walk through OutBox goes on: every file before it was being delivered, waiting in
+    // the backlog or unreadable when the walk passed it. With thousands of messages waiting for
+    // one busy exchanger, a dispatch would otherwise pass over all of them each time.
+    quint64 walkedTo_ = 0;
+    // The files claimed at the last walk or since: one let go while still in OutBox rewinds it.
+    QSet<QByteArray> claimedBefore_;
 };
 
 } // namespace postiq

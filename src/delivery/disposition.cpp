@@ -343,7 +343,7 @@ NextStep Disposition::settleRecipients(Facts& facts)
             defer();
         return NextStep::Release;
     }
-    queue_.remove(QueueFolder::OutBox, nameOf(facts.in)); // no copy of a sent message is kept
+    queue_.removeDelivered(QueueFolder::OutBox, nameOf(facts.in)); // no copy of a sent message is kept
     return NextStep::Release;
 }
 

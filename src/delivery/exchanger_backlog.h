@@ -2,6 +2,7 @@
 
 #include <QByteArray>
 #include <QHash>
+#include <QList>
 #include <deque>
 #include <optional>
 
@@ -22,6 +23,8 @@ public:
     // The oldest message that waits for `exchanger`, taken off the backlog.
     std::optional<QByteArray> take(const QByteArray& exchanger);
     int size() const { return int(exchangerOf_.size()); }
+    // The exchangers that messages may wait for (some perhaps for none any more).
+    QList<QByteArray> exchangers() const { return waiting_.keys(); }
 
 private:
     QHash<QByteArray, QByteArray> exchangerOf_;

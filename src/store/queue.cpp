@@ -541,6 +541,14 @@ void Queue::remove(QueueFolder folder, const QByteArray& name) const
     announce(folder, name, QueueChange::Removed);
 }
 
+void Queue::removeDelivered(QueueFolder folder, const QByteArray& name) const
+{
+    const QString path = filePath(folder, name);
+    if (std::remove(QFile::encodeName(path).constData()) != 0 && errno != ENOENT)
+        throw QueueFault(ErrAccessDenied, QStringLiteral("Cannot delete '%1': %2").arg(path, systemError(errno)));
+    announce(folder, name, QueueChange::Removed);
+}
+
 int Queue::addObserver(QueueObserver observer)
 {
     observers_.emplace_back(++lastObserver_, std::move(observer));

@@ -100,6 +100,13 @@ public:
     // Deferred earliest deferral first, both from the index; Error from the directory.
     std::optional<QByteArray> next(QueueFolder folder,
                                    const std::function<bool(const QByteArray&)>& skip = {}) const;
+    // OutBox's next file from a place an earlier walk reached (see QueueIndex::nextOutBoxFrom).
+    std::optional<QByteArray> nextInOutBox(quint64& place, const std::function<bool(const QByteArray&)>& skip) const
+    {
+        return index().nextOutBoxFrom(place, skip);
+    }
+    // Whether OutBox holds the name, as far as the index knows.
+    bool inOutBox(const QByteArray& name) const { return index().inOutBox(name); }
     // When the earliest deferred file was deferred (its file's time), if any file is deferred.
     std::optional<QDateTime> earliestDeferral() const;
     // Brings the index of OutBox in line with the folder, for files that another process (a
@@ -152,6 +159,10 @@ public:
     // `head` and the text of the file `name` in `from`, which stays as it is.
     QByteArray derive(QueueFolder from, const QByteArray& name, QueueFolder to, const CMessage& head) const;
     void remove(QueueFolder folder, const QByteArray& name) const;
+    // Removes a message that has been delivered, without saving its folder to disk: a removal
+    // that a crash takes back only sends the message a second time, it never loses one, and the
+    // folder's flush cost as much as the delivery itself. A file already gone is no fault.
+    void removeDelivered(QueueFolder folder, const QByteArray& name) const;
 
     // ---- deliveries in progress (in memory only) ----
     bool claim(const QByteArray& name);   // false when already claimed

@@ -23,10 +23,20 @@ void QueueIndex::removeOutBox(const QByteArray& name)
 
 std::optional<QByteArray> QueueIndex::nextOutBox(const std::function<bool(const QByteArray&)>& skip) const
 {
-    for (const auto& [order, name] : outBox_) {
-        if (!skip || !skip(name))
-            return name;
+    quint64 place = 0;
+    return nextOutBoxFrom(place, skip);
+}
+
+std::optional<QByteArray> QueueIndex::nextOutBoxFrom(quint64& place,
+                                                     const std::function<bool(const QByteArray&)>& skip) const
+{
+    for (auto it = outBox_.lower_bound(place); it != outBox_.end(); ++it) {
+        if (!skip || !skip(it->second)) {
+            place = it->first;
+            return it->second;
+        }
     }
+    place = nextOrder_;
     return std::nullopt;
 }
 

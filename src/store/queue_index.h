@@ -23,6 +23,11 @@ public:
     QList<QByteArray> outBoxNames() const;
     // The oldest file for which `skip` says false; costs the files skipped, no more.
     std::optional<QByteArray> nextOutBox(const std::function<bool(const QByteArray&)>& skip) const;
+    // The same from a place in OutBox's order that an earlier walk reached, so that files known to
+    // be taken are not passed over again; `place` moves to the file returned (past all when none).
+    // Files added later always come after every place handed out.
+    std::optional<QByteArray> nextOutBoxFrom(quint64& place,
+                                             const std::function<bool(const QByteArray&)>& skip) const;
 
     // ---- Deferred ----
     void addDeferred(const QByteArray& name, const QDateTime& deferredAt);

@@ -54,6 +54,9 @@ struct DeliveryBench {
         for (int i = 1; i <= 99; ++i)
             tables.CnxOut(i).DNS.lookupTiming = LookupTiming{std::chrono::milliseconds(300), 1};
         dispatcher.timeouts = {std::chrono::milliseconds(2000), std::chrono::milliseconds(2000)};
+        // One connection per exchanger unless a test says otherwise, so that what each session
+        // carries is known; the window's growth has tests of its own.
+        dispatcher.concurrency.fix(1);
     }
 
     // Starts the inbound service on a free port.

@@ -59,7 +59,7 @@ TEST(DeliveryFailure, AttemptsRunOutThenTheSenderGetsItBack)
 {
     DeliveryBench b;
     b.mx("dst.test", {{10, kDeadHost}});
-    b.dispatcher.connectionsPerExchanger = 3; // the three at once
+    b.dispatcher.concurrency.fix(3); // the three at once
     b.queue("THIRD", {"<b@dst.test>"}, "x\r\n", 2);
     b.queue("FOURTH", {"<b@dst.test>"}, "x\r\n", 3);
     b.queue("LOOP", {"<b@dst.test>"}, "x\r\n", 3, true);
@@ -101,7 +101,7 @@ TEST(DeliveryFailure, AFixedServerThatFailsDefersTheMessage)
 {
     DeliveryBench b;
     b.useServer(QString::fromLatin1(kDeadHost) + ":2599");
-    b.dispatcher.connectionsPerExchanger = 2; // both at once
+    b.dispatcher.concurrency.fix(2); // both at once
     b.queue("FIX1", {"<b@dst.test>"});
     b.queue("FIX4", {"<b@dst.test>"}, "x\r\n", 3);
     b.dispatcher.SendOutSmtp("FIX1");
@@ -125,7 +125,7 @@ TEST(DeliveryFailure, AFixedServerThatFailsDefersTheMessage)
 TEST(DeliveryFailure, NoMailHostDefersThenBounces)
 {
     DeliveryBench b;
-    b.dispatcher.connectionsPerExchanger = 4; // all at once
+    b.dispatcher.concurrency.fix(4); // all at once
     b.queue("NOMX1", {"<b@nowhere.test>"});
     b.queue("NOMX4", {"<b@nowhere.test>"}, "x\r\n", 3);
     b.queue("NOMXN", {"<b@nowhere.test>"}, "x\r\n", 9, true);

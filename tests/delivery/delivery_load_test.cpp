@@ -21,7 +21,7 @@ TEST(DeliveryLoad, ThreeHundredMessagesToSlowExchangers)
 {
     DeliveryBench b;
     b.dispatcher.timeouts = {std::chrono::seconds(20), std::chrono::seconds(20)};
-    b.dispatcher.connectionsPerExchanger = 4;
+    b.dispatcher.concurrency.fix(4);
     ASSERT_TRUE(b.listen());
     ExchangerScript slow;
     slow.endOfData = reply("250 2.0.0 Queued", 40);
@@ -107,7 +107,7 @@ TEST(DeliveryLoad, HostileExchangersLoseNothing)
 {
     DeliveryBench b;
     b.dispatcher.timeouts = {std::chrono::milliseconds(800), std::chrono::milliseconds(800)};
-    b.dispatcher.connectionsPerExchanger = 8;
+    b.dispatcher.concurrency.fix(8);
     const QList<ExchangerScript> behaviours = [] {
         QList<ExchangerScript> list(8);
         list[0].greeting = reply("\x01\x02\xff garbage");
