@@ -14,8 +14,8 @@ namespace postiq {
 // Group commit of received messages. Each message's files are staged (written, not yet on disk);
 // once per turn of the event loop one flush round makes every file staged so far durable, off the
 // event loop, and then tells each message, on the owning thread, whether its files are stored.
-// While one round runs, newly staged files wait for the next: under load one round covers many
-// messages, alone a message waits for one round only.
+// A few rounds run at once; while that many run, newly staged files wait for the next: under load
+// one round covers many messages, alone a message waits for one round only.
 class CommitQueue {
 public:
     // Makes the files durable under their names, all or nothing; runs on a worker thread.
@@ -24,7 +24,7 @@ public:
     using Done = std::function<void(bool stored, const QString& error)>;
 
     explicit CommitQueue(Flush flush = CommitStagedFiles);
-    // Waits for a round under way (one disk flush); messages that were not told stay untold.
+    // Waits for the rounds under way (one disk flush each); messages that were not told stay untold.
     ~CommitQueue();
     CommitQueue(const CommitQueue&) = delete;
     CommitQueue& operator=(const CommitQueue&) = delete;
@@ -39,6 +39,9 @@ public:
     void setFlush(Flush flush) { flush_ = std::move(flush); }
 
 private:
+    // A round mostly waits for the disk, and the disk serves the waits of several rounds together:
+    // a message staged while one runs starts a round of its own rather than wait for it.
+    static constexpr int kMostRoundsAtOnce = 4;
     struct Waiting {
         QList<StagedFile> files;
         Done done;
@@ -46,13 +49,12 @@ private:
 
     void schedule();
     void startRound();
-    void finishRound(bool stored, const QString& error);
+    void finishRound(const QList<Waiting>& covered, bool stored, const QString& error);
 
     Flush flush_;
     QList<Waiting> waiting_;  // staged, for the next round
-    QList<Waiting> inFlight_; // covered by the round under way
     bool roundScheduled_ = false;
-    bool roundRunning_ = false;
+    int roundsRunning_ = 0;
     int rounds_ = 0;
     int messages_ = 0;
     int files_ = 0;
