@@ -2,10 +2,22 @@
 
 #include "platform/commit_stats.h"
 
+#include <algorithm>
+#include <atomic>
+#include <latch>
+
 namespace postiq {
 
 CommitQueue::CommitQueue(Flush flush) : flush_(std::move(flush))
 {
+    if (!flush_) {
+        flush_ = [this](const QList<StagedFile>& files, QString* error) {
+            return CommitStagedFiles(files, error, [this](qsizetype count, const std::function<void(qsizetype)>& job) {
+                syncEach(count, job);
+            });
+        };
+    }
+    syncPool_.setMaxThreadCount(kSyncThreads);
     pool_.setMaxThreadCount(kMostRoundsAtOnce);
 }
 
@@ -13,6 +25,27 @@ CommitQueue::~CommitQueue()
 {
     pool_.waitForDone();
     ReportCommitTotals(rounds_, messages_, files_);
+}
+
+// Runs on a round's thread, which takes its share of the jobs; helpers that start after the jobs
+// are all taken find nothing left to do.
+void CommitQueue::syncEach(qsizetype count, const std::function<void(qsizetype)>& job)
+{
+    std::atomic<qsizetype> next{0};
+    const auto work = [&] {
+        for (qsizetype i = next++; i < count; i = next++)
+            job(i);
+    };
+    const qsizetype helpers = std::clamp<qsizetype>(count - 1, 0, kSyncThreads);
+    std::latch done(helpers);
+    for (qsizetype i = 0; i < helpers; ++i) {
+        syncPool_.start([&] {
+            work();
+            done.count_down();
+        });
+    }
+    work();
+    done.wait();
 }
 
 void CommitQueue::commit(QList<StagedFile> files, Done done)

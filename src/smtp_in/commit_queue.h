@@ -23,7 +23,8 @@ public:
     // `stored` false: nothing of the message is left on disk, `error` says why.
     using Done = std::function<void(bool stored, const QString& error)>;
 
-    explicit CommitQueue(Flush flush = CommitStagedFiles);
+    // Without a flush of its own, CommitStagedFiles with this queue's threads for the file syncs.
+    explicit CommitQueue(Flush flush = {});
     // Waits for the rounds under way (one disk flush each); messages that were not told stay untold.
     ~CommitQueue();
     CommitQueue(const CommitQueue&) = delete;
@@ -42,11 +43,15 @@ private:
     // A round mostly waits for the disk, and the disk serves the waits of several rounds together:
     // a message staged while one runs starts a round of its own rather than wait for it.
     static constexpr int kMostRoundsAtOnce = 4;
+    // Threads that save files to disk for the rounds, kept between rounds (a thread started per
+    // file costs more than its sync on a virtual machine) and gone after a while without mail.
+    static constexpr int kSyncThreads = 8;
     struct Waiting {
         QList<StagedFile> files;
         Done done;
     };
 
+    void syncEach(qsizetype count, const std::function<void(qsizetype)>& job);
     void schedule();
     void startRound();
     void finishRound(const QList<Waiting>& covered, bool stored, const QString& error);
@@ -59,7 +64,8 @@ private:
     int messages_ = 0;
     int files_ = 0;
     QObject receiver_; // lives on the owning thread; the rounds' outcomes are posted to it
-    QThreadPool pool_; // after receiver_, so that it is gone (and its worker done) first
+    QThreadPool syncPool_;
+    QThreadPool pool_; // last, so that it is gone (and its rounds done) first
 };
 
 } // namespace postiq

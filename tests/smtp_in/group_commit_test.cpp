@@ -125,7 +125,9 @@ TEST(GroupCommit, AFailedFlushAnswers452AndLeavesNoFile)
     EXPECT_FALSE(bench.log("maillog.txt").contains("status=outbox"));
     EXPECT_TRUE(bench.log("error.txt").contains(kStamp + " Postiq/smtplocal[1]: message not stored: Cannot save"));
 
-    bench.session.commitQueue().setFlush(CommitStagedFiles);
+    bench.session.commitQueue().setFlush([](const QList<StagedFile>& files, QString* error) {
+        return CommitStagedFiles(files, error);
+    });
     play(client, {{"MAIL FROM:<a@x.com>\r\n", "250 sender is <a@x.com> sender ok"},
                   {"RCPT TO:<b@y.org>\r\n", "250 recipient is <b@y.org> recipient ok"},
                   {"DATA\r\n", kGoAhead},
