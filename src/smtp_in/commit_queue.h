@@ -18,6 +18,10 @@ namespace postiq {
 // one round covers many messages, alone a message waits for one round only.
 class CommitQueue {
 public:
+    // A round mostly waits for the disk, and the disk serves the waits of several rounds together:
+    // a message staged while one runs starts a round of its own rather than wait for it.
+    static constexpr int kMostRoundsAtOnce = 8;
+
     // Makes the files durable under their names, all or nothing; runs on a worker thread.
     using Flush = std::function<bool(const QList<StagedFile>& files, QString* error)>;
     // `stored` false: nothing of the message is left on disk, `error` says why.
@@ -40,9 +44,6 @@ public:
     void setFlush(Flush flush) { flush_ = std::move(flush); }
 
 private:
-    // A round mostly waits for the disk, and the disk serves the waits of several rounds together:
-    // a message staged while one runs starts a round of its own rather than wait for it.
-    static constexpr int kMostRoundsAtOnce = 4;
     // Threads that save files to disk for the rounds, kept between rounds (a thread started per
     // file costs more than its sync on a virtual machine) and gone after a while without mail.
     static constexpr int kSyncThreads = 8;

@@ -68,8 +68,10 @@ TEST(GroupCommit, RepliesOnlyOnceTheFilesAreOnDiskAndSharesRoundsAmongWaitingSes
     GatedFlush gated;
     bench.session.commitQueue().setFlush(gated.flush());
 
+    constexpr int kAtOnce = CommitQueue::kMostRoundsAtOnce;
+    constexpr int kClients = kAtOnce + 4;
     std::list<Client> clients;
-    for (int i = 0; i < 8; ++i)
+    for (int i = 0; i < kClients; ++i)
         play(clients.emplace_back(bench.port), kEnvelope);
     auto client = clients.begin();
     EXPECT_EQ(client->answer(kDataEnd, 100), QByteArray()); // held by the first round
@@ -77,7 +79,7 @@ TEST(GroupCommit, RepliesOnlyOnceTheFilesAreOnDiskAndSharesRoundsAmongWaitingSes
     for (++client; client != std::next(clients.begin(), 3); ++client) // together, in one round
         client->socket.write(kDataEnd);
     ASSERT_TRUE(spinUntil([&] { return gated.entered == 2; }));
-    for (int round = 3; round <= 4; ++round, ++client) {
+    for (int round = 3; round <= kAtOnce; ++round, ++client) {
         client->socket.write(kDataEnd);
         ASSERT_TRUE(spinUntil([&] { return gated.entered == round; }));
     }
@@ -85,23 +87,23 @@ TEST(GroupCommit, RepliesOnlyOnceTheFilesAreOnDiskAndSharesRoundsAmongWaitingSes
         client->socket.write(kDataEnd);
     for (Client& waiting : clients)
         EXPECT_EQ(waiting.answer({}, 20), QByteArray());
-    EXPECT_EQ(gated.entered, 4);
+    EXPECT_EQ(gated.entered, kAtOnce);
     // Nothing visible yet: only the staged files, hidden.
     EXPECT_TRUE(QDir(bench.path(QStringLiteral("OutBox"))).entryList(QDir::Files).isEmpty());
-    EXPECT_EQ(bench.outBox().size(), 8);
+    EXPECT_EQ(bench.outBox().size(), kClients);
 
-    gated.gate.release(); // one of the four rounds ends; the last three messages share a fifth
-    ASSERT_TRUE(spinUntil([&] { return gated.entered == 5; }));
-    gated.gate.release(4);
+    gated.gate.release(); // one of the rounds ends; the last three messages share the next
+    ASSERT_TRUE(spinUntil([&] { return gated.entered == kAtOnce + 1; }));
+    gated.gate.release(kAtOnce);
     for (Client& waiting : clients)
         EXPECT_EQ(waiting.answer(), kAccepted);
 
-    EXPECT_EQ(bench.session.commitQueue().rounds(), 5);
-    EXPECT_EQ(bench.session.commitQueue().messages(), 8);
+    EXPECT_EQ(bench.session.commitQueue().rounds(), kAtOnce + 1);
+    EXPECT_EQ(bench.session.commitQueue().messages(), kClients);
     const QStringList files = bench.outBox();
-    EXPECT_EQ(files.size(), 8);
+    EXPECT_EQ(files.size(), kClients);
     EXPECT_TRUE(std::none_of(files.begin(), files.end(), [](const QString& f) { return f.startsWith('.'); }));
-    EXPECT_EQ(bench.log("maillog.txt").count("status=outbox"), 8);
+    EXPECT_EQ(bench.log("maillog.txt").count("status=outbox"), kClients);
 }
 
 // A flush that fails turns the 250 into a 452, leaves no file, and the session goes on.
