@@ -301,6 +301,8 @@ fi
 # ---- the table ----
 ratio() { awk -v a="$1" -v b="$2" 'BEGIN { if (a != "" && b > 0) printf "%.2f×", a / b; else print "" }'; }
 verdict() { awk -v ok="$1" 'BEGIN { print (ok ? "met" : "**MISSED**") }'; }
+# The verdict of a figure, or "not measured" when this run left it out (--only).
+result() { [ -z "$1" ] && echo "not measured" || verdict "$2"; }
 at_most() { awk -v v="$1" -v t="$2" 'BEGIN { exit !(v != "" && v != "-" && v + 0 <= t) }' && echo 1 || echo 0; }
 at_least() { awk -v v="$1" -v t="$2" 'BEGIN { exit !(v != "" && v + 0 >= t) }' && echo 1 || echo 0; }
 mb() { [ -n "$1" ] && awk -v k="$1" 'BEGIN { printf "%.1f MB", k / 1024 }' || echo "-"; }
@@ -317,13 +319,13 @@ Postiq $("$postiq" --version 2>/dev/null | awk '{ print $2 }') ($(git -C "$root"
 
 | Figure | Postiq | Postfix | Ratio | Target | Result |
 |---|---|---|---|---|---|
-| accept-to-delivered latency, $n_latency messages one at a time, local sink | p50 $p_p50 ms, p99 $p_p99 ms$([ "$p_lost" != 0 ] && echo ", $p_lost not arrived") | p50 $f_p50 ms, p99 $f_p99 ms | | p50 ≤ 50 ms, p99 ≤ 200 ms | $(verdict "$latency_ok") |
-| accept, 20 sessions, $n_accept messages (msg/s) | $p_accept | $f_accept | $(ratio "$p_accept" "$f_accept") | ≥ 3× Postfix | $(verdict "$(at_least "$accept_ratio" 3)") |
-| delivery of $n_deliver queued messages to smtp-sink (msg/s) | $p_deliver | $f_deliver | $(ratio "$p_deliver" "$f_deliver") | ≥ 2× Postfix | $(verdict "$(at_least "$deliver_ratio" 2)") |
-| dispatch of a new message with $n_deferred files already deferred (accept to sink, p50 of 5) | $d_p50 ms (max $d_max ms) | | | ≤ 100 ms | $(verdict "$(($(at_most "$d_p50" 100) && ${d_lost:-1} == 0))") |
-| idle resident memory, headless (VmRSS) | $(mb "$rss_idle") | | | ≤ 12 MB | $(verdict "$(at_most "$rss_idle" 12288)") |
-| peak over idle while $n_big clients send $big_mb MB each at once (VmHWM − idle VmRSS) | +$(mb "$big_receive"), $big_kept of $n_big kept | | | ≤ +80 MB | $(verdict "$big_ok") |
-| peak over idle while those $n_big are delivered at once to smtp-sink | +$(mb "$big_deliver") | | | ≤ +80 MB | $(verdict "$(at_most "$big_deliver" 81920)") |
+| accept-to-delivered latency, $n_latency messages one at a time, local sink | p50 $p_p50 ms, p99 $p_p99 ms$([ "$p_lost" != 0 ] && echo ", $p_lost not arrived") | p50 $f_p50 ms, p99 $f_p99 ms | | p50 ≤ 50 ms, p99 ≤ 200 ms | $(result "$p_p50" "$latency_ok") |
+| accept, 20 sessions, $n_accept messages (msg/s) | $p_accept | $f_accept | $(ratio "$p_accept" "$f_accept") | ≥ 3× Postfix | $(result "$p_accept" "$(at_least "$accept_ratio" 3)") |
+| delivery of $n_deliver queued messages to smtp-sink (msg/s) | $p_deliver | $f_deliver | $(ratio "$p_deliver" "$f_deliver") | ≥ 2× Postfix | $(result "$p_deliver" "$(at_least "$deliver_ratio" 2)") |
+| dispatch of a new message with $n_deferred files already deferred (accept to sink, p50 of 5) | $d_p50 ms (max $d_max ms) | | | ≤ 100 ms | $(result "$d_p50" "$(($(at_most "$d_p50" 100) && ${d_lost:-1} == 0))") |
+| idle resident memory, headless (VmRSS) | $(mb "$rss_idle") | | | ≤ 12 MB | $(result "$rss_idle" "$(at_most "$rss_idle" 12288)") |
+| peak over idle while $n_big clients send $big_mb MB each at once (VmHWM − idle VmRSS) | +$(mb "$big_receive"), $big_kept of $n_big kept | | | ≤ +80 MB | $(result "$big_receive" "$big_ok") |
+| peak over idle while those $n_big are delivered at once to smtp-sink | +$(mb "$big_deliver") | | | ≤ +80 MB | $(result "$big_receive" "$(at_most "$big_deliver" 81920)") |
 
 Beside the table: the relay with $n_deferred files deferred listened $d_start ms after its start and idled at $(mb "$d_idle"); the idle size of the relay of the $big_mb MB run was $(mb "$big_idle").
 EOF
