@@ -3,9 +3,10 @@
 # has a ratio, and prints one table: each figure, Postiq's value, Postfix's, the ratio, the target
 # and whether it is met. Writes the table into bench/RESULTS.md (its own section only).
 #
-#   bench/run.sh [--quick] [--only delivery]
+#   bench/run.sh [--quick] [--only FIGURES]
 #     --quick: small counts, a smoke run of under two minutes
-#     --only delivery: the delivery figure alone (Postiq's and Postfix's), printed, not recorded
+#     --only: a comma-separated list of the figures to measure (idle, accept, delivery, peaks,
+#             latency, dispatch); the others are left blank. A partial run is never recorded.
 #
 # Everything runs on loop-back addresses inside a network namespace of its own, is started and
 # stopped by this script, and every wait is bounded. Postfix runs as an instance of its own (its own
@@ -27,17 +28,12 @@ quick=0 only=
 while [ $# -gt 0 ]; do
   case "$1" in
     --quick) quick=1 ;;
-    --only) only=${2:-}; shift ;;
-    *) echo "bench/run.sh: unknown option $1" >&2; exit 2 ;;
+    --only) only=${2:?--only needs a list of figures}; shift ;;
+    *) echo "bench/run.sh: unknown option $1" >&2; exit 1 ;;
   esac
   shift
 done
-case "$only" in
-  ''|delivery) ;;
-  *) echo "bench/run.sh: --only takes delivery" >&2; exit 2 ;;
-esac
-# Whether a part of the run is wanted: all of them, unless --only names one.
-want() { [ -z "$only" ] || [ "$only" = "$1" ]; }
+want() { [ -z "$only" ] || [[ ",$only," == *",$1,"* ]]; } # figure: is it measured in this run?
 if [ "$quick" -eq 1 ]; then
   n_accept=300 n_deliver=300 n_deferred=2000 n_latency=5 big_mb=3 runs=2
 else
@@ -79,6 +75,10 @@ fi
 rm -rf "$work"
 mkdir -p "$work"
 chmod 755 "$work"
+
+# Every figure starts blank, so that one not measured prints as such.
+rss_idle= p_accept= f_accept= p_deliver= f_deliver= big_idle= big_kept= big_receive= big_deliver=
+p_p50= p_p99= p_max= p_lost= f_p50= f_p99= f_max= f_lost= d_start= d_idle= d_p50= d_p99= d_max= d_lost=
 
 now() { date +%s.%N; }
 load() { cut -d' ' -f1 /proc/loadavg; }
@@ -139,10 +139,12 @@ awk -v listen="$postfix_addr:$postfix_port" '
   $1 == "smtp" && $2 == "inet" { $1 = listen }
   $2 ~ /^(inet|unix|fifo|pass|unix-dgram)$/ { $5 = "n" }
   { print }' /usr/share/postfix/master.cf.dist > "$pf/etc/master.cf"
-postfix -c "$pf/etc" check >/dev/null 2>&1 || true
-postfix -c "$pf/etc" start >/dev/null 2>&1
-postfix_started=1
-wait_port "$postfix_addr" "$postfix_port"
+if want accept || want delivery || want latency; then
+  postfix -c "$pf/etc" check >/dev/null 2>&1 || true
+  postfix -c "$pf/etc" start >/dev/null 2>&1
+  postfix_started=1
+  wait_port "$postfix_addr" "$postfix_port"
+fi
 
 # ---- Postiq ----
 folder=
@@ -184,23 +186,28 @@ release_to_sink() { # seconds
   wait_until "$1" outbox_empty
 }
 
+if want idle || want accept || want delivery; then
 echo "== Postiq and Postfix: accept and delivery (load $(load))"
 start_postiq "$work/postiq" On
 sleep 2
 rss_idle=$(kb "$postiq_pid" VmRSS)
 # Each side in turn, so that both meet the same load of the machine; the best run of each counts.
 p_rates=() f_rates=()
-want accept || runs_accept=0
-for _ in $(seq "${runs_accept:-$runs}"); do
-  p_rates+=("$(accept 127.0.0.1 "$postiq_port" 20 "$n_accept")")
-  f_rates+=("$(accept "$postfix_addr" "$postfix_port" 20 "$n_accept")")
-done
-p_accept=$(max "${p_rates[@]:-0}") f_accept=$(max "${f_rates[@]:-0}")
-echo "idle $rss_idle kB; accept, 20 sessions: Postiq ${p_rates[*]}/s, Postfix ${f_rates[*]}/s"
+if want accept; then
+  for _ in $(seq "$runs"); do
+    p_rates+=("$(accept 127.0.0.1 "$postiq_port" 20 "$n_accept")")
+    f_rates+=("$(accept "$postfix_addr" "$postfix_port" 20 "$n_accept")")
+  done
+  p_accept=$(max "${p_rates[@]}") f_accept=$(max "${f_rates[@]}")
+fi
+echo "idle $rss_idle kB; accept, 20 sessions: Postiq ${p_rates[*]:-}/s, Postfix ${f_rates[*]:-}/s"
+if want delivery; then
 rm -rf "$folder/OutBox"/* # a queue of exactly n_deliver
 smtp-source -d -s 20 -m "$n_deliver" -l "$size" -f "$from" -t "$to" -M bench.example "127.0.0.1:$postiq_port" >/dev/null
 if release_to_sink 600; then p_deliver=$(rate $((n_deliver - 1)) "$departed" "$(now)"); else p_deliver=0; fi
+fi
 stop_postiq
+if want delivery; then
 pf_queued() { find "$pf/spool/hold" "$pf/spool/incoming" "$pf/spool/active" "$pf/spool/deferred" -type f | wc -l; }
 pf_held_all() { [ "$(find "$pf/spool/hold" -type f | wc -l)" -ge "$n_deliver" ]; }
 pf_empty() { [ "$(pf_queued)" -eq 0 ]; }
@@ -216,13 +223,10 @@ if wait_until 120 pf_some_left; then
   wait_until 600 pf_empty && f_deliver=$(rate $((n_deliver - 1)) "$t0" "$(now)")
 fi
 echo "delivery: Postiq $p_deliver/s, Postfix $f_deliver/s"
-if [ -n "$only" ]; then
-  echo
-  echo "| delivery of $n_deliver queued messages to smtp-sink (msg/s) | $p_deliver | $f_deliver | $(awk -v a="$p_deliver" -v b="$f_deliver" 'BEGIN { if (b > 0) printf "%.2f×", a / b }') | ≥ 2× Postfix |"
-  echo "(load average at the end $(cut -d' ' -f1-3 /proc/loadavg); --only runs are never recorded)"
-  exit 0
+fi
 fi
 
+if want peaks; then
 echo "== Postiq, $n_big messages of $big_mb MB at once (load $(load))"
 start_postiq "$work/big" On
 sleep 2
@@ -239,14 +243,18 @@ else
 fi
 stop_postiq
 echo "idle $big_idle kB; $big_kept of $n_big kept; peak over idle: receiving $big_receive kB, delivering ${big_deliver:--} kB"
+fi
 
+if want latency; then
 echo "== Postiq, latency (load $(load))"
 start_postiq "$work/latency" Off "$probe_addr:$probe_port"
 read -r p_p50 p_p99 p_max p_lost < <(timeout 900 python3 "$here/latency_probe.py" \
   "127.0.0.1:$postiq_port" "$probe_addr:$probe_port" "$n_latency" 30) || true
 stop_postiq
 echo "p50 $p_p50 ms, p99 $p_p99 ms, max $p_max ms, not arrived $p_lost"
+fi
 
+if want dispatch; then
 echo "== Postiq, $n_deferred deferred (load $(load))"
 # One message deferred for real (its server does not answer), then copied under fresh names: each
 # copy is fresh, so none is due before the bench ends.
@@ -275,7 +283,9 @@ d_left=$(files_in Deferred)
 stop_postiq
 rm -rf "$folder/Deferred" # the next run starts sooner without them to remove
 echo "$d_left deferred; listening after $d_start ms, RSS $d_idle kB; dispatch p50 $d_p50 ms, max $d_max ms, not arrived $d_lost"
+fi
 
+if want latency; then
 echo "== Postfix, latency (load $(load))"
 # The same latency probe, with nothing held and the probe's sink as the relay host.
 postconf -c "$pf/etc" -e "smtpd_client_restrictions =" "relayhost = [$probe_addr]:$probe_port"
@@ -286,10 +296,13 @@ read -r f_p50 f_p99 f_max f_lost < <(timeout 900 python3 "$here/latency_probe.py
 postfix -c "$pf/etc" stop >/dev/null 2>&1
 postfix_started=0
 echo "p50 $f_p50 ms, p99 $f_p99 ms, max $f_max ms, not arrived $f_lost"
+fi
 
 # ---- the table ----
 ratio() { awk -v a="$1" -v b="$2" 'BEGIN { if (a != "" && b > 0) printf "%.2f×", a / b; else print "" }'; }
 verdict() { awk -v ok="$1" 'BEGIN { print (ok ? "met" : "**MISSED**") }'; }
+# The verdict of a figure, or "not measured" when this run left it out (--only).
+result() { [ -z "$1" ] && echo "not measured" || verdict "$2"; }
 at_most() { awk -v v="$1" -v t="$2" 'BEGIN { exit !(v != "" && v != "-" && v + 0 <= t) }' && echo 1 || echo 0; }
 at_least() { awk -v v="$1" -v t="$2" 'BEGIN { exit !(v != "" && v + 0 >= t) }' && echo 1 || echo 0; }
 mb() { [ -n "$1" ] && awk -v k="$1" 'BEGIN { printf "%.1f MB", k / 1024 }' || echo "-"; }
@@ -299,26 +312,27 @@ latency_ok=$(($(at_most "$p_p50" 50) && $(at_most "$p_p99" 200) && ${p_lost:-1} 
 big_ok=$(awk -v r="$big_receive" -v k="$big_kept" -v n="$n_big" 'BEGIN { print (k == n && r <= 81920) }')
 machine="$(nproc) cores, $(awk -F': ' '/model name/ { print $2; exit }' /proc/cpuinfo), $(awk '/MemTotal/ { printf "%.0f GB", $2 / 1048576 }' /proc/meminfo), $(. /etc/os-release; echo "$PRETTY_NAME"), $(df -T "$work" | awk 'NR == 2 { print $2 }') on $(df "$work" | awk 'NR == 2 { print $1 }')"
 mode=$([ "$quick" -eq 1 ] && echo "QUICK run (small counts; not a measurement)" || echo "Full run")
+[ -n "$only" ] && mode="$mode of $only only"
 table=$(cat <<EOF
 $mode of $(date -u '+%Y-%m-%d %H:%M UTC') on $(hostname): $machine; load average at the end $(cut -d' ' -f1-3 /proc/loadavg).
-Postiq $("$postiq" --version 2>/dev/null | awk '{ print $2 }') ($(git -C "$root" rev-parse --short HEAD 2>/dev/null || echo '?')); Postfix $(postconf -d -h mail_version 2>/dev/null), a private instance. Load: smtp-source, $size-byte messages, one per connection; accept rates are the best of $runs runs, Postiq's and Postfix's in turns.
+Postiq $("$postiq" --version 2>/dev/null | awk '{ print $2 }') ($(git -C "$root" rev-parse --short HEAD 2>/dev/null || echo '?')); Postfix $(postconf -d -h mail_version 2>/dev/null), a private instance. Load: smtp-source, $size-byte messages over 20 connections, one after another on each; accept rates are the best of $runs runs, Postiq's and Postfix's in turns.
 
 | Figure | Postiq | Postfix | Ratio | Target | Result |
 |---|---|---|---|---|---|
-| accept-to-delivered latency, $n_latency messages one at a time, local sink | p50 $p_p50 ms, p99 $p_p99 ms$([ "$p_lost" != 0 ] && echo ", $p_lost not arrived") | p50 $f_p50 ms, p99 $f_p99 ms | | p50 ≤ 50 ms, p99 ≤ 200 ms | $(verdict "$latency_ok") |
-| accept, 20 sessions, $n_accept messages (msg/s) | $p_accept | $f_accept | $(ratio "$p_accept" "$f_accept") | ≥ 3× Postfix | $(verdict "$(at_least "$accept_ratio" 3)") |
-| delivery of $n_deliver queued messages to smtp-sink (msg/s) | $p_deliver | $f_deliver | $(ratio "$p_deliver" "$f_deliver") | ≥ 2× Postfix | $(verdict "$(at_least "$deliver_ratio" 2)") |
-| dispatch of a new message with $n_deferred files already deferred (accept to sink, p50 of 5) | $d_p50 ms (max $d_max ms) | | | ≤ 100 ms | $(verdict "$(($(at_most "$d_p50" 100) && ${d_lost:-1} == 0))") |
-| idle resident memory, headless (VmRSS) | $(mb "$rss_idle") | | | ≤ 12 MB | $(verdict "$(at_most "$rss_idle" 12288)") |
-| peak over idle while $n_big clients send $big_mb MB each at once (VmHWM − idle VmRSS) | +$(mb "$big_receive"), $big_kept of $n_big kept | | | ≤ +80 MB | $(verdict "$big_ok") |
-| peak over idle while those $n_big are delivered at once to smtp-sink | +$(mb "$big_deliver") | | | ≤ +80 MB | $(verdict "$(at_most "$big_deliver" 81920)") |
+| accept-to-delivered latency, $n_latency messages one at a time, local sink | p50 $p_p50 ms, p99 $p_p99 ms$([ "$p_lost" != 0 ] && echo ", $p_lost not arrived") | p50 $f_p50 ms, p99 $f_p99 ms | | p50 ≤ 50 ms, p99 ≤ 200 ms | $(result "$p_p50" "$latency_ok") |
+| accept, 20 sessions, $n_accept messages (msg/s) | $p_accept | $f_accept | $(ratio "$p_accept" "$f_accept") | ≥ 3× Postfix | $(result "$p_accept" "$(at_least "$accept_ratio" 3)") |
+| delivery of $n_deliver queued messages to smtp-sink (msg/s) | $p_deliver | $f_deliver | $(ratio "$p_deliver" "$f_deliver") | ≥ 2× Postfix | $(result "$p_deliver" "$(at_least "$deliver_ratio" 2)") |
+| dispatch of a new message with $n_deferred files already deferred (accept to sink, p50 of 5) | $d_p50 ms (max $d_max ms) | | | ≤ 100 ms | $(result "$d_p50" "$(($(at_most "$d_p50" 100) && ${d_lost:-1} == 0))") |
+| idle resident memory, headless (VmRSS) | $(mb "$rss_idle") | | | ≤ 12 MB | $(result "$rss_idle" "$(at_most "$rss_idle" 12288)") |
+| peak over idle while $n_big clients send $big_mb MB each at once (VmHWM − idle VmRSS) | +$(mb "$big_receive"), $big_kept of $n_big kept | | | ≤ +80 MB | $(result "$big_receive" "$big_ok") |
+| peak over idle while those $n_big are delivered at once to smtp-sink | +$(mb "$big_deliver") | | | ≤ +80 MB | $(result "$big_receive" "$(at_most "$big_deliver" 81920)") |
 
 Beside the table: the relay with $n_deferred files deferred listened $d_start ms after its start and idled at $(mb "$d_idle"); the idle size of the relay of the $big_mb MB run was $(mb "$big_idle").
 EOF
 )
 echo
 echo "$table"
-[ "$quick" -eq 1 ] && exit 0 # a smoke run is never recorded
+[ "$quick" -eq 1 ] || [ -n "$only" ] && exit 0 # a smoke run or a partial one is never recorded
 # Only this script's section is replaced; the others (profile, fuzzing, crash tests) are kept.
 others=""
 [ -f "$here/RESULTS.md" ] && others=$(awk '/^## / && !/^## Speed and memory/ { keep = 1 } /^## Speed and memory/ { keep = 0 } keep' "$here/RESULTS.md")

@@ -20,6 +20,7 @@
 #include "log/version.h"
 #include "platform/clock.h"
 #include "platform/desktop.h"
+#include "platform/free_memory.h"
 #include "platform/keyring.h"
 #include "platform/linux_network.h"
 #include "platform/network_state.h"
@@ -216,6 +217,8 @@ int runPostiq(int argc, char** argv)
                                return CarryOutRelayCommand(application, verb, argument);
                            });
     openControlChannel(control, desktop);
+    // Start-up is over once the loop has turned: what only it needed goes back.
+    QTimer::singleShot(0, [] { ReleaseStartUpPages(); });
     return QCoreApplication::exec();
 }
 

@@ -4,12 +4,17 @@
 #include <QFileInfo>
 #include <QMap>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <stdio.h>
+#include <system_error>
+#include <thread>
 #include <unistd.h>
+#include <vector>
 
 namespace postiq {
 
@@ -117,30 +122,76 @@ bool StageFile(const QString& path, const QByteArray& data, StagedFile* staged, 
 }
 
 namespace {
-bool syncStaging(const QString& staging, QString* error)
+// How many staging files are saved to disk at the same time at most.
+constexpr qsizetype kMostSyncsAtOnce = 8;
+
+// What became of one file's sync: 0 when it is on disk, otherwise the error number and the step.
+struct SyncOutcome {
+    int number = 0;
+    bool opened = true;
+};
+
+SyncOutcome syncStaging(const QByteArray& staging)
 {
-    const int handle = ::open(QFile::encodeName(staging).constData(), O_RDONLY | O_CLOEXEC);
+    const int handle = ::open(staging.constData(), O_RDONLY | O_CLOEXEC);
     if (handle < 0)
-        return fail(error, QStringLiteral("Cannot open"), staging);
+        return {errno, false};
     const bool synced = ::fdatasync(handle) == 0;
     const int number = errno;
     ::close(handle);
-    return synced || fail(error, QStringLiteral("Cannot save to disk"), staging, number);
+    return {synced ? 0 : number, true};
+}
+
+// Runs the jobs on threads started for them, at most kMostSyncsAtOnce at a time.
+void forEachOnThreadsOfItsOwn(qsizetype count, const std::function<void(qsizetype)>& job)
+{
+    std::atomic<qsizetype> next{0};
+    const auto work = [&] {
+        for (qsizetype i = next++; i < count; i = next++)
+            job(i);
+    };
+    std::vector<std::jthread> helpers;
+    try {
+        for (qsizetype i = 1; i < std::min(count, kMostSyncsAtOnce); ++i)
+            helpers.emplace_back(work);
+    } catch (const std::system_error&) {
+        // No thread to be had: the ones started and this one do the rest.
+    }
+    work();
+} // the helpers are joined here, as they go out of scope
+
+// Saves every staging file to disk, several at once. Each sync waits for the disk, and the disk
+// serves the waits of many files together, so that a round costs about one wait where one file
+// after another costs one each. The names are encoded first, so that the jobs only make system
+// calls.
+bool syncAllStaging(const QList<StagedFile>& files, QString* error, const ForEachAtOnce& atOnce)
+{
+    std::vector<QByteArray> paths;
+    paths.reserve(size_t(files.size()));
+    for (const StagedFile& file : files)
+        paths.push_back(QFile::encodeName(file.staging));
+    std::vector<SyncOutcome> outcomes(paths.size());
+    const auto job = [&](qsizetype i) { outcomes[size_t(i)] = syncStaging(paths[size_t(i)]); };
+    if (atOnce)
+        atOnce(files.size(), job);
+    else
+        forEachOnThreadsOfItsOwn(files.size(), job);
+    for (size_t i = 0; i < outcomes.size(); ++i) {
+        if (outcomes[i].number == 0)
+            continue;
+        errno = outcomes[i].number; // as if this thread had failed: callers tell a full disk by it
+        return fail(error, outcomes[i].opened ? QStringLiteral("Cannot save to disk") : QStringLiteral("Cannot open"),
+                    files[qsizetype(i)].staging, outcomes[i].number);
+    }
+    return true;
 }
 } // namespace
 
-bool CommitStagedFiles(const QList<StagedFile>& files, QString* error)
+bool CommitStagedFiles(const QList<StagedFile>& files, QString* error, const ForEachAtOnce& atOnce)
 {
-    // The data first, all of it: on a journalling file system the first sync carries the others'
-    // blocks along, so the rest cost little. Only then the names, so that a crash never leaves a
-    // visible file whose bytes did not reach the disk.
-    bool ok = true;
-    for (const StagedFile& file : files) {
-        if (!syncStaging(file.staging, error)) {
-            ok = false;
-            break;
-        }
-    }
+    // The data first, all of it, then the names, so that a crash never leaves a visible file
+    // whose bytes did not reach the disk.
+    bool ok = syncAllStaging(files, error, atOnce);
     qsizetype renamed = 0;
     QMap<QString, QString> folders; // folder -> a file in it
     for (; ok && renamed < files.size(); ++renamed) {

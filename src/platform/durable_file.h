@@ -4,6 +4,7 @@
 #include <QFile>
 #include <QList>
 #include <QString>
+#include <functional>
 
 namespace postiq {
 
@@ -35,10 +36,15 @@ struct StagedFile {
 // already there is refused: it belongs to a write in progress.
 bool StageFile(const QString& path, const QByteArray& data, StagedFile* staged, QString* error);
 
+// Runs job(0) ... job(count - 1), several at once, and returns once every one is done.
+using ForEachAtOnce = std::function<void(qsizetype count, const std::function<void(qsizetype)>& job)>;
+
 // Makes staged files durable under their own names: every staging file saved to disk, renamed to
 // its name (never over an existing file), and every folder involved saved to disk. All or nothing:
 // on failure no file of the list is left, staged or renamed. Blocks: run it off the event loop.
-bool CommitStagedFiles(const QList<StagedFile>& files, QString* error);
+// The files are saved to disk several at once, by `atOnce` (threads kept for it) when given, by
+// threads started for the call otherwise.
+bool CommitStagedFiles(const QList<StagedFile>& files, QString* error, const ForEachAtOnce& atOnce = {});
 
 // Removes the staging files of files that will not be committed.
 void DiscardStagedFiles(const QList<StagedFile>& files);

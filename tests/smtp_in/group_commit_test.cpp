@@ -59,40 +59,51 @@ const QByteArray kDataEnd = "Subject: x\r\n\r\nbody\r\n.\r\n";
 const QByteArray kNoStorage = "452 Insufficient system storage";
 } // namespace
 
-// The 250 waits for the disk; sessions that end their data while a round runs share the next.
-TEST(GroupCommit, RepliesOnlyOnceTheFilesAreOnDiskAndSharesOneRoundAmongWaitingSessions)
+// The 250 waits for the disk. A message staged while a round runs starts a round of its own, and
+// sessions that end their data in the same turn share it; past the rounds allowed at once, the
+// next round waits for one to end and then takes everything staged meanwhile.
+TEST(GroupCommit, RepliesOnlyOnceTheFilesAreOnDiskAndSharesRoundsAmongWaitingSessions)
 {
     CommitBench bench;
     GatedFlush gated;
     bench.session.commitQueue().setFlush(gated.flush());
 
+    constexpr int kAtOnce = CommitQueue::kMostRoundsAtOnce;
+    constexpr int kClients = kAtOnce + 4;
     std::list<Client> clients;
-    for (int i = 0; i < 5; ++i) {
+    for (int i = 0; i < kClients; ++i)
         play(clients.emplace_back(bench.port), kEnvelope);
-    }
-    auto first = clients.begin();
-    EXPECT_EQ(first->answer(kDataEnd, 100), QByteArray()); // held by the first round
+    auto client = clients.begin();
+    EXPECT_EQ(client->answer(kDataEnd, 100), QByteArray()); // held by the first round
     ASSERT_TRUE(spinUntil([&] { return gated.entered == 1; }));
-    for (auto client = std::next(first); client != clients.end(); ++client)
-        EXPECT_EQ(client->answer(kDataEnd, 50), QByteArray());
+    for (++client; client != std::next(clients.begin(), 3); ++client) // together, in one round
+        client->socket.write(kDataEnd);
+    ASSERT_TRUE(spinUntil([&] { return gated.entered == 2; }));
+    for (int round = 3; round <= kAtOnce; ++round, ++client) {
+        client->socket.write(kDataEnd);
+        ASSERT_TRUE(spinUntil([&] { return gated.entered == round; }));
+    }
+    for (; client != clients.end(); ++client) // more than the rounds allowed at once: they wait
+        client->socket.write(kDataEnd);
+    for (Client& waiting : clients)
+        EXPECT_EQ(waiting.answer({}, 20), QByteArray());
+    EXPECT_EQ(gated.entered, kAtOnce);
     // Nothing visible yet: only the staged files, hidden.
     EXPECT_TRUE(QDir(bench.path(QStringLiteral("OutBox"))).entryList(QDir::Files).isEmpty());
-    EXPECT_EQ(bench.outBox().size(), 5);
+    EXPECT_EQ(bench.outBox().size(), kClients);
 
-    gated.gate.release();
-    EXPECT_EQ(first->answer(), kAccepted);
-    ASSERT_TRUE(spinUntil([&] { return gated.entered == 2; }));
-    EXPECT_EQ(std::next(first)->answer({}, 100), QByteArray()); // the second round holds the rest
-    gated.gate.release();
-    for (auto client = std::next(first); client != clients.end(); ++client)
-        EXPECT_EQ(client->answer(), kAccepted);
+    gated.gate.release(); // one of the rounds ends; the last three messages share the next
+    ASSERT_TRUE(spinUntil([&] { return gated.entered == kAtOnce + 1; }));
+    gated.gate.release(kAtOnce);
+    for (Client& waiting : clients)
+        EXPECT_EQ(waiting.answer(), kAccepted);
 
-    EXPECT_EQ(bench.session.commitQueue().rounds(), 2);
-    EXPECT_EQ(bench.session.commitQueue().messages(), 5);
+    EXPECT_EQ(bench.session.commitQueue().rounds(), kAtOnce + 1);
+    EXPECT_EQ(bench.session.commitQueue().messages(), kClients);
     const QStringList files = bench.outBox();
-    EXPECT_EQ(files.size(), 5);
+    EXPECT_EQ(files.size(), kClients);
     EXPECT_TRUE(std::none_of(files.begin(), files.end(), [](const QString& f) { return f.startsWith('.'); }));
-    EXPECT_EQ(bench.log("maillog.txt").count("status=outbox"), 5);
+    EXPECT_EQ(bench.log("maillog.txt").count("status=outbox"), kClients);
 }
 
 // A flush that fails turns the 250 into a 452, leaves no file, and the session goes on.
@@ -116,7 +127,9 @@ TEST(GroupCommit, AFailedFlushAnswers452AndLeavesNoFile)
     EXPECT_FALSE(bench.log("maillog.txt").contains("status=outbox"));
     EXPECT_TRUE(bench.log("error.txt").contains(kStamp + " Postiq/smtplocal[1]: message not stored: Cannot save"));
 
-    bench.session.commitQueue().setFlush(CommitStagedFiles);
+    bench.session.commitQueue().setFlush([](const QList<StagedFile>& files, QString* error) {
+        return CommitStagedFiles(files, error);
+    });
     play(client, {{"MAIL FROM:<a@x.com>\r\n", "250 sender is <a@x.com> sender ok"},
                   {"RCPT TO:<b@y.org>\r\n", "250 recipient is <b@y.org> recipient ok"},
                   {"DATA\r\n", kGoAhead},
@@ -181,6 +194,29 @@ TEST(GroupCommit, CommittingStagedFilesNeverReplacesAFileAndLeavesNothingOnFailu
     EXPECT_TRUE(CommitStagedFiles({stagedA}, &error)) << qPrintable(error);
     EXPECT_EQ(readFile(a), "first");
     EXPECT_FALSE(QFileInfo::exists(stagedA.staging));
+}
+
+// A round of more files than are saved to disk at once: all of them are committed; one that
+// cannot be saved (gone under the round) fails the whole round and leaves nothing of it.
+TEST(GroupCommit, ARoundOfManyFilesIsCommittedWholeOrNotAtAll)
+{
+    QTemporaryDir dir;
+    QString error;
+    QList<StagedFile> staged(40);
+    for (int i = 0; i < 40; ++i)
+        ASSERT_TRUE(StageFile(dir.filePath(QString::number(i)), QByteArray::number(i), &staged[i], &error));
+    EXPECT_TRUE(CommitStagedFiles(staged, &error)) << qPrintable(error);
+    for (int i = 0; i < 40; ++i)
+        EXPECT_EQ(readFile(dir.filePath(QString::number(i))), QByteArray::number(i));
+    EXPECT_EQ(QDir(dir.path()).entryList(QDir::Files | QDir::Hidden).size(), 40);
+
+    QTemporaryDir other;
+    for (int i = 0; i < 40; ++i)
+        ASSERT_TRUE(StageFile(other.filePath(QString::number(i)), "x", &staged[i], &error));
+    ASSERT_TRUE(QFile::remove(staged[29].staging));
+    EXPECT_FALSE(CommitStagedFiles(staged, &error));
+    EXPECT_TRUE(error.startsWith(QStringLiteral("Cannot open '") + staged[29].staging)) << qPrintable(error);
+    EXPECT_TRUE(QDir(other.path()).entryList(QDir::Files | QDir::Hidden).isEmpty());
 }
 
 // A message that cannot even be staged (here OutBox is a plain file, so no queue file can be
