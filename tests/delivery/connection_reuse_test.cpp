@@ -300,8 +300,9 @@ TEST(ConnectionReuse, ALargeTextStreamsByteForByte)
     EXPECT_EQ(saved[0].content.size(), textSize + 2);
     EXPECT_EQ(QCryptographicHash::hash(saved[0].content, QCryptographicHash::Sha256), expectedHash);
     std::cout << "resident memory while sending " << textSize / 1024 << " KB: +" << (peak - before) << " KB\n";
-    if (!kSanitizerBuild) // freed memory is held back on purpose there
+    if (!kSanitizerBuild) { // freed memory is held back on purpose there
         EXPECT_LT(peak - before, 16 * 1024) << "the text is never held whole";
+    }
 }
 
 // Ten messages to aiosmtpd come from one client port: one connection.
