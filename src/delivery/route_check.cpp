@@ -1,5 +1,6 @@
 #include "delivery/route_check.h"
 
+#include <QCoreApplication>
 #include <QPointer>
 #include <QSslCertificate>
 #include <QSslCipher>
@@ -222,7 +223,8 @@ void RouteCheck::start()
 void RouteCheck::connectToServer()
 {
     const ServerRoute& route = d_->route.route;
-    auto* socket = new QSslSocket;
+    // The application owns it, so that one still saying QUIT when the program ends goes with it.
+    auto* socket = new QSslSocket(QCoreApplication::instance());
     d_->socket = socket;
     connect(socket, &QSslSocket::connected, this, &RouteCheck::connected);
     connect(socket, &QSslSocket::readyRead, this, &RouteCheck::dataArrived);
